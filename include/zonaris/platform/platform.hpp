@@ -1,0 +1,71 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "zonaris/platform/clock.hpp"
+#include "zonaris/platform/dispatch.hpp"
+#include "zonaris/platform/http.hpp"
+#include "zonaris/platform/location.hpp"
+#include "zonaris/platform/log.hpp"
+#include "zonaris/platform/store.hpp"
+
+#ifndef ZONARIS_BASE_URL
+#define ZONARIS_BASE_URL "https://api.zonaris.io/v2"
+#endif
+
+namespace zonaris::platform {
+
+/// Facts about the device.
+class DeviceInfo {
+ public:
+  virtual ~DeviceInfo() = default;
+  /// The operating system's version text, for example "17.0" or "9.3.5".
+  virtual std::string systemVersion() const = 0;
+};
+
+/// The symbols of the calling thread's stack, one string per frame, innermost first.
+class CallStack {
+ public:
+  virtual ~CallStack() = default;
+  virtual std::vector<std::string> symbols() const = 0;
+};
+
+/// Everything through which the library reaches the outside world. A client keeps its
+/// Platform for its whole life; all parts must be set.
+struct Platform {
+  /// Makes the location service handle; called once, by `Zonaris::initWithAppKey`.
+  std::function<std::shared_ptr<LocationManager>()> makeLocationManager;
+  std::shared_ptr<HttpClient> http;
+  std::shared_ptr<KeyValueStore> store;
+  std::shared_ptr<Dispatcher> dispatcher;
+  std::shared_ptr<Clock> clock;
+  std::shared_ptr<Logger> logger;
+  std::shared_ptr<DeviceInfo> device;
+  std::shared_ptr<CallStack> callStack;
+  /// The service's base URL without a trailing slash. Set at build time; a self-hosted
+  /// service, the simulator and tests override it.
+  std::string baseUrl = ZONARIS_BASE_URL;
+
+  /// True when every part is set.
+  bool complete() const;
+};
+
+/// Options of the production platform.
+struct DefaultPlatformOptions {
+  /// Folder of the key/value store; created when missing. Empty: $XDG_DATA_HOME/zonaris,
+  /// else $HOME/.local/share/zonaris, else ./zonaris-data.
+  std::string storeDirectory;
+  /// The location source. Linux has no system location service, so the application provides
+  /// one (for example over gpsd or a vehicle bus); without it a `FeedLocationManager` is used,
+  /// into which the application pushes fixes.
+  std::function<std::shared_ptr<LocationManager>()> makeLocationManager;
+  std::string baseUrl = ZONARIS_BASE_URL;
+};
+
+/// The production platform: real threads, libcurl, a file-backed store, stderr logging.
+Platform defaultPlatform(const DefaultPlatformOptions& options = {});
+
+}  // namespace zonaris::platform

@@ -1,0 +1,231 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "zonaris/actions.hpp"
+#include "zonaris/delegate.hpp"
+#include "zonaris/fence.hpp"
+#include "zonaris/install_id_store.hpp"
+#include "zonaris/platform/platform.hpp"
+#include "zonaris/tags.hpp"
+
+namespace zonaris {
+
+/// The library's version, sent with every error report.
+inline constexpr const char* kZonarisVersion = "2.0.03.30";
+
+/// The client. An application makes one with `initWithAppKey`, configures it, and calls
+/// `start`; from then on the client works on its own and tells the application what it learns
+/// through its `ZonarisDelegate`. Failures are never raised to the application: they are
+/// reported to the service.
+///
+/// Threads: call the configuration operations, `start` and `stop` from the application's
+/// thread. The client runs its own work on the platform's threads (see `ZonarisDelegate`).
+///
+/// Lifetime: work the client has scheduled (retries, the next sample, the beacon cycle, the
+/// dwell tick) holds the client, so it lives until that work has run. `stop` cancels nothing
+/// that is already scheduled, and a stopped client is not restarted by `start`: make a new one.
+///
+/// The operations after the application's eight are the client's own steps. They are public so
+/// that simulators and tests can drive them, but an application does not need to call them.
+class Zonaris : public platform::LocationManagerDelegate,
+                public std::enable_shared_from_this<Zonaris> {
+ public:
+  static constexpr double kNoDistance = std::numeric_limits<double>::max();
+  static constexpr std::int32_t kNoDwellPending = std::numeric_limits<std::int32_t>::max();
+
+  // ---- The application's operations -------------------------------------------------------
+
+  /// Makes a client with the key the service issued, sets up the location service in its idle
+  /// setting and starts it. Returns null only when `platform` lacks a part.
+  static std::shared_ptr<Zonaris> initWithAppKey(std::string appKey, platform::Platform platform);
+
+  /// Sets the beacon proximity UUID and builds the region that beacon ranging uses (identifier
+  /// "beacon_region", every major and minor). Text that is not a UUID is refused: the call
+  /// returns false and leaves the region as it was.
+  bool setUUID(const std::string& uuid);
+  void setDevMode(bool devMode);
+  /// Keeps `tags` by reference: changes made to it later are carried by later observations.
+  /// Without tags, observations carry an empty object.
+  void setTags(std::shared_ptr<ZonarisTags> tags);
+  /// Messages that arrive during the daily silence window are dropped (events still arrive).
+  /// With start < stop the hours strictly between them are silent; with stop < start (across
+  /// midnight) the hours from start through stop inclusive; with start == stop none.
+  void setSilenceWindowStart(std::int32_t start, std::int32_t stop);
+  /// Held weakly; the application keeps its delegate alive.
+  void setDelegate(std::weak_ptr<ZonarisDelegate> delegate);
+  /// Checks the key, then registers the installation or takes the first position sample.
+  void start();
+  /// Switches beacon ranging off, disarms sampling and stops the location service.
+  void stop();
+
+  // ---- Registration and reports -----------------------------------------------------------
+
+  void getInstallID();
+  void getFences();
+  void sendObservation();
+  void sendException(const std::string& reason, const std::vector<std::string>& callStack,
+                     const nlohmann::json& variables);
+  bool checkSilenceTime();
+
+  // ---- Fence engine -----------------------------------------------------------------------
+
+  double calculateDistanceFrom(const std::string& from, const std::string& to);
+  void handleFences();
+  void confirmEventFor(std::int64_t locationId, const std::string& type);
+  void startDwellTimer();
+  void stopDwellTimer();
+  void updateDwellTimes();
+  std::int32_t getTimeBeforeDwell();
+
+  // ---- Sampling -----------------------------------------------------------------------------
+
+  void updateLocation();
+  void didUpdateLocations(const std::vector<platform::Location>& locations) override;
+  void calculateIntervalAndAccuracy();
+  void startUpdateBeacons();
+  void stopUpdateBeacons();
+  void startScanBeacons();
+  void stopScanBeacons();
+  void didRangeBeacons(const std::vector<platform::Beacon>& beacons,
+                       const platform::BeaconRegion& region) override;
+  /// The beacon of the scan in progress with the same minor, major and UUID text, if any.
+  std::optional<platform::Beacon> isBeaconExists(const platform::Beacon& beacon);
+
+  // ---- State fields (getter and setter each) --------------------------------------------
+
+  using LocationPtr = std::shared_ptr<const platform::Location>;
+  using RegionPtr = std::shared_ptr<const platform::BeaconRegion>;
+  using FencesPtr = std::shared_ptr<const FenceList>;
+  using BeaconRecords = std::shared_ptr<const nlohmann::json>;
+
+  std::string mAppKey() const;
+  void setMAppKey(std::string value);
+  bool mDevMode() const { return mDevMode_.load(); }
+  void setMDevMode(bool value) { setDevMode(value); }
+  std::optional<std::string> mUUID() const;
+  void setMUUID(std::optional<std::string> value);
+  std::shared_ptr<ZonarisTags> mTags() const;
+  void setMTags(std::shared_ptr<ZonarisTags> value) { setTags(std::move(value)); }
+  std::int32_t mSilenceStart() const { return mSilenceStart_.load(); }
+  void setMSilenceStart(std::int32_t value) { mSilenceStart_.store(value); }
+  std::int32_t mSilenceStop() const { return mSilenceStop_.load(); }
+  void setMSilenceStop(std::int32_t value) { mSilenceStop_.store(value); }
+  std::shared_ptr<platform::LocationManager> mLocationManager() const { return mLocationManager_; }
+  std::weak_ptr<ZonarisDelegate> mDelegate() const;
+  void setMDelegate(std::weak_ptr<ZonarisDelegate> value) { setDelegate(std::move(value)); }
+  std::int64_t mInstallId() const { return mInstallId_.load(); }
+  void setMInstallId(std::int64_t value) { mInstallId_.store(value); }
+  bool mUpdatingLocation() const { return mUpdatingLocation_.load(); }
+  void setMUpdatingLocation(bool value) { mUpdatingLocation_.store(value); }
+  bool mResetFences() const { return mResetFences_.load(); }
+  void setMResetFences(bool value) { mResetFences_.store(value); }
+  bool mBeaconEnabled() const { return mBeaconEnabled_.load(); }
+  void setMBeaconEnabled(bool value) { mBeaconEnabled_.store(value); }
+  bool mBeaconScanning() const { return mBeaconScanning_.load(); }
+  void setMBeaconScanning(bool value) { mBeaconScanning_.store(value); }
+  double mMinDist() const { return mMinDist_.load(); }
+  void setMMinDist(double value) { mMinDist_.store(value); }
+  float mAverageSpeed() const { return mAverageSpeed_.load(); }
+  void setMAverageSpeed(float value) { mAverageSpeed_.store(value); }
+  float mSpeed() const { return mSpeed_.load(); }
+  void setMSpeed(float value) { mSpeed_.store(value); }
+  RegionPtr mBeaconRegion() const;
+  void setMBeaconRegion(RegionPtr value);
+  LocationPtr mInitLocation() const;
+  void setMInitLocation(LocationPtr value);
+  LocationPtr mCurrentLocation() const;
+  void setMCurrentLocation(LocationPtr value);
+  /// The fence catalogue: an immutable snapshot of the list, replaced whole by each download.
+  /// The fences in it are shared and keep changing state (entered, dwelled, dwell_time).
+  FencesPtr mFences() const;
+  void setMFences(FencesPtr value);
+  /// The beacon records of the last finished scan: a JSON array of objects with "uuid",
+  /// "major", "minor" and "proximity".
+  BeaconRecords mBeacons() const;
+  void setMBeacons(BeaconRecords value);
+  /// The sightings of the scan in progress (a copy).
+  std::vector<platform::Beacon> mCurrentBeacons() const;
+  void setMCurrentBeacons(std::vector<platform::Beacon> value);
+  std::shared_ptr<platform::TickerHandle> mDwellTimer() const;
+  void setMDwellTimer(std::shared_ptr<platform::TickerHandle> value);
+
+  /// The platform the client was made with.
+  const platform::Platform& platform() const { return platform_; }
+
+  ~Zonaris() override;
+
+ private:
+  explicit Zonaris(platform::Platform platform);
+
+  // Logging: `devLog` writes only in developer mode, `alwaysLog` always.
+  void devLog(std::string_view line) const;
+  void alwaysLog(std::string_view line) const;
+
+  // Runs `step` on a new thread, holding the client; anything thrown becomes an error report.
+  void detachGuarded(const char* what, std::function<void(Zonaris&)> step);
+  // Runs `step` on the main queue after `delay`, holding the client, guarded as above.
+  void mainAfterGuarded(const char* what, platform::Duration delay,
+                        std::function<void(Zonaris&)> step);
+  // Turns an exception that reached a thread entry into an error report.
+  void reportUnexpected(const char* what, const char* message) noexcept;
+  std::vector<std::string> callStackSymbols() const;
+
+  // The delegate sending rule: resolve the weak reference, ask whether the operation is
+  // implemented, resolve again and call. Nothing is cached between calls.
+  template <class Call>
+  void notifyDelegate(ZonarisCallback which, Call&& call) {
+    auto delegate = mDelegate().lock();
+    if (!delegate || !delegate->respondsTo(which))
+      return;
+    delegate.reset();
+    if (auto again = mDelegate().lock())
+      call(*again);
+  }
+
+  platform::Platform platform_;
+
+  // Fields, in their declared order. Scalars are atomic; object fields are immutable values
+  // replaced whole under `fieldsMutex_`.
+  mutable std::mutex fieldsMutex_;
+  std::string mAppKey_;
+  std::atomic<bool> mDevMode_{false};
+  std::optional<std::string> mUUID_;
+  std::shared_ptr<ZonarisTags> mTags_;
+  std::atomic<std::int32_t> mSilenceStart_{0};
+  std::atomic<std::int32_t> mSilenceStop_{0};
+  std::shared_ptr<platform::LocationManager> mLocationManager_;
+  std::weak_ptr<ZonarisDelegate> mDelegate_;
+  std::atomic<std::int64_t> mInstallId_{0};
+  std::atomic<bool> mUpdatingLocation_{false};
+  std::atomic<bool> mResetFences_{false};
+  std::atomic<bool> mBeaconEnabled_{false};
+  std::atomic<bool> mBeaconScanning_{false};
+  std::atomic<double> mMinDist_{kNoDistance};
+  std::atomic<float> mAverageSpeed_{28.0f};
+  std::atomic<float> mSpeed_{0.0f};
+  RegionPtr mBeaconRegion_;
+  LocationPtr mInitLocation_;
+  LocationPtr mCurrentLocation_;
+  FencesPtr mFences_;
+  BeaconRecords mBeacons_;
+  std::vector<platform::Beacon> mCurrentBeacons_;
+  std::shared_ptr<platform::TickerHandle> mDwellTimer_;
+
+  // The client's own monitor: held around each walk over a fence's dwell windows and around
+  // the publication of the beacon list.
+  mutable std::recursive_mutex monitor_;
+};
+
+}  // namespace zonaris

@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Installs the dependencies, then configures, builds and runs the whole test suite three
+# times: a normal build, a ThreadSanitizer build and an AddressSanitizer+UBSan build.
+# Usage: scripts/test.sh [normal|thread|address ...]   (default: all three)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh
+
+jobs=$(nproc 2>/dev/null || echo 2)
+kinds=("$@")
+[ ${#kinds[@]} -gt 0 ] || kinds=(normal thread address)
+
+export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+
+for kind in "${kinds[@]}"; do
+  case "$kind" in
+    normal) dir=build/normal; sanitize="" ;;
+    thread) dir=build/tsan; sanitize=thread ;;
+    address) dir=build/asan; sanitize=address ;;
+    *) echo "unknown build kind: $kind" >&2; exit 2 ;;
+  esac
+  echo "==== $kind build ($dir)"
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZONARIS_SANITIZE="$sanitize" >/dev/null
+  cmake --build "$dir" -j "$jobs"
+  ctest --test-dir "$dir" -j "$jobs" --output-on-failure
+done
+echo "==== all builds passed: ${kinds[*]}"

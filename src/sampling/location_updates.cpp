@@ -1,0 +1,52 @@
+// Arming one position sample and accepting the one fix it yields.
+#include <fmt/format.h>
+
+#include "zonaris/zonaris.hpp"
+
+namespace zonaris {
+
+namespace {
+constexpr double kIdleDistanceFilter = 99999.0;
+}  // namespace
+
+void Zonaris::updateLocation() {
+  mUpdatingLocation_.store(true);
+  mLocationManager_->setDesiredAccuracy(platform::Accuracy::BestForNavigation);
+  mLocationManager_->setDistanceFilter(platform::kDistanceFilterNone);
+}
+
+void Zonaris::didUpdateLocations(const std::vector<platform::Location>& locations) {
+  // Only the first delivery after arming is used; exchange() makes that hold even when two
+  // deliveries race.
+  if (locations.empty() || !mUpdatingLocation_.exchange(false))
+    return;
+  mLocationManager_->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
+  mLocationManager_->setDistanceFilter(kIdleDistanceFilter);
+
+  auto fix = std::make_shared<const platform::Location>(locations.back());
+  devLog("-----------------------------------------------------------------");
+  devLog(fmt::format("New location: {:f}, {:f}, {:f}, {:f}", fix->latitude, fix->longitude,
+                     fix->speed, fix->horizontalAccuracy));
+
+  if (!mInitLocation()) {
+    devLog("Set new init location");
+    setMInitLocation(fix);
+    notifyDelegate(ZonarisCallback::updatedInitLocation,
+                   [&](ZonarisDelegate& d) { d.updatedInitLocation(*fix); });
+    detachGuarded("getFences", [](Zonaris& self) { self.getFences(); });
+    return;
+  }
+
+  LocationPtr reference = mCurrentLocation();
+  if (!reference)
+    reference = mInitLocation();
+  const double distance = fix->distanceFrom(*reference);
+  const double seconds =
+      std::chrono::duration<double>(fix->timestamp - reference->timestamp).count();
+  mSpeed_.store(static_cast<float>(seconds > 0 ? distance / seconds : distance / 1.0));
+  devLog("Set new current location");
+  setMCurrentLocation(fix);
+  detachGuarded("handleFences", [](Zonaris& self) { self.handleFences(); });
+}
+
+}  // namespace zonaris

@@ -1,0 +1,12 @@
+// Placeholder until this subsystem lands: the operations exist with their real signatures.
+#include "zonaris/zonaris.hpp"
+
+namespace zonaris {
+
+void Zonaris::sendObservation() {}
+
+bool Zonaris::checkSilenceTime() {
+  return false;
+}
+
+}  // namespace zonaris

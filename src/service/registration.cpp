@@ -1,0 +1,8 @@
+// Placeholder until this subsystem lands: the operations exist with their real signatures.
+#include "zonaris/zonaris.hpp"
+
+namespace zonaris {
+
+void Zonaris::getInstallID() {}
+
+}  // namespace zonaris
