@@ -1,0 +1,55 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "zonaris/platform/location.hpp"
+#include "zonaris/sim/beacon_sightings.hpp"
+#include "zonaris/sim/scheduler.hpp"
+#include "zonaris/sim/trace.hpp"
+
+namespace zonaris::sim {
+
+/// The location service of the simulated platform. It replays a `Trace` in virtual time:
+/// after `startUpdatingLocation`, while the accuracy is best-for-navigation with no distance
+/// filter, it delivers the interpolated position 1 s after that setting and every 1 s after; in
+/// the coarse setting it delivers only when the device moved farther than the distance filter
+/// since the last delivery. Nothing is delivered after `stopUpdatingLocation`. While a beacon
+/// region is ranged it delivers the region's `BeaconSightings` once per virtual second. All
+/// deliveries arrive as main-queue tasks.
+class SimLocationManager final : public platform::LocationManager,
+                                 public std::enable_shared_from_this<SimLocationManager> {
+ public:
+  explicit SimLocationManager(std::shared_ptr<Scheduler> scheduler);
+
+  void setTrace(std::shared_ptr<const Trace> trace);
+  void setBeaconSightings(std::shared_ptr<const BeaconSightings> sightings);
+
+  void setDelegate(std::weak_ptr<platform::LocationManagerDelegate> delegate) override;
+  void setPausesLocationUpdatesAutomatically(bool pauses) override;
+  void setDesiredAccuracy(platform::Accuracy accuracy) override;
+  void setDistanceFilter(double metres) override;
+  void setAllowsBackgroundLocationUpdates(bool allows) override;
+  void requestAlwaysAuthorization() override;
+  void startUpdatingLocation() override;
+  void stopUpdatingLocation() override;
+  void startRangingBeacons(const platform::BeaconRegion& region) override;
+  void stopRangingBeacons(const platform::BeaconRegion& region) override;
+
+  /// For tests and the simulator's counters.
+  bool updating() const;
+  platform::Accuracy desiredAccuracy() const;
+  double distanceFilter() const;
+  std::vector<std::string> rangedRegions() const;
+  std::uint64_t fixesDelivered() const;
+
+ private:
+  struct State;
+  std::shared_ptr<Scheduler> scheduler_;
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace zonaris::sim
