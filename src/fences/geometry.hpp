@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace zonaris::fences {
@@ -16,11 +17,15 @@ struct GeometryDistance {
   /// The haversine distance in metres from the fence's nearest point to the device point,
   /// negated when the geometry layer reports "inside"; set only when both were readable.
   std::optional<double> metres;
+  /// Why no distance came out (which text, and what was wrong with it); empty on success.
+  std::string diagnostic;
 };
 
 /// Reads both WKT texts through GEOS (reentrant API, a context of its own per call, every
 /// handle released) and measures as above. Never throws; text that is empty, malformed,
-/// enormous, too deeply nested or holds non-finite coordinates counts as unreadable.
+/// enormous (over 1 MiB), too deeply nested (over 32 open parentheses), an empty geometry or
+/// one with non-finite coordinates counts as unreadable, and so does a device text that is not
+/// a point. Safe to call from any number of threads at once.
 GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view pointWkt);
 
 }  // namespace zonaris::fences

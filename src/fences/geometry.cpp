@@ -1,0 +1,242 @@
+// Fence geometry distance: WKT in, haversine metres out, through GEOS's reentrant C API.
+#include "fences/geometry.hpp"
+
+#include <geos_c.h>
+
+#include <cmath>
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace zonaris::fences {
+
+namespace {
+
+// Fence text comes from the service and is untrusted. GEOS 3.11 reads nested collections
+// recursively with no limit of its own, so both the size and the parenthesis depth are bounded
+// before the reader sees the text. The deepest shape a fence needs is a collection of
+// multipolygons (four levels); 32 leaves ample room.
+constexpr std::size_t kMaxWktBytes = std::size_t{1} << 20;
+constexpr int kMaxWktNesting = 32;
+
+// One GEOS context of our own for one measurement. GEOS reports errors and notices through
+// the handlers; they only record the last message (nothing may throw through GEOS's C frames).
+class Context {
+ public:
+  Context() : handle_(GEOS_init_r()) {
+    if (handle_ == nullptr)
+      return;
+    GEOSContext_setErrorMessageHandler_r(handle_, &Context::record, &lastError_);
+    GEOSContext_setNoticeMessageHandler_r(handle_, &Context::record, &lastNotice_);
+  }
+  ~Context() {
+    if (handle_ != nullptr)
+      GEOS_finish_r(handle_);
+  }
+  Context(const Context&) = delete;
+  Context& operator=(const Context&) = delete;
+
+  GEOSContextHandle_t get() const { return handle_; }
+  const std::string& lastError() const { return lastError_; }
+
+ private:
+  static void record(const char* message, void* userdata) {
+    auto* slot = static_cast<std::string*>(userdata);
+    try {
+      slot->assign(message != nullptr ? message : "");
+    } catch (...) {
+      // Out of memory while keeping a diagnostic: keep none rather than unwind through GEOS.
+    }
+  }
+
+  GEOSContextHandle_t handle_;
+  std::string lastError_;
+  std::string lastNotice_;
+};
+
+// The one place where GEOS objects are released: an overload per GEOS type, bound to the
+// context that made the object. Objects must die before their context.
+struct Release {
+  GEOSContextHandle_t context;
+  void operator()(GEOSGeometry* geometry) const { GEOSGeom_destroy_r(context, geometry); }
+  void operator()(GEOSCoordSequence* sequence) const { GEOSCoordSeq_destroy_r(context, sequence); }
+  void operator()(GEOSWKTReader* reader) const { GEOSWKTReader_destroy_r(context, reader); }
+};
+using GeomPtr = std::unique_ptr<GEOSGeometry, Release>;
+using CoordSeqPtr = std::unique_ptr<GEOSCoordSequence, Release>;
+using ReaderPtr = std::unique_ptr<GEOSWKTReader, Release>;
+
+// Size and nesting within bounds. The reader still judges the grammar.
+bool withinBounds(std::string_view text) {
+  if (text.size() > kMaxWktBytes)
+    return false;
+  int depth = 0;
+  for (char c : text) {
+    if (c == '(') {
+      if (++depth > kMaxWktNesting)
+        return false;
+    } else if (c == ')') {
+      --depth;
+    }
+  }
+  return true;
+}
+
+bool finiteSequence(GEOSContextHandle_t ctx, const GEOSCoordSequence* sequence) {
+  unsigned int size = 0;
+  if (sequence == nullptr || GEOSCoordSeq_getSize_r(ctx, sequence, &size) == 0)
+    return false;
+  for (unsigned int i = 0; i < size; ++i) {
+    double x = 0.0;
+    double y = 0.0;
+    if (GEOSCoordSeq_getXY_r(ctx, sequence, i, &x, &y) == 0 || !std::isfinite(x) ||
+        !std::isfinite(y))
+      return false;
+  }
+  return true;
+}
+
+// Every X and Y of the geometry is a finite number (Z is ignored: GEOS keeps NaN there for
+// two-dimensional coordinates). Recursion depth is bounded by `withinBounds`.
+bool finiteCoordinates(GEOSContextHandle_t ctx, const GEOSGeometry* geometry) {
+  switch (GEOSGeomTypeId_r(ctx, geometry)) {
+    case GEOS_POINT:
+    case GEOS_LINESTRING:
+    case GEOS_LINEARRING:
+      return finiteSequence(ctx, GEOSGeom_getCoordSeq_r(ctx, geometry));
+    case GEOS_POLYGON: {
+      const GEOSGeometry* shell = GEOSGetExteriorRing_r(ctx, geometry);
+      if (shell == nullptr || !finiteCoordinates(ctx, shell))
+        return false;
+      const int holes = GEOSGetNumInteriorRings_r(ctx, geometry);
+      if (holes < 0)
+        return false;
+      for (int i = 0; i < holes; ++i) {
+        const GEOSGeometry* hole = GEOSGetInteriorRingN_r(ctx, geometry, i);
+        if (hole == nullptr || !finiteCoordinates(ctx, hole))
+          return false;
+      }
+      return true;
+    }
+    case GEOS_MULTIPOINT:
+    case GEOS_MULTILINESTRING:
+    case GEOS_MULTIPOLYGON:
+    case GEOS_GEOMETRYCOLLECTION: {
+      const int parts = GEOSGetNumGeometries_r(ctx, geometry);
+      if (parts < 0)
+        return false;
+      for (int i = 0; i < parts; ++i) {
+        const GEOSGeometry* part = GEOSGetGeometryN_r(ctx, geometry, i);
+        if (part == nullptr || !finiteCoordinates(ctx, part))
+          return false;
+      }
+      return true;
+    }
+    default:
+      return false;  // a type this GEOS does not describe to us: not measurable
+  }
+}
+
+// Reads one WKT text into a non-empty geometry with finite coordinates, or null.
+GeomPtr readGeometry(const Context& context, const GEOSWKTReader* reader, std::string_view text,
+                     std::string& why) {
+  GEOSContextHandle_t ctx = context.get();
+  GeomPtr none(nullptr, Release{ctx});
+  if (text.empty()) {
+    why = "empty text";
+    return none;
+  }
+  if (!withinBounds(text)) {
+    why = "text too large or too deeply nested";
+    return none;
+  }
+  const std::string terminated(text);  // the reader wants a NUL-terminated string
+  GeomPtr geometry(
+      GEOSWKTReader_read_r(ctx, const_cast<GEOSWKTReader*>(reader), terminated.c_str()),
+      Release{ctx});
+  if (!geometry) {
+    why = context.lastError().empty() ? "unreadable WKT" : context.lastError();
+    return none;
+  }
+  if (GEOSisEmpty_r(ctx, geometry.get()) != 0) {
+    why = "empty geometry";
+    return none;
+  }
+  if (!finiteCoordinates(ctx, geometry.get())) {
+    why = "non-finite coordinates";
+    return none;
+  }
+  return geometry;
+}
+
+}  // namespace
+
+double haversineMetres(double lon1, double lat1, double lon2, double lat2) {
+  // The order of operations is part of the result: distances are compared with the service's
+  // to the last bit, so the expression is kept exactly in this form.
+  constexpr double k = 0.017453292519943295;
+  const double dLon = (lon2 - lon1) * k;
+  const double s1 = std::sin((lat2 - lat1) * k * 0.5);
+  const double A1 = s1 * s1;
+  const double c1 = std::cos(lat1 * k);
+  const double c2 = std::cos(lat2 * k);
+  const double s2 = std::sin(dLon * 0.5);
+  const double a = s2 * s2 * (c2 * c1) + A1;
+  const double c = std::atan2(std::sqrt(a), std::sqrt(1.0 - a));
+  return (c + c) * 6378137.0;
+}
+
+GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view pointWkt) {
+  GeometryDistance result;
+  const Context context;
+  GEOSContextHandle_t ctx = context.get();
+  if (ctx == nullptr) {
+    result.diagnostic = "no GEOS context";
+    return result;
+  }
+  ReaderPtr reader(GEOSWKTReader_create_r(ctx), Release{ctx});
+  if (!reader) {
+    result.diagnostic = "no WKT reader";
+    return result;
+  }
+
+  std::string fenceWhy;
+  std::string pointWhy;
+  const GeomPtr fence = readGeometry(context, reader.get(), fenceWkt, fenceWhy);
+  GeomPtr point = readGeometry(context, reader.get(), pointWkt, pointWhy);
+  if (point && GEOSGeomTypeId_r(ctx, point.get()) != GEOS_POINT) {
+    pointWhy = "not a point";  // the device's own X and Y are read directly below
+    point.reset();
+  }
+  result.fenceReadable = static_cast<bool>(fence);
+  result.pointReadable = static_cast<bool>(point);
+  if (!fence || !point) {
+    result.diagnostic = !fence ? "fence: " + fenceWhy : "point: " + pointWhy;
+    return result;
+  }
+
+  // GEOS 3.11's nearest-points operation takes three arguments and has no way to say that the
+  // point lies inside the geometry. The flag stays here, cleared before the call and tested
+  // after it, so that a geometry layer which does report "inside" yields a negative distance
+  // (the depth) through this same path; with this GEOS it stays 0 and distances are >= 0.
+  char inside = 0;
+  const CoordSeqPtr nearest(GEOSNearestPoints_r(ctx, fence.get(), point.get()), Release{ctx});
+  double lon1 = 0.0;
+  double lat1 = 0.0;
+  double lon2 = 0.0;
+  double lat2 = 0.0;
+  if (!nearest || GEOSCoordSeq_getX_r(ctx, nearest.get(), 0, &lon1) == 0 ||
+      GEOSCoordSeq_getY_r(ctx, nearest.get(), 0, &lat1) == 0 ||
+      GEOSGeomGetX_r(ctx, point.get(), &lon2) == 0 ||
+      GEOSGeomGetY_r(ctx, point.get(), &lat2) == 0) {
+    // Both geometries were read but GEOS could not measure them; no distance, no report.
+    result.diagnostic = context.lastError().empty() ? "nearest points failed" : context.lastError();
+    return result;
+  }
+
+  const double d = haversineMetres(lon1, lat1, lon2, lat2);
+  result.metres = inside != 0 ? -d : d;
+  return result;
+}
+
+}  // namespace zonaris::fences
