@@ -1,0 +1,64 @@
+// zonaris-service: serves the four exchanges of the client on 127.0.0.1 from a fences file,
+// until SIGINT or SIGTERM.
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+#include <string>
+
+#include <fmt/format.h>
+#include <CLI/CLI.hpp>
+
+#include "zonaris-service/reference_service.hpp"
+
+namespace {
+
+constexpr int kUsageOrInputError = 2;
+
+int fail(const std::string& line) {
+  std::cerr << "zonaris-service: " << line << std::endl;
+  return kUsageOrInputError;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{
+      "Reference service for the Zonaris client: install registration, fence query, "
+      "observation reports with event confirmation, error reports."};
+  zonaris::service_tool::ServiceOptions options;
+  int port = 8080;
+  app.add_option("--fences", options.fencesFile, "JSON array of fences to serve")->required();
+  app.add_option("--db", options.dbPath, "SQLite database for the service's state")
+      ->capture_default_str();
+  app.add_option("--port", port, "TCP port on 127.0.0.1; 0 picks a free one")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 65535));
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    return fail(e.what());
+  }
+
+  // Block the stop signals before any thread starts, so that every thread inherits the mask and
+  // the main thread alone takes them, synchronously, with sigwait.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  zonaris::service_tool::ReferenceService service(std::move(options));
+  if (!service.ok())
+    return fail(service.error());
+  const int bound = service.start(port);
+  if (bound < 0)
+    return fail(service.error());
+  std::cout << fmt::format("zonaris-service listening on http://127.0.0.1:{}", bound) << std::endl;
+
+  int received = 0;
+  sigwait(&stopSignals, &received);
+  service.stop();
+  return 0;
+}

@@ -1,0 +1,239 @@
+#include "zonaris-service/service_store.hpp"
+
+#include <array>
+
+#include <sqlite3.h>
+
+namespace zonaris::service_tool {
+
+namespace {
+
+constexpr const char* kSchema = R"sql(
+CREATE TABLE IF NOT EXISTS installs (
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  app_key TEXT NOT NULL,
+  created_ms INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS fence_states (
+  install_id INTEGER NOT NULL REFERENCES installs(id),
+  fence_id INTEGER NOT NULL,
+  inside INTEGER NOT NULL,
+  entered_ms INTEGER NOT NULL,
+  PRIMARY KEY (install_id, fence_id));
+CREATE TABLE IF NOT EXISTS dwells_sent (
+  install_id INTEGER NOT NULL,
+  fence_id INTEGER NOT NULL,
+  window_index INTEGER NOT NULL,
+  PRIMARY KEY (install_id, fence_id, window_index));
+CREATE TABLE IF NOT EXISTS observations (
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  install_id INTEGER NOT NULL REFERENCES installs(id),
+  received_ms INTEGER NOT NULL,
+  body TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS events (
+  observation_id INTEGER NOT NULL REFERENCES observations(id),
+  fence_id INTEGER NOT NULL,
+  event_type TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS error_reports (
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  install_id INTEGER NOT NULL,
+  received_ms INTEGER NOT NULL,
+  body TEXT NOT NULL);
+)sql";
+
+constexpr std::array<std::string_view, 6> kTables = {
+    "installs", "fence_states", "dwells_sent", "observations", "events", "error_reports"};
+
+// One prepared statement, finalised on every path.
+class Statement {
+ public:
+  Statement(sqlite3* db, const char* sql) {
+    if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK)
+      stmt_ = nullptr;
+  }
+  ~Statement() { sqlite3_finalize(stmt_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  explicit operator bool() const { return stmt_ != nullptr; }
+  sqlite3_stmt* get() const { return stmt_; }
+
+  bool bind(int index, std::int64_t value) {
+    return sqlite3_bind_int64(stmt_, index, value) == SQLITE_OK;
+  }
+  bool bind(int index, std::string_view text) {
+    return sqlite3_bind_text64(stmt_, index, text.data(), text.size(), SQLITE_TRANSIENT,
+                               SQLITE_UTF8) == SQLITE_OK;
+  }
+  /// SQLITE_ROW, SQLITE_DONE or an error code.
+  int step() { return sqlite3_step(stmt_); }
+  std::int64_t column(int index) const { return sqlite3_column_int64(stmt_, index); }
+
+ private:
+  sqlite3_stmt* stmt_ = nullptr;
+};
+
+}  // namespace
+
+std::unique_ptr<ServiceStore> ServiceStore::open(const std::string& path, std::string& error) {
+  sqlite3* db = nullptr;
+  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX;
+  if (sqlite3_open_v2(path.c_str(), &db, flags, nullptr) != SQLITE_OK) {
+    error = "cannot open the database " + path + ": " + (db ? sqlite3_errmsg(db) : "out of memory");
+    sqlite3_close(db);
+    return nullptr;
+  }
+  std::unique_ptr<ServiceStore> store(new ServiceStore(db));
+  sqlite3_busy_timeout(db, 2000);
+  if (!store->exec("PRAGMA foreign_keys = ON") || !store->exec(kSchema)) {
+    error = "cannot set up the database " + path + ": " + store->lastError();
+    return nullptr;
+  }
+  return store;
+}
+
+ServiceStore::~ServiceStore() {
+  sqlite3_close(db_);
+}
+
+bool ServiceStore::fail() {
+  lastError_ = sqlite3_errmsg(db_);
+  return false;
+}
+
+std::nullopt_t ServiceStore::failed() {
+  fail();
+  return std::nullopt;
+}
+
+bool ServiceStore::exec(const char* sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+    lastError_ = message ? message : sqlite3_errmsg(db_);
+    sqlite3_free(message);
+    return false;
+  }
+  return true;
+}
+
+bool ServiceStore::begin() {
+  return exec("BEGIN IMMEDIATE");
+}
+
+bool ServiceStore::commit() {
+  return exec("COMMIT");
+}
+
+void ServiceStore::rollback() {
+  // Fails harmlessly when SQLite already rolled back on its own.
+  sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+std::optional<std::int64_t> ServiceStore::addInstall(std::string_view appKey, std::int64_t atMs) {
+  Statement s(db_, "INSERT INTO installs (app_key, created_ms) VALUES (?, ?)");
+  if (!s || !s.bind(1, appKey) || !s.bind(2, atMs) || s.step() != SQLITE_DONE)
+    return failed();
+  return sqlite3_last_insert_rowid(db_);
+}
+
+std::optional<bool> ServiceStore::installExists(std::int64_t id) {
+  Statement s(db_, "SELECT 1 FROM installs WHERE id = ?");
+  if (!s || !s.bind(1, id))
+    return failed();
+  const int rc = s.step();
+  if (rc == SQLITE_ROW)
+    return true;
+  if (rc == SQLITE_DONE)
+    return false;
+  return failed();
+}
+
+std::optional<std::map<std::int64_t, FenceState>> ServiceStore::fenceStates(
+    std::int64_t installId) {
+  std::map<std::int64_t, FenceState> states;
+  Statement s(db_, "SELECT fence_id, inside, entered_ms FROM fence_states WHERE install_id = ?");
+  if (!s || !s.bind(1, installId))
+    return failed();
+  int rc;
+  while ((rc = s.step()) == SQLITE_ROW) {
+    FenceState& state = states[s.column(0)];
+    state.inside = s.column(1) != 0;
+    state.enteredAtMs = s.column(2);
+  }
+  if (rc != SQLITE_DONE)
+    return failed();
+
+  Statement d(db_, "SELECT fence_id, window_index FROM dwells_sent WHERE install_id = ?");
+  if (!d || !d.bind(1, installId))
+    return failed();
+  while ((rc = d.step()) == SQLITE_ROW) {
+    if (d.column(1) >= 0)
+      states[d.column(0)].dwellsSent.insert(static_cast<std::size_t>(d.column(1)));
+  }
+  if (rc != SQLITE_DONE)
+    return failed();
+  return states;
+}
+
+bool ServiceStore::saveFenceState(std::int64_t installId, std::int64_t fenceId,
+                                  const FenceState& state) {
+  Statement upsert(db_,
+                   "INSERT OR REPLACE INTO fence_states (install_id, fence_id, inside, entered_ms)"
+                   " VALUES (?, ?, ?, ?)");
+  if (!upsert || !upsert.bind(1, installId) || !upsert.bind(2, fenceId) ||
+      !upsert.bind(3, std::int64_t{state.inside}) || !upsert.bind(4, state.enteredAtMs) ||
+      upsert.step() != SQLITE_DONE)
+    return fail();
+  Statement clear(db_, "DELETE FROM dwells_sent WHERE install_id = ? AND fence_id = ?");
+  if (!clear || !clear.bind(1, installId) || !clear.bind(2, fenceId) || clear.step() != SQLITE_DONE)
+    return fail();
+  for (std::size_t index : state.dwellsSent) {
+    Statement add(db_,
+                  "INSERT INTO dwells_sent (install_id, fence_id, window_index) VALUES (?, ?, ?)");
+    if (!add || !add.bind(1, installId) || !add.bind(2, fenceId) ||
+        !add.bind(3, static_cast<std::int64_t>(index)) || add.step() != SQLITE_DONE)
+      return fail();
+  }
+  return true;
+}
+
+std::optional<std::int64_t> ServiceStore::addObservation(std::int64_t installId, std::int64_t atMs,
+                                                         std::string_view body) {
+  Statement s(db_, "INSERT INTO observations (install_id, received_ms, body) VALUES (?, ?, ?)");
+  if (!s || !s.bind(1, installId) || !s.bind(2, atMs) || !s.bind(3, body) ||
+      s.step() != SQLITE_DONE)
+    return failed();
+  return sqlite3_last_insert_rowid(db_);
+}
+
+bool ServiceStore::addEvent(std::int64_t observationId, std::int64_t fenceId,
+                            std::string_view type) {
+  Statement s(db_, "INSERT INTO events (observation_id, fence_id, event_type) VALUES (?, ?, ?)");
+  if (!s || !s.bind(1, observationId) || !s.bind(2, fenceId) || !s.bind(3, type) ||
+      s.step() != SQLITE_DONE)
+    return fail();
+  return true;
+}
+
+std::optional<std::int64_t> ServiceStore::addErrorReport(std::int64_t installId, std::int64_t atMs,
+                                                         std::string_view body) {
+  Statement s(db_, "INSERT INTO error_reports (install_id, received_ms, body) VALUES (?, ?, ?)");
+  if (!s || !s.bind(1, installId) || !s.bind(2, atMs) || !s.bind(3, body) ||
+      s.step() != SQLITE_DONE)
+    return failed();
+  return sqlite3_last_insert_rowid(db_);
+}
+
+std::optional<std::int64_t> ServiceStore::count(std::string_view table) {
+  bool known = false;
+  for (auto t : kTables)
+    known = known || t == table;
+  if (!known)
+    return std::nullopt;
+  const std::string sql = "SELECT COUNT(*) FROM " + std::string(table);
+  Statement s(db_, sql.c_str());
+  if (!s || s.step() != SQLITE_ROW)
+    return failed();
+  return s.column(0);
+}
+
+}  // namespace zonaris::service_tool

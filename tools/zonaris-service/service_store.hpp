@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "zonaris-service/event_rules.hpp"
+
+struct sqlite3;
+
+namespace zonaris::service_tool {
+
+/// The service's state in SQLite: installs, per-install fence state, observations with the
+/// events they yielded, and error reports. Not thread-safe: the owner serialises its use.
+/// Every operation answers nothing (or false) when SQLite fails; `lastError()` says why.
+class ServiceStore {
+ public:
+  /// Opens (creating when needed) the database at `path` (":memory:" for one that lives as long
+  /// as the store) and makes its tables.
+  static std::unique_ptr<ServiceStore> open(const std::string& path, std::string& error);
+  ~ServiceStore();
+  ServiceStore(const ServiceStore&) = delete;
+  ServiceStore& operator=(const ServiceStore&) = delete;
+
+  const std::string& lastError() const { return lastError_; }
+
+  /// All-or-nothing groups of changes.
+  bool begin();
+  bool commit();
+  void rollback();
+
+  std::optional<std::int64_t> addInstall(std::string_view appKey, std::int64_t atMs);
+  std::optional<bool> installExists(std::int64_t id);
+
+  /// The remembered state of every fence of the install, by fence id (fences never seen are
+  /// absent: outside).
+  std::optional<std::map<std::int64_t, FenceState>> fenceStates(std::int64_t installId);
+  bool saveFenceState(std::int64_t installId, std::int64_t fenceId, const FenceState& state);
+
+  std::optional<std::int64_t> addObservation(std::int64_t installId, std::int64_t atMs,
+                                             std::string_view body);
+  bool addEvent(std::int64_t observationId, std::int64_t fenceId, std::string_view type);
+  std::optional<std::int64_t> addErrorReport(std::int64_t installId, std::int64_t atMs,
+                                             std::string_view body);
+
+  /// Row count of a table, for tests and diagnostics (nothing on an unknown table).
+  std::optional<std::int64_t> count(std::string_view table);
+
+ private:
+  explicit ServiceStore(sqlite3* db) : db_(db) {}
+  bool exec(const char* sql);
+  bool fail();              ///< records SQLite's message; false
+  std::nullopt_t failed();  ///< the same, for operations that answer a value
+
+  sqlite3* db_;
+  std::string lastError_;
+};
+
+}  // namespace zonaris::service_tool
