@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "zonaris/platform/curl_http.hpp"
+#include "zonaris/sim/location_manager.hpp"
 
 namespace zonaris::sim {
 
@@ -171,10 +172,19 @@ platform::Platform Simulation::platform() const {
   auto make = options_.makeLocationManager;
   auto scheduler = scheduler_;
   auto managers = managers_;
-  p.makeLocationManager = [make, scheduler,
-                           managers]() -> std::shared_ptr<platform::LocationManager> {
-    std::shared_ptr<platform::LocationManager> manager =
-        make ? make(scheduler) : std::make_shared<SilentLocationManager>();
+  auto trace = options_.trace;
+  auto beacons = options_.beacons;
+  p.makeLocationManager = [make, scheduler, managers, trace,
+                           beacons]() -> std::shared_ptr<platform::LocationManager> {
+    std::shared_ptr<platform::LocationManager> manager;
+    if (make) {
+      manager = make(scheduler);
+    } else {
+      auto sim = std::make_shared<SimLocationManager>(scheduler);
+      sim->setTrace(trace);
+      sim->setBeaconSightings(beacons);
+      manager = std::move(sim);
+    }
     std::lock_guard lock(managers->mutex);
     managers->list.push_back(manager);
     return manager;
@@ -193,6 +203,15 @@ platform::Platform Simulation::platform() const {
 std::vector<std::shared_ptr<platform::LocationManager>> Simulation::locationManagers() const {
   std::lock_guard lock(managers_->mutex);
   return managers_->list;
+}
+
+std::shared_ptr<SimLocationManager> Simulation::simLocationManager() const {
+  std::lock_guard lock(managers_->mutex);
+  for (const auto& manager : managers_->list) {
+    if (auto sim = std::dynamic_pointer_cast<SimLocationManager>(manager))
+      return sim;
+  }
+  return nullptr;
 }
 
 double Simulation::elapsedSeconds() const {

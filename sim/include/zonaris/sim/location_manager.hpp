@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -39,7 +40,8 @@ class SimLocationManager final : public platform::LocationManager,
   void startRangingBeacons(const platform::BeaconRegion& region) override;
   void stopRangingBeacons(const platform::BeaconRegion& region) override;
 
-  /// For tests and the simulator's counters.
+  /// For tests and the simulator's counters. `rangedRegions` lists the UUIDs of the regions
+  /// being ranged; `fixesDelivered` counts the fixes handed to a delegate.
   bool updating() const;
   platform::Accuracy desiredAccuracy() const;
   double distanceFilter() const;
@@ -48,6 +50,12 @@ class SimLocationManager final : public platform::LocationManager,
 
  private:
   struct State;
+  // Timer steps; they see only the state (held weakly by the tasks), never the manager.
+  static void restartLocationChain(const std::shared_ptr<State>& state);
+  static void locationTick(const std::weak_ptr<State>& weak, std::uint64_t generation);
+  static void rangingTick(const std::weak_ptr<State>& weak, const std::string& identifier,
+                          std::uint64_t generation);
+
   std::shared_ptr<Scheduler> scheduler_;
   std::shared_ptr<State> state_;
 };

@@ -10,9 +10,13 @@
 #include <vector>
 
 #include "zonaris/platform/platform.hpp"
+#include "zonaris/sim/beacon_sightings.hpp"
 #include "zonaris/sim/scheduler.hpp"
+#include "zonaris/sim/trace.hpp"
 
 namespace zonaris::sim {
+
+class SimLocationManager;
 
 /// The main queue, detached threads and tickers, all in virtual time.
 /// `detach` queues the task for the current instant: it runs after the task that posted it.
@@ -95,9 +99,13 @@ struct SimulationOptions {
   std::shared_ptr<platform::KeyValueStore> store;
   /// Receives every logged line as it is written.
   std::function<void(std::string_view)> logSink;
-  /// The location service. Default: a simulated one without any position source.
+  /// The location service. Default: a `SimLocationManager` replaying `trace` and `beacons`.
   std::function<std::shared_ptr<platform::LocationManager>(const std::shared_ptr<Scheduler>&)>
       makeLocationManager;
+  /// What the default location service replays; without a trace it delivers no fix, without
+  /// sightings it ranges empty lists.
+  std::shared_ptr<const Trace> trace;
+  std::shared_ptr<const BeaconSightings> beacons;
 };
 
 /// A whole simulated platform around one scheduler. Destroying the simulation drops all queued
@@ -118,6 +126,8 @@ class Simulation {
   platform::KeyValueStore& store() { return *store_; }
   /// The location managers made for clients so far, oldest first.
   std::vector<std::shared_ptr<platform::LocationManager>> locationManagers() const;
+  /// The first of them that is a `SimLocationManager`, or null.
+  std::shared_ptr<SimLocationManager> simLocationManager() const;
 
   void runFor(platform::Duration duration) { scheduler_->runFor(duration); }
   void runUntil(platform::TimePoint end) { scheduler_->runUntil(end); }
