@@ -1,13 +1,114 @@
-// Placeholder until this subsystem lands: the operations exist with their real signatures.
+// Dwell timing: a one-second tick counts the seconds spent inside entered fences and marks a
+// fence `dwelled` when one of its dwell windows elapses; `getTimeBeforeDwell` tells sampling how
+// soon the next window can fall due.
+//
+// Locking: the walk over the catalogue uses the snapshot it read and takes no lock (fence
+// fields are atomics); each walk over one fence's windows holds the client's monitor, so a
+// tick and `getTimeBeforeDwell` never see a fence's windows half updated by the other.
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <exception>
+#include <limits>
+#include <utility>
+
 #include "zonaris/zonaris.hpp"
 
 namespace zonaris {
 
-void Zonaris::startDwellTimer() {}
-void Zonaris::stopDwellTimer() {}
-void Zonaris::updateDwellTimes() {}
+namespace {
+
+constexpr std::chrono::seconds kDwellTick{1};
+
+// Seconds are counted in 64 bits and kept within the signed 32-bit range of the fields, so a
+// count that reached the top stays there instead of overflowing.
+std::int32_t clampToInt32(std::int64_t value) {
+  return static_cast<std::int32_t>(std::clamp<std::int64_t>(
+      value, std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max()));
+}
+
+}  // namespace
+
+// A second start cancels the earlier ticker instead of leaving it running: its tick holds the
+// client, so an orphaned ticker would count every second twice and keep the client alive for
+// good. One ticker per client is what the catalogue reload (stop, then start) expects anyway.
+void Zonaris::startDwellTimer() {
+  auto self = shared_from_this();
+  auto ticker = platform_.dispatcher->startTicker(kDwellTick, [self] {
+    try {
+      self->updateDwellTimes();
+    } catch (const std::exception& e) {
+      self->reportUnexpected("updateDwellTimes", e.what());
+    } catch (...) {
+      self->reportUnexpected("updateDwellTimes", "unknown exception");
+    }
+  });
+  std::shared_ptr<platform::TickerHandle> earlier;
+  {
+    std::lock_guard lock(fieldsMutex_);
+    earlier = std::exchange(mDwellTimer_, std::move(ticker));
+  }
+  if (earlier)
+    earlier->invalidate();
+}
+
+void Zonaris::stopDwellTimer() {
+  std::shared_ptr<platform::TickerHandle> timer;
+  {
+    std::lock_guard lock(fieldsMutex_);
+    timer = std::exchange(mDwellTimer_, nullptr);
+  }
+  if (timer)
+    timer->invalidate();
+}
+
+void Zonaris::updateDwellTimes() {
+  devLog("Update dwell times");
+  const FencesPtr fences = mFences();
+  if (!fences)
+    return;
+  for (const auto& fence : *fences) {
+    const bool entered = fence->entered();
+    const std::int32_t count = fence->dwell_time();
+    if (entered) {
+      const std::int32_t now = clampToInt32(std::int64_t{count} + 1);
+      fence->setDwell_time(now);
+      const auto windows = fence->dwell_events();
+      std::lock_guard lock(monitor_);
+      for (const auto& window : *windows) {
+        if (window->active() && now > window->dwell_time()) {
+          window->setActive(false);
+          fence->setDwelled(true);
+        }
+      }
+    } else if (count != 0) {
+      fence->setDwell_time(0);
+      fence->setDwelled(false);
+      const auto windows = fence->dwell_events();
+      std::lock_guard lock(monitor_);
+      for (const auto& window : *windows)
+        window->setActive(true);
+    }
+  }
+}
+
 std::int32_t Zonaris::getTimeBeforeDwell() {
-  return kNoDwellPending;
+  std::int64_t result = kNoDwellPending;
+  const FencesPtr fences = mFences();
+  if (fences) {
+    for (const auto& fence : *fences) {
+      if (!fence->entered())
+        continue;
+      const auto windows = fence->dwell_events();
+      std::lock_guard lock(monitor_);
+      const std::int64_t count = fence->dwell_time();
+      for (const auto& window : *windows) {
+        if (window->active())
+          result = std::min<std::int64_t>(result, std::int64_t{window->dwell_time()} - count);
+      }
+    }
+  }
+  return result < 0 ? 0 : clampToInt32(result);
 }
 
 }  // namespace zonaris

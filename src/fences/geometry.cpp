@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 
+#include <fmt/format.h>
+
 namespace zonaris::fences {
 
 namespace {
@@ -184,6 +186,10 @@ double haversineMetres(double lon1, double lat1, double lon2, double lat2) {
   const double a = s2 * s2 * (c2 * c1) + A1;
   const double c = std::atan2(std::sqrt(a), std::sqrt(1.0 - a));
   return (c + c) * 6378137.0;
+}
+
+std::string devicePointWkt(double longitude, double latitude) {
+  return fmt::format("POINT ({:.16g} {:.16g})", longitude, latitude);
 }
 
 GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view pointWkt) {

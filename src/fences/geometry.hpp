@@ -10,6 +10,9 @@ namespace zonaris::fences {
 /// formula on a sphere of radius 6378137.0 m.
 double haversineMetres(double lon1, double lat1, double lon2, double lat2);
 
+/// The device point as WKT, "POINT (lon lat)", each number printed as printf's "%.16g" does.
+std::string devicePointWkt(double longitude, double latitude);
+
 /// Distance from the nearest point of a fence geometry to a device point.
 struct GeometryDistance {
   bool fenceReadable = false;  ///< the fence WKT gave a geometry
