@@ -1,6 +1,7 @@
 // One evaluation pass and the confirmation of events, driven directly on the test's thread.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <limits>
@@ -197,6 +198,24 @@ const FlagCase kFlags[] = {
 
 INSTANTIATE_TEST_SUITE_P(Flags, ReportRule, ::testing::ValuesIn(kFlags),
                          [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(FencePass, AFailedObservationKeepsTheCatalogueNewSoTheNextPassSendsAgain) {
+  auto fences = publish({point(1, 10, 100)});
+  client->setMResetFences(true);
+  client->setDevMode(true);
+  placeDevice(0, 0);
+  server.stop();
+  for (int pass = 0; pass < 2; ++pass)
+    client->handleFences();
+
+  const auto lines = simulation->logger().lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "Observation wasn't sent!"), 2);
+  EXPECT_TRUE(client->mResetFences());
+  EXPECT_TRUE(fences[0]->entered());
+  EXPECT_EQ(delegate->names(),
+            (std::vector<std::string>{"updatedDistanceToNearestFence", "updatedBeaconScan",
+                                      "updatedDistanceToNearestFence", "updatedBeaconScan"}));
+}
 
 TEST_F(FencePass, DeveloperModeLogsEachFenceWithItsAdjustedDistance) {
   answerObservationsWith();

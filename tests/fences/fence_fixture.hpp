@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -110,7 +111,13 @@ class FenceFixture : public ::testing::Test {
   RecordingServer server;
   std::shared_ptr<FakeLocationManager> manager;
   std::unique_ptr<sim::Simulation> simulation;
-  std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
+  /// Hears what the fence engine and the answers send; the sampling progress is left out.
+  std::shared_ptr<RecordingDelegate> delegate =
+      std::make_shared<RecordingDelegate>(std::set<ZonarisCallback>{
+          ZonarisCallback::updatedDistanceToNearestFence, ZonarisCallback::updatedBeaconScan,
+          ZonarisCallback::reportSent, ZonarisCallback::eventEnterCallback,
+          ZonarisCallback::eventExitCallback, ZonarisCallback::eventDwellCallback,
+          ZonarisCallback::actionBasicCallback, ZonarisCallback::actionDataCallback});
   std::shared_ptr<Zonaris> client;
 };
 
