@@ -1,8 +1,100 @@
-// Placeholder until this subsystem lands: the operations exist with their real signatures.
+// Speed statistics and the time until the next position sample.
+//
+// The next sample is taken after half the time the device needs, at its averaged speed, to
+// reach the nearest fence, cut to the time left before the next dwell deadline and held
+// between MIN_INTERVAL and MAX_INTERVAL. All speed arithmetic is single precision, as the
+// speeds are 32-bit floats.
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
+#include <fmt/format.h>
+
 #include "zonaris/zonaris.hpp"
 
 namespace zonaris {
 
-void Zonaris::calculateIntervalAndAccuracy() {}
+namespace {
+
+constexpr std::int32_t MIN_INTERVAL = 15;   // seconds
+constexpr std::int32_t MAX_INTERVAL = 600;  // seconds
+constexpr float kSpeedFloor = 0.5f;         // m/s; also what a faulty average is reset to
+constexpr float kSmoothingBias = 0.0001f;
+// Beyond this distance from the init location the catalogue around it is stale.
+constexpr float kInitLocationRadius = 1000.0f;  // metres
+
+// floor(x) as a signed 32-bit number, saturating at both ends; NaN becomes 0.
+std::int32_t saturatedInt32(double x) {
+  if (std::isnan(x))
+    return 0;
+  if (x >= static_cast<double>(std::numeric_limits<std::int32_t>::max()))
+    return std::numeric_limits<std::int32_t>::max();
+  if (x <= static_cast<double>(std::numeric_limits<std::int32_t>::min()))
+    return std::numeric_limits<std::int32_t>::min();
+  return static_cast<std::int32_t>(x);
+}
+
+}  // namespace
+
+void Zonaris::calculateIntervalAndAccuracy() {
+  const LocationPtr init = mInitLocation();
+  const LocationPtr current = mCurrentLocation();
+  const double fromInit = init && current ? current->distanceFrom(*init) : 0.0;
+
+  if (mSpeed_.load() < 0.0f)
+    mSpeed_.store(0.0f);
+  const float speed = mSpeed_.load();
+  devLog(fmt::format("Speed           = {:f}m/s", speed));
+
+  // Written as "floor > x ? floor : x" so that a NaN average stays NaN and is reported below.
+  const float smoothed = (speed + mAverageSpeed_.load()) * 0.5f + kSmoothingBias;
+  mAverageSpeed_.store(kSpeedFloor > smoothed ? kSpeedFloor : smoothed);
+  const float average = mAverageSpeed_.load();
+  devLog(fmt::format("Avr Speed       = {:f}m/s", average));
+
+  if (!(average > 0.0f && average <= std::numeric_limits<float>::max())) {
+    sendException("Calculate avg speed error", callStackSymbols(),
+                  nlohmann::json::array({{{"name", "mSpeed"}, {"value", speed}},
+                                         {{"name", "mAverageSpeed"}, {"value", average}}}));
+    mAverageSpeed_.store(kSpeedFloor);
+  }
+
+  const double minDist = mMinDist_.load();
+  devLog(fmt::format("Min Dist        = {:f}m", minDist));
+  const std::int32_t bySpeed =
+      saturatedInt32(std::floor(minDist / static_cast<double>(mAverageSpeed_.load()) * 0.5));
+  devLog(fmt::format("Interval(sp)    = {}", bySpeed));
+  const std::int32_t beforeDwell = getTimeBeforeDwell();
+  std::int32_t interval = bySpeed < beforeDwell ? bySpeed : beforeDwell;
+  devLog(fmt::format("Interval(dw)    = {}", interval));
+
+  if (interval > MAX_INTERVAL) {
+    interval = MAX_INTERVAL;
+    devLog(fmt::format("Interval is too big. Set to MAX_INTERVAL = {}", MAX_INTERVAL));
+  } else if (interval < MIN_INTERVAL) {
+    interval = MIN_INTERVAL;
+    devLog(fmt::format("Interval is too small. Set to MIN_INTERVAL = {}", MIN_INTERVAL));
+  }
+
+  // Compared in single precision: 1000.00001 m still counts as 1000.
+  if (static_cast<float>(fromInit) > kInitLocationRadius)
+    setMInitLocation(nullptr);
+
+  notifyDelegate(ZonarisCallback::updatedSpeed,
+                 [&](ZonarisDelegate& d) { d.updatedSpeed(mSpeed_.load()); });
+  notifyDelegate(ZonarisCallback::updatedAvgSpeed,
+                 [&](ZonarisDelegate& d) { d.updatedAvgSpeed(mAverageSpeed_.load()); });
+  notifyDelegate(ZonarisCallback::updatedInterval,
+                 [&](ZonarisDelegate& d) { d.updatedInterval(interval); });
+  // Without a current fix there is no accuracy to report; 0 is what an absent fix reads as.
+  const float accuracy = current ? static_cast<float>(current->horizontalAccuracy) : 0.0f;
+  notifyDelegate(ZonarisCallback::updatedGPSAccuracy,
+                 [&](ZonarisDelegate& d) { d.updatedGPSAccuracy(accuracy); });
+
+  devLog(fmt::format("Update location after {} second(s)", interval));
+  mainAfterGuarded("updateLocation", std::chrono::seconds(interval),
+                   [](Zonaris& self) { self.updateLocation(); });
+}
 
 }  // namespace zonaris
