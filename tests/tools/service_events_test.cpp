@@ -118,15 +118,6 @@ TEST_F(ServiceEvents, EventsCarryTheFenceMessageForTheirTypeInFenceFileOrder) {
                             {"location_id": 3, "event_type": "exit"}])"));
 }
 
-TEST_F(ServiceEvents, InstallsKeepStatesOfTheirOwn) {
-  const auto other = registerInstall(service);
-  ASSERT_NE(other, install);
-  EXPECT_EQ(observeAt(service, install, kLat, kPointLon), (std::vector<Event>{{1, "entry"}}));
-  EXPECT_EQ(observeAt(service, other, kLat, kPointLon), (std::vector<Event>{{1, "entry"}}));
-  EXPECT_EQ(observeAt(service, install, kFarLat, kPointLon), (std::vector<Event>{{1, "exit"}}));
-  EXPECT_TRUE(observeAt(service, other, kLat, kPointLon).empty());
-}
-
 TEST_F(ServiceEvents, FenceQueryAnswersTheFencesWithinTheRadiusWithoutTheirMessages) {
   auto query = [&](double lat, double lon, int radius) {
     auto r = service.handle("GET", "/install/location",
@@ -147,16 +138,6 @@ TEST_F(ServiceEvents, FenceQueryAnswersTheFencesWithinTheRadiusWithoutTheirMessa
   EXPECT_EQ(query(kLat, kPointLon, 10000), (std::vector<std::int64_t>{1, 4}));
   EXPECT_EQ(query(kLat, 10.5, 10000), (std::vector<std::int64_t>{}));
   EXPECT_EQ(query(kLat, 11.5, 40000), (std::vector<std::int64_t>{2, 3}));
-
-  auto r = service.handle("GET", "/install/location",
-                          {{"install", std::to_string(install)},
-                           {"lat", "50.000000"},
-                           {"long", "10.000000"},
-                           {"radius", "10000"}},
-                          "");
-  EXPECT_EQ(parsed(r)[0], json::parse(R"j({"id": 1, "name": "Cafe", "type": "point",
-      "location": "POINT (10 50)", "radius": 100, "_event_types": ["entry", "exit"],
-      "_dwell_windows": [60, 120]})j"));
 }
 
 TEST_F(ServiceTest, FenceStateSurvivesARestartOnTheSameDatabase) {
