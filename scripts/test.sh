@@ -26,5 +26,17 @@ for kind in "${kinds[@]}"; do
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZONARIS_SANITIZE="$sanitize" >/dev/null
   cmake --build "$dir" -j "$jobs"
   ctest --test-dir "$dir" -j "$jobs" --output-on-failure
+  if [ "$kind" = normal ]; then
+    # An application's view: install, then build the embedding example with find_package.
+    echo "==== embedding example against an installed copy (build/prefix)"
+    cmake --install "$dir" --prefix build/prefix >/dev/null
+    cmake -S examples/embed -B build/embed -DCMAKE_PREFIX_PATH="$PWD/build/prefix" \
+      -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+    cmake --build build/embed -j "$jobs"
+    # Offline run: a closed local port stands in for the service, the store goes to scratch.
+    scratch=$(mktemp -d)
+    XDG_DATA_HOME="$scratch" timeout 60 build/embed/embed http://127.0.0.1:9
+    rm -rf "$scratch"
+  fi
 done
 echo "==== all builds passed: ${kinds[*]}"

@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# The main job: simulate the bundled example day and show what the application would see.
+#
+# Installs the dependencies, builds the tools (build/normal, RelWithDebInfo), runs zonaris-sim
+# on examples/day.gpx against the embedded reference service and prints the day's timeline:
+# every confirmed event and every delivered message with its clock time. The complete output
+# (every log line and callback as JSON lines) stays in build/normal/day.jsonl.
+# Extra arguments go to zonaris-sim, e.g. scripts/demo.sh --silence 0 0 (no silence window).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh
+
+jobs=$(nproc 2>/dev/null || echo 2)
+cmake -S . -B build/normal -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZONARIS_SANITIZE= >/dev/null
+cmake --build build/normal -j "$jobs" --target zonaris-sim zonaris-timeline >/dev/null
+
+bin=build/normal/tools/zonaris-sim
+out=build/normal/day.jsonl
+start=2026-03-10T07:30:00
+
+# The gym visit (18:05 to 18:55) falls in the silence window 17..19 (the hour 18): its events
+# arrive, its messages are dropped.
+"$bin/zonaris-sim" \
+  --trace examples/day.gpx \
+  --fences examples/fences.json \
+  --beacons examples/beacons.csv \
+  --uuid 5A4BCFCE-174E-4BAC-A814-092E77F6B7E5 \
+  --tags '{"plan":"demo","lang":"en"}' \
+  --silence 17 19 \
+  --start "$start" \
+  --dev-mode \
+  "$@" >"$out"
+
+echo "==== the example day, $start (events and messages)"
+"$bin/zonaris-timeline" --start "$start" <"$out"
+echo "==== every log line and callback: $out ($(wc -l <"$out") JSON lines)"

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+
+namespace zonaris::sim_tool {
+
+/// The command line of zonaris-sim, as given (files are read later).
+struct Options {
+  std::string trace;
+  std::optional<std::string> fences;   ///< run the embedded service with these fences
+  std::optional<std::string> service;  ///< or talk to this one
+  std::string appKey = "demo";
+  std::optional<std::string> store;
+  std::optional<std::string> uuid;
+  std::optional<std::string> tags;
+  std::optional<std::pair<int, int>> silence;
+  bool devMode = false;
+  std::optional<std::string> beacons;
+  std::optional<std::string> start;
+  std::optional<double> until;
+  std::string systemVersion = "17.0";
+};
+
+/// What the command line asks for: a run, or an early exit with a status and a text (the help
+/// text with status 0, or one error line with status 2).
+struct EarlyExit {
+  int status = 2;
+  std::string text;
+};
+
+std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv);
+
+/// Status of every error in the user's input: options, files, file contents.
+inline constexpr int kUsageError = 2;
+
+}  // namespace zonaris::sim_tool
