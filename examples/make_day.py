@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Synthesises the bundled example day: examples/day.gpx, examples/fences.json and
-examples/beacons.csv.
+examples/beacons.csv, and examples/walk.csv (the morning walk to the bakery as a CSV trace).
 
 Everything is computed from the itinerary below, so the ground truth is exact: the device is
 where the script put it, at the second the script says. No recorded or downloaded data.
@@ -207,12 +207,25 @@ def write_beacons(arrival, departure, path):
         f.write("\n".join(rows) + "\n")
 
 
+def write_walk_csv(day, path):
+    # 07:40 to 08:00: home, the walk, the bakery; t counted from 07:40.
+    first, last = seconds_at("07:40"), seconds_at("08:00")
+    rows = ["t,lat,lon,accuracy,speed"]
+    for t, x, y, hdop, speed in day.points:
+        if first <= t <= last:
+            lat, lon = to_latlon(x, y)
+            rows.append("%g,%.7f,%.7f,%g,%g" % (t - first, lat, lon, hdop * 5.0, speed))
+    with open(path, "w") as f:
+        f.write("\n".join(rows) + "\n")
+
+
 def main():
     day, arrival, departure = build_day()
     write_gpx(day, os.path.join(HERE, "day.gpx"))
     with open(os.path.join(HERE, "fences.json"), "w") as f:
         json.dump(fences(), f, indent=2)
         f.write("\n")
+    write_walk_csv(day, os.path.join(HERE, "walk.csv"))
     write_beacons(int(arrival), int(departure), os.path.join(HERE, "beacons.csv"))
     print("day.gpx: %d points over %.0f s; cafe from %d s to %d s"
           % (len(day.points), day.t, arrival, departure))
