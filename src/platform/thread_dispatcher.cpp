@@ -1,0 +1,300 @@
+// The production dispatcher: a detached thread per task, one main-queue thread and one ticker
+// thread, both started on first use.
+#include <algorithm>
+#include <condition_variable>
+#include <cstdio>
+#include <exception>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "zonaris/platform/production.hpp"
+
+namespace zonaris::platform {
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+constexpr Duration kMinTickInterval = std::chrono::milliseconds(1);
+
+void reportEscape(const char* where, const char* what) noexcept {
+  // stdio locks the stream, so concurrent reports do not interleave within a line.
+  std::fprintf(stderr, "zonaris: an exception escaped a %s task: %s\n", where, what);
+}
+
+void runCaught(const Task& task, const char* where) noexcept {
+  try {
+    if (task)
+      task();
+  } catch (const std::exception& e) {
+    reportEscape(where, e.what());
+  } catch (...) {
+    reportEscape(where, "unknown exception");
+  }
+}
+
+// Joins a thread the dispatcher owns, unless it is the calling thread itself (shutdown from
+// inside a task, or the last reference to the dispatcher dropped there): that one is left to
+// finish on its own, holding the shared state.
+void joinOrDetach(std::thread& thread) {
+  if (!thread.joinable())
+    return;
+  if (thread.get_id() == std::this_thread::get_id())
+    thread.detach();
+  else
+    thread.join();
+}
+
+class Ticker final : public TickerHandle {
+ public:
+  Ticker(Duration interval, Task tick)
+      : interval_(std::max(interval, kMinTickInterval)),
+        tick_(std::make_shared<const Task>(std::move(tick))) {}
+
+  void invalidate() override {
+    std::shared_ptr<const Task> released;
+    {
+      std::lock_guard lock(mutex_);
+      released = std::move(tick_);
+    }
+    // `released` goes here, outside the lock: the tick may hold the last reference to
+    // something whose destructor comes back to this ticker.
+  }
+
+  // The tick to run now, or null once invalidated. Taken under the lock that `invalidate`
+  // takes: a tick handed out here is the one "already begun" when invalidate runs.
+  std::shared_ptr<const Task> current() const {
+    std::lock_guard lock(mutex_);
+    return tick_;
+  }
+
+  Duration interval() const { return interval_; }
+
+ private:
+  const Duration interval_;
+  mutable std::mutex mutex_;
+  std::shared_ptr<const Task> tick_;
+};
+
+struct MainEntry {
+  SteadyClock::time_point due;
+  std::uint64_t sequence;
+  Task task;
+};
+
+struct TickEntry {
+  SteadyClock::time_point due;
+  std::uint64_t sequence;
+  std::shared_ptr<Ticker> ticker;
+};
+
+// Heap order: the entry with the earliest (due, sequence) on top.
+struct Later {
+  template <class Entry>
+  bool operator()(const Entry& a, const Entry& b) const {
+    return a.due != b.due ? a.due > b.due : a.sequence > b.sequence;
+  }
+};
+
+// The next due time after a tick that was due at `due`, skipping ticks already missed.
+SteadyClock::time_point nextTick(SteadyClock::time_point due, Duration interval,
+                                 SteadyClock::time_point now) {
+  auto next = due + interval;
+  if (next <= now)
+    next = due + interval * ((now - due) / interval + 1);
+  return next;
+}
+
+}  // namespace
+
+struct ThreadDispatcher::State {
+  std::mutex mutex;
+  std::condition_variable mainWake;
+  std::condition_variable tickerWake;
+  std::condition_variable detachedDone;
+  bool stopping = false;
+  std::uint64_t nextSequence = 0;
+  std::vector<MainEntry> mainQueue;  // a heap ordered by Later
+  std::vector<TickEntry> tickers;    // a heap ordered by Later
+  std::thread mainThread;
+  std::thread tickerThread;
+  std::size_t detachedRunning = 0;
+};
+
+ThreadDispatcher::ThreadDispatcher() : state_(std::make_shared<State>()) {}
+
+ThreadDispatcher::~ThreadDispatcher() {
+  shutdown();
+}
+
+void ThreadDispatcher::detach(Task task) {
+  auto state = state_;
+  {
+    std::lock_guard lock(state->mutex);
+    if (state->stopping)
+      return;
+    ++state->detachedRunning;
+  }
+  try {
+    std::thread([state, task = std::move(task)]() mutable {
+      runCaught(task, "detached");
+      task = nullptr;  // release the captures before reporting the task finished
+      {
+        std::lock_guard lock(state->mutex);
+        --state->detachedRunning;
+      }
+      state->detachedDone.notify_all();
+    }).detach();
+  } catch (const std::system_error& e) {
+    std::fprintf(stderr, "zonaris: could not start a thread, task dropped: %s\n", e.what());
+    {
+      std::lock_guard lock(state->mutex);
+      --state->detachedRunning;
+    }
+    state->detachedDone.notify_all();
+  }
+}
+
+void ThreadDispatcher::mainAfter(Duration delay, Task task) {
+  const auto due = SteadyClock::now() + std::max(delay, Duration::zero());
+  {
+    std::lock_guard lock(state_->mutex);
+    if (state_->stopping)
+      return;  // `task` is released on return, outside the lock
+    if (!state_->mainThread.joinable()) {
+      try {
+        state_->mainThread = std::thread(&ThreadDispatcher::mainLoop, state_);
+      } catch (const std::system_error& e) {
+        std::fprintf(stderr, "zonaris: could not start the main queue, task dropped: %s\n",
+                     e.what());
+        return;
+      }
+    }
+    state_->mainQueue.push_back({due, state_->nextSequence++, std::move(task)});
+    std::push_heap(state_->mainQueue.begin(), state_->mainQueue.end(), Later{});
+  }
+  state_->mainWake.notify_one();
+}
+
+std::shared_ptr<TickerHandle> ThreadDispatcher::startTicker(Duration interval, Task tick) {
+  auto ticker = std::make_shared<Ticker>(interval, std::move(tick));
+  bool queued = false;
+  {
+    std::lock_guard lock(state_->mutex);
+    if (!state_->stopping) {
+      try {
+        if (!state_->tickerThread.joinable())
+          state_->tickerThread = std::thread(&ThreadDispatcher::tickerLoop, state_);
+        state_->tickers.push_back(
+            {SteadyClock::now() + ticker->interval(), state_->nextSequence++, ticker});
+        std::push_heap(state_->tickers.begin(), state_->tickers.end(), Later{});
+        queued = true;
+      } catch (const std::system_error& e) {
+        std::fprintf(stderr, "zonaris: could not start the ticker thread: %s\n", e.what());
+      }
+    }
+  }
+  if (queued)
+    state_->tickerWake.notify_one();
+  else
+    ticker->invalidate();
+  return ticker;
+}
+
+void ThreadDispatcher::shutdown() {
+  std::vector<MainEntry> dropped;
+  std::vector<TickEntry> stopped;
+  std::thread mainThread;
+  std::thread tickerThread;
+  {
+    std::lock_guard lock(state_->mutex);
+    state_->stopping = true;
+    dropped.swap(state_->mainQueue);
+    stopped.swap(state_->tickers);
+    mainThread = std::move(state_->mainThread);
+    tickerThread = std::move(state_->tickerThread);
+  }
+  state_->mainWake.notify_all();
+  state_->tickerWake.notify_all();
+  // Released outside the lock: what the tasks hold may come back to the dispatcher.
+  for (auto& entry : stopped)
+    entry.ticker->invalidate();
+  stopped.clear();
+  dropped.clear();
+  joinOrDetach(mainThread);
+  joinOrDetach(tickerThread);
+}
+
+bool ThreadDispatcher::waitForDetachedTasks(std::chrono::milliseconds timeout) {
+  std::unique_lock lock(state_->mutex);
+  return state_->detachedDone.wait_for(lock, timeout,
+                                       [this] { return state_->detachedRunning == 0; });
+}
+
+void ThreadDispatcher::mainLoop(std::shared_ptr<State> state) {
+  std::unique_lock lock(state->mutex);
+  while (!state->stopping) {
+    if (state->mainQueue.empty()) {
+      state->mainWake.wait(lock);
+      continue;
+    }
+    const auto due = state->mainQueue.front().due;
+    if (SteadyClock::now() < due) {
+      state->mainWake.wait_until(lock, due);
+      continue;
+    }
+    std::pop_heap(state->mainQueue.begin(), state->mainQueue.end(), Later{});
+    Task task = std::move(state->mainQueue.back().task);
+    state->mainQueue.pop_back();
+    lock.unlock();
+    runCaught(task, "main-queue");
+    task = nullptr;  // may drop the last reference to the dispatcher; see joinOrDetach
+    lock.lock();
+  }
+}
+
+void ThreadDispatcher::tickerLoop(std::shared_ptr<State> state) {
+  std::unique_lock lock(state->mutex);
+  while (!state->stopping) {
+    if (state->tickers.empty()) {
+      state->tickerWake.wait(lock);
+      continue;
+    }
+    const auto due = state->tickers.front().due;
+    if (SteadyClock::now() < due) {
+      state->tickerWake.wait_until(lock, due);
+      continue;
+    }
+    std::pop_heap(state->tickers.begin(), state->tickers.end(), Later{});
+    TickEntry entry = std::move(state->tickers.back());
+    state->tickers.pop_back();
+    lock.unlock();
+
+    auto tick = entry.ticker->current();
+    if (tick)
+      runCaught(*tick, "ticker");
+    const bool keep = tick != nullptr;
+    tick.reset();
+
+    lock.lock();
+    if (state->stopping) {
+      // Shutdown took the queued tickers; this one was out of the queue while it ticked.
+      lock.unlock();
+      entry.ticker->invalidate();
+      return;
+    }
+    if (keep) {
+      entry.due = nextTick(entry.due, entry.ticker->interval(), SteadyClock::now());
+      entry.sequence = state->nextSequence++;
+      state->tickers.push_back(std::move(entry));
+      std::push_heap(state->tickers.begin(), state->tickers.end(), Later{});
+    } else {
+      lock.unlock();
+      entry = {};  // drop the invalidated ticker outside the lock
+      lock.lock();
+    }
+  }
+}
+
+}  // namespace zonaris::platform
