@@ -1,20 +1,195 @@
-// Placeholder until this subsystem lands: the operations exist with their real signatures.
+// Beacon ranging: a 10-seconds-on, 30-seconds-off duty cycle over the configured beacon region,
+// keeping the most accurate sighting of each beacon per scan and publishing each finished scan
+// as beacon records for the next observation.
+//
+// The cycle runs on main-queue timers that are never cancelled. Each timer re-checks
+// `mBeaconEnabled` when it fires, so switching off ends the cycle at the next timer. Switching
+// off and on again while a timer is pending starts a new cycle at once while the old timer
+// still fires later: two interleaved cycles then run. That follows from never cancelling
+// deferred work and is kept on purpose.
+//
+// Threads: the switches run on an evaluation pass's thread or on the caller of `stop`, the
+// timers and ranging results on the main queue. The flags are atomics; the scan in progress
+// (`mCurrentBeacons_`) is only touched under `fieldsMutex_`, and nothing is logged or asked of
+// the platform while that lock is held.
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
 #include "zonaris/zonaris.hpp"
 
 namespace zonaris {
 
-void Zonaris::startUpdateBeacons() {}
-void Zonaris::stopUpdateBeacons() {}
-void Zonaris::startScanBeacons() {}
-void Zonaris::stopScanBeacons() {}
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr platform::Duration kScanDuration = 10s;
+constexpr platform::Duration kScanPause = 30s;
+
+// The platform defines proximity 0 to 3 only. Any other value is reported as "unknown": it is
+// what the platform itself says when it cannot tell how near a beacon is, and it keeps every
+// record within the four names the service knows.
+const char* proximityName(int proximity) {
+  switch (proximity) {
+    case 1:
+      return "immediate";
+    case 2:
+      return "near";
+    case 3:
+      return "far";
+    default:
+      return "unknown";
+  }
+}
+
+nlohmann::json beaconRecord(const platform::Beacon& beacon) {
+  return {{"uuid", beacon.uuid},
+          {"major", beacon.major},
+          {"minor", beacon.minor},
+          {"proximity", proximityName(beacon.proximity)}};
+}
+
+// Same beacon: minor, major, then the UUID text.
+bool sameBeacon(const platform::Beacon& a, const platform::Beacon& b) {
+  return a.minor == b.minor && a.major == b.major && a.uuid == b.uuid;
+}
+
+std::vector<platform::Beacon>::iterator findSame(std::vector<platform::Beacon>& list,
+                                                 const platform::Beacon& beacon) {
+  for (auto it = list.begin(); it != list.end(); ++it) {
+    if (sameBeacon(*it, beacon))
+      return it;
+  }
+  return list.end();
+}
+
+// A new sighting replaces a stored one only when it carries a usable distance (> 0; zero,
+// negative and NaN do not) that is strictly nearer, or when the stored one had no distance
+// (< 0). A stored zero or NaN is not "less than 0", so it is kept.
+bool replaces(double newAccuracy, double storedAccuracy) {
+  return newAccuracy > 0.0 && (newAccuracy < storedAccuracy || storedAccuracy < 0.0);
+}
+
+std::string beaconLine(const platform::Beacon& beacon) {
+  // Minor before major, as this line has always had it.
+  return fmt::format("    Beacon - {} - {} - {:f}", beacon.minor, beacon.major, beacon.accuracy);
+}
+
+}  // namespace
+
+void Zonaris::startUpdateBeacons() {
+  if (!mBeaconRegion()) {
+    devLog("Can't start updating beacons");
+    return;
+  }
+  devLog("Start updating beacons");
+  // exchange: two overlapping evaluation passes switching on together start one cycle.
+  if (mBeaconEnabled_.exchange(true))
+    return;
+  startScanBeacons();
+}
+
+void Zonaris::stopUpdateBeacons() {
+  auto region = mBeaconRegion();
+  if (!region) {
+    devLog("Can't stop updating beacons");
+    return;
+  }
+  devLog("Stop updating beacons");
+  if (!mBeaconEnabled_.exchange(false))
+    return;
+  mBeaconScanning_.store(false);
+  mLocationManager_->stopRangingBeacons(*region);
+  // mBeacons stays as it is: the last finished scan remains the published list.
+}
+
+void Zonaris::startScanBeacons() {
+  if (!mBeaconEnabled_.load())
+    return;
+  alwaysLog("Started scan");
+  {
+    std::lock_guard lock(fieldsMutex_);
+    mCurrentBeacons_.clear();
+  }
+  mBeaconScanning_.store(true);
+  if (auto region = mBeaconRegion())
+    mLocationManager_->startRangingBeacons(*region);
+  mainAfterGuarded("stopScanBeacons", kScanDuration, [](Zonaris& self) { self.stopScanBeacons(); });
+}
+
+void Zonaris::stopScanBeacons() {
+  if (!mBeaconEnabled_.load())
+    return;
+  alwaysLog("Stopped scan");
+  mBeaconScanning_.store(false);
+  if (auto region = mBeaconRegion())
+    mLocationManager_->stopRangingBeacons(*region);
+
+  // The scan's list is left in place; the next scan empties it when it starts.
+  const auto scanned = mCurrentBeacons();
+  devLog(fmt::format("Total beacons - {}", scanned.size()));
+  auto records = nlohmann::json::array();
+  for (const auto& beacon : scanned) {
+    devLog(beaconLine(beacon));
+    records.push_back(beaconRecord(beacon));
+  }
+  {
+    // Published under the client's monitor so that a reader sees the old or the new list whole.
+    std::lock_guard lock(monitor_);
+    setMBeacons(std::make_shared<const nlohmann::json>(std::move(records)));
+  }
+  mainAfterGuarded("startScanBeacons", kScanPause, [](Zonaris& self) { self.startScanBeacons(); });
+}
+
 void Zonaris::didRangeBeacons(const std::vector<platform::Beacon>& beacons,
                               const platform::BeaconRegion& region) {
-  (void)beacons;
-  (void)region;
+  (void)region;  // only one region is ever ranged
+  if (!mBeaconScanning_.load())
+    return;
+  devLog(fmt::format("Found beacons - {}", beacons.size()));
+  for (const auto& beacon : beacons) {
+    devLog(beaconLine(beacon));
+    enum class Outcome { Added, Replaced, Kept } outcome;
+    {
+      // Lookup and change in one lock scope, so that a scan starting on another thread cannot
+      // slip between them. Same identity test as isBeaconExists.
+      std::lock_guard lock(fieldsMutex_);
+      auto old = findSame(mCurrentBeacons_, beacon);
+      if (old == mCurrentBeacons_.end()) {
+        mCurrentBeacons_.push_back(beacon);
+        outcome = Outcome::Added;
+      } else if (replaces(beacon.accuracy, old->accuracy)) {
+        mCurrentBeacons_.erase(old);
+        mCurrentBeacons_.push_back(beacon);
+        outcome = Outcome::Replaced;
+      } else {
+        outcome = Outcome::Kept;
+      }
+    }
+    switch (outcome) {
+      case Outcome::Replaced:
+        alwaysLog("    Replace old beacon");
+        [[fallthrough]];
+      case Outcome::Added:
+        alwaysLog("    Beacon added");
+        break;
+      case Outcome::Kept:
+        alwaysLog("    Accuracy is worst or same then old one");
+        break;
+    }
+  }
 }
+
 std::optional<platform::Beacon> Zonaris::isBeaconExists(const platform::Beacon& beacon) {
-  (void)beacon;
-  return std::nullopt;
+  std::lock_guard lock(fieldsMutex_);
+  auto found = findSame(mCurrentBeacons_, beacon);
+  if (found == mCurrentBeacons_.end())
+    return std::nullopt;
+  return *found;
 }
 
 }  // namespace zonaris
