@@ -84,10 +84,13 @@ int main(int argc, char** argv) {
       out = fmt::format("{}  left        {}", when, text(first));
     else if (callback == "eventDwellCallback")
       out = fmt::format("{}  dwelled in  {}", when, text(first));
-    else if (callback == "actionBasicCallback")
-      out = fmt::format("{}  message     \"{}\": {} [{}]", when, field(first, "title"),
-                        field(first, "body"), field(first, "url"));
-    else if (callback == "actionDataCallback")
+    else if (callback == "actionBasicCallback") {
+      // A missing title, body or URL reads "(null)", as the client hands it to the application.
+      const std::string title = field(first, "title"), body = field(first, "body"),
+                        url = field(first, "url");
+      out = fmt::format("{}  message     \"{}\": {}{}", when, title, body,
+                        url == "(null)" ? "" : " [" + url + "]");
+    } else if (callback == "actionDataCallback")
       out = fmt::format(
           "{}  data        {}", when,
           first.is_object() && first.contains("values") ? text(first["values"]) : text(first));
