@@ -53,14 +53,16 @@ void PolygonFence(benchmark::State& state) {
 BENCHMARK(PointFence);
 BENCHMARK(PolygonFence)->Arg(4)->Arg(32)->Arg(256)->Arg(2048);
 
-// Prints the usual table, then each benchmark's time as a multiple of the point fence's.
+// Prints the usual table, then each benchmark's CPU time as a multiple of the point fence's
+// (CPU time, because the machines this runs on are often shared and busy).
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
+  RatioReporter() : ConsoleReporter(OO_Tabular) {}  // plain text, no colour codes
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const auto& run : runs) {
       if (run.run_type == Run::RT_Iteration && run.iterations > 0)
-        perCall_[run.benchmark_name()] = run.GetAdjustedRealTime();
+        perCall_[run.benchmark_name()] = run.GetAdjustedCPUTime();
     }
   }
   void Finalize() override {
