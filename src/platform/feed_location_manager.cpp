@@ -83,6 +83,8 @@ void FeedLocationManager::stopRangingBeacons(const BeaconRegion& region) {
 }
 
 bool FeedLocationManager::pushLocation(const Location& fix) {
+  if (!dispatcher_)
+    return false;
   std::weak_ptr<LocationManagerDelegate> delegate;
   {
     std::lock_guard lock(mutex_);
@@ -94,8 +96,6 @@ bool FeedLocationManager::pushLocation(const Location& fix) {
     lastDelivered_ = std::make_shared<const Location>(fix);
     delegate = delegate_;
   }
-  if (!dispatcher_)
-    return false;
   dispatcher_->mainAfter(Duration::zero(), [delegate, fix] {
     if (auto receiver = delegate.lock())
       receiver->didUpdateLocations({fix});

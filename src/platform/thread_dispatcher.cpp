@@ -17,6 +17,8 @@ namespace {
 using SteadyClock = std::chrono::steady_clock;
 
 constexpr Duration kMinTickInterval = std::chrono::milliseconds(1);
+// Longer delays and intervals are cut to this, so that due times cannot overflow the clock.
+constexpr Duration kMaxDelay = std::chrono::hours(24 * 365 * 100);
 
 void reportEscape(const char* where, const char* what) noexcept {
   // stdio locks the stream, so concurrent reports do not interleave within a line.
@@ -49,7 +51,7 @@ void joinOrDetach(std::thread& thread) {
 class Ticker final : public TickerHandle {
  public:
   Ticker(Duration interval, Task tick)
-      : interval_(std::max(interval, kMinTickInterval)),
+      : interval_(std::clamp(interval, kMinTickInterval, kMaxDelay)),
         tick_(std::make_shared<const Task>(std::move(tick))) {}
 
   void invalidate() override {
@@ -157,7 +159,7 @@ void ThreadDispatcher::detach(Task task) {
 }
 
 void ThreadDispatcher::mainAfter(Duration delay, Task task) {
-  const auto due = SteadyClock::now() + std::max(delay, Duration::zero());
+  const auto due = SteadyClock::now() + std::clamp(delay, Duration::zero(), kMaxDelay);
   {
     std::lock_guard lock(state_->mutex);
     if (state_->stopping)

@@ -26,7 +26,8 @@ namespace zonaris::platform {
 /// - `startTicker` ticks on one ticker thread owned by the dispatcher, shared by all tickers
 ///   (never the main-queue thread): ticks of different tickers run one after the other. A tick
 ///   that overruns its interval skips the ticks it missed instead of bunching them up. An
-///   interval below 1 ms counts as 1 ms.
+///   interval below 1 ms counts as 1 ms; intervals and delays beyond 100 years count as 100
+///   years.
 /// - `TickerHandle::invalidate` may be called from any thread, also from inside the tick. Once
 ///   it has returned, no tick of that ticker starts; a tick that the ticker thread had already
 ///   begun when it was called may still be running on the ticker thread (invalidate does not
