@@ -159,15 +159,5 @@ TEST_F(DwellTiming, ASecondStartReplacesTheRunningTimer) {
   EXPECT_EQ(fence->dwell_time(), 10);
 }
 
-TEST_F(DwellTiming, TheTickLogsInDeveloperMode) {
-  publish({});
-  client->setDevMode(true);
-  simulation->logger().clear();
-  client->startDwellTimer();
-  simulation->runFor(2s);
-  EXPECT_EQ(simulation->logger().lines(),
-            (std::vector<std::string>{"Update dwell times", "Update dwell times"}));
-}
-
 }  // namespace
 }  // namespace zonaris

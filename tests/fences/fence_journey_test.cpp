@@ -201,15 +201,5 @@ TEST_F(FenceJourney, AnEntryConfirmedWhileOutsideIsFollowedByAnExit) {
   EXPECT_FALSE(office()->entered());
 }
 
-TEST_F(FenceJourney, AReloadWhileInsideEntersSilentlyAndTellsTheService) {
-  run(trip({{0, kInside}}), 120, {}, [](const Seen&) { return json::array(); });
-
-  EXPECT_TRUE(events().empty());
-  EXPECT_TRUE(office()->entered());
-  ASSERT_EQ(seen().size(), 1u);
-  EXPECT_TRUE(seen()[0].inside);
-  EXPECT_FALSE(client->mResetFences());
-}
-
 }  // namespace
 }  // namespace zonaris

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <limits>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <fmt/format.h>
@@ -51,7 +50,6 @@ const DistanceCase kDistances[] = {
     {"OneDegreeNorthAtTheEquator", "POINT (0 0)", "POINT (0 1)", kMetresPerDegree},
     {"OneDegreeEastAtTheEquator", "POINT (0 0)", "POINT (1 0)", kMetresPerDegree},
     {"InsideAPolygon", "POLYGON ((0 0, 1 0, 1 1, 0 1, 0 0))", "POINT (0.5 0.5)", 0.0},
-    {"OnAPolygonsEdge", "POLYGON ((0 0, 1 0, 1 1, 0 1, 0 0))", "POINT (0.5 0)", 0.0},
     {"EastOfAPolygon", "POLYGON ((0 0, 1 0, 1 1, 0 1, 0 0))", "POINT (2 0.5)",
      arcsineMetres(1, 0.5, 2, 0.5)},
     {"InAPolygonsHole", "POLYGON ((0 0, 4 0, 4 4, 0 4, 0 0), (1 1, 3 1, 3 3, 1 3, 1 1))",
@@ -69,12 +67,6 @@ const DistanceCase kDistances[] = {
 
 INSTANTIATE_TEST_SUITE_P(Shapes, GeometryDistance, ::testing::ValuesIn(kDistances),
                          [](const auto& info) { return std::string(info.param.name); });
-
-TEST(Haversine, OneDegreeAtTheEquatorIsTheRadiusTimesTheDegree) {
-  EXPECT_DOUBLE_EQ(fences::haversineMetres(0, 0, 0, 1), 6378137.0 * 0.017453292519943295);
-  EXPECT_DOUBLE_EQ(fences::haversineMetres(0, 0, 1, 0), 6378137.0 * 0.017453292519943295);
-  EXPECT_EQ(fences::haversineMetres(8.5, 47.3, 8.5, 47.3), 0.0);
-}
 
 // Printing the device point with fmt must give exactly what printf's "%.16g" gives, and the
 // distance log's "{:f}" what "%f" gives, down to the largest double.
@@ -149,9 +141,7 @@ TEST_P(UnreadableGeometry, IsReportedAndCountsAsInfinitelyFar) {
 const UnreadableCase kUnreadable[] = {
     {"EmptyFence", "", "POINT (0 0)", {"geometry1"}},
     {"GarbageFence", "not a geometry", "POINT (0 0)", {"geometry1"}},
-    {"TruncatedFence", "POLYGON ((0 0, 1 0, 1 1", "POINT (0 0)", {"geometry1"}},
     {"EmptyGeometry", "POLYGON EMPTY", "POINT (0 0)", {"geometry1"}},
-    {"EmptyPartsOnly", "GEOMETRYCOLLECTION (POINT EMPTY)", "POINT (0 0)", {"geometry1"}},
     {"NaNCoordinate", "POINT (nan 0)", "POINT (0 0)", {"geometry1"}},
     {"OverflowingCoordinate", "LINESTRING (0 0, 1e400 0)", "POINT (0 0)", {"geometry1"}},
     {"DeeplyNestedFence", deeplyNestedCollection(100000), "POINT (0 0)", {"geometry1"}},
@@ -169,25 +159,6 @@ TEST(GeometryBounds, AcceptsTheNestingAFenceActuallyUses) {
   EXPECT_TRUE(shallow.metres) << shallow.diagnostic;
   const auto deep = fences::distanceToGeometry(deeplyNestedCollection(40), "POINT (0 0)");
   EXPECT_FALSE(deep.fenceReadable);
-}
-
-// Each call owns its GEOS context, so measurements on many threads at once share nothing.
-TEST(GeometryThreads, ConcurrentMeasurementsAgree) {
-  std::vector<std::thread> threads;
-  std::vector<double> results(8, -1.0);
-  for (std::size_t i = 0; i < results.size(); ++i) {
-    threads.emplace_back([&, i] {
-      for (int n = 0; n < 50; ++n) {
-        const auto r = fences::distanceToGeometry(
-            i % 2 ? "POLYGON ((0 0, 1 0, 1 1, 0 1, 0 0))" : "garbage", "POINT (2 0.5)");
-        results[i] = r.metres.value_or(-2.0);
-      }
-    });
-  }
-  for (auto& t : threads)
-    t.join();
-  for (std::size_t i = 0; i < results.size(); ++i)
-    EXPECT_NEAR(results[i], i % 2 ? arcsineMetres(1, 0.5, 2, 0.5) : -2.0, 1e-6);
 }
 
 }  // namespace
