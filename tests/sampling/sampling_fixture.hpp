@@ -56,10 +56,6 @@ class SamplingTest : public ::testing::Test {
       out.push_back(stamped[i].second);
     return out;
   }
-  std::size_t lineCount() const {
-    std::lock_guard lock(logMutex);
-    return stamped.size();
-  }
   std::vector<double> fixTimes() const {
     std::vector<double> out;
     std::lock_guard lock(logMutex);

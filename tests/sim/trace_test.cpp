@@ -39,15 +39,6 @@ TEST(TraceFiles, GpxAndCsvOfTheSameWalkReadAlike) {
   EXPECT_FALSE(csv.startTime());
 }
 
-TEST(TraceFiles, AMissingFileIsNamedInTheError) {
-  try {
-    Trace::load("/nonexistent/walk.gpx");
-    FAIL() << "no error";
-  } catch (const InputError& e) {
-    EXPECT_NE(std::string(e.what()).find("/nonexistent/walk.gpx"), std::string::npos);
-  }
-}
-
 // The same two points in the dialects GPX files come in.
 class GpxDialects : public ::testing::TestWithParam<const char*> {};
 
@@ -113,59 +104,33 @@ TEST_P(BrokenTraces, NameTheFileAndLine) {
 
 INSTANTIATE_TEST_SUITE_P(
     Trace, BrokenTraces,
-    ::testing::Values(
-        Broken{"gpx", "this is not XML", "1: not XML: No document element found"},
-        Broken{"gpx", "<gpx>\n<trk>\n</gpx>", "3: not XML: Start-end tags mismatch"},
-        Broken{"gpx", "<kml/>", "1: not a GPX file: the root element is <kml>"},
-        Broken{"gpx", "<gpx>\n</gpx>", "1: no track points (<trkpt>) in this GPX file"},
-        Broken{"gpx", "<gpx>\n<rte><rtept lat=\"1\" lon=\"2\"/></rte></gpx>",
-               "2: <rtept> has no <time>; a trace needs the time of every point"},
-        Broken{"gpx", "<gpx>\n<wpt lat=\"1\" lon=\"2\"><name>home</name></wpt></gpx>",
-               "2: <wpt> has no <time>; a trace needs the time of every point"},
-        Broken{"gpx",
-               "<gpx><trk><trkseg>\n<trkpt lat=\"91\" lon=\"2\"><time>2026-01-01T00:00:00Z"
-               "</time></trkpt></trkseg></trk></gpx>",
-               "2: latitude 91 is out of range (-90 to 90)"},
-        Broken{"gpx",
-               "<gpx><trkpt lat=\"nan\" lon=\"2\"><time>2026-01-01T00:00:00Z</time>"
-               "</trkpt></gpx>",
-               "1: <trkpt> has no valid lat attribute"},
-        Broken{"gpx", "<gpx><trkpt lat=\"1\" lon=\"2\">\n<time>yesterday</time></trkpt></gpx>",
-               "2: <time> \"yesterday\" is not an ISO 8601 date and time"},
-        Broken{"gpx",
-               "<gpx><trkpt lat=\"1\" lon=\"2\"><time>2026-02-30T00:00:00Z</time>"
-               "</trkpt></gpx>",
-               "1: <time> \"2026-02-30T00:00:00Z\" is not an ISO 8601 date and time"},
-        Broken{"gpx",
-               "<gpx>\n<trkpt lat=\"1\" lon=\"2\"><time>2026-01-01T00:00:10Z</time>"
-               "</trkpt>\n<trkpt lat=\"1\" lon=\"2\"><time>2026-01-01T01:00:05+01:00"
-               "</time></trkpt></gpx>",
-               "3: times must not go back"},
-        Broken{"gpx",
-               "<gpx><trkpt lat=\"1\" lon=\"2\"><time>2026-01-01T00:00:00Z</time>\n"
-               "<speed>fast</speed></trkpt></gpx>",
-               "2: <speed> is not a number"},
-        Broken{"csv", "", "1: no points in this trace"},
-        Broken{"csv", "# only a comment\n\n", "2: no points in this trace"},
-        Broken{"csv", "0,1,2\n1,1\n",
-               "2: expected t,lat,lon[,accuracy][,speed] but found 2 fields"},
-        Broken{"csv", "t,lat,lon\n0,1,2\n1,1,2,3,4,5\n",
-               "3: expected t,lat,lon[,accuracy][,speed] but found 6 fields"},
-        Broken{"csv", "0,1,2\n1,abc,2\n", "2: lat \"abc\" is not a number"},
-        Broken{"csv", "0,1,2\n1,1,NaN\n", "2: lon \"NaN\" is not a number"},
-        Broken{"csv", "0,1,2\n1,1,2,1e999\n", "2: accuracy \"1e999\" is not a number"},
-        Broken{"csv", "0,1,181\n", "1: longitude 181 is out of range (-180 to 180)"},
-        Broken{"csv", "0,1,2\n5,1,2\n4,1,2\n", "3: times must not go back"},
-        Broken{"csv", "0,1,2,5,-1\n", "1: speed must not be negative"},
-        Broken{"csv", "t,lat,lon\nt,lat,lon\n", "2: t \"t\" is not a number"}));
-
-TEST(TraceCsv, EqualTimesAreAllowedAndTimesStartAtTheFirstPoint) {
-  const auto trace = Trace::parseCsv("  7 , 1, 2 \r\n7,1,2.001\r\n8.5,1,2.002", "t.csv");
-  ASSERT_EQ(trace.points().size(), 3u);
-  EXPECT_EQ(trace.points()[1].t, 0.0);
-  EXPECT_EQ(trace.points()[2].t, 1.5);
-  EXPECT_EQ(trace.points()[2].longitude, 2.002);
-}
+    ::testing::Values(Broken{"gpx", "this is not XML", "1: not XML: No document element found"},
+                      Broken{"gpx", "<gpx>\n<trk>\n</gpx>", "3: not XML: Start-end tags mismatch"},
+                      Broken{"gpx", "<kml/>", "1: not a GPX file: the root element is <kml>"},
+                      Broken{"gpx", "<gpx>\n</gpx>",
+                             "1: no track points (<trkpt>) in this GPX file"},
+                      Broken{"gpx", "<gpx>\n<rte><rtept lat=\"1\" lon=\"2\"/></rte></gpx>",
+                             "2: <rtept> has no <time>; a trace needs the time of every point"},
+                      Broken{"gpx",
+                             "<gpx>\n<trkpt lat=\"91\" lon=\"2\"><time>2026-01-01T00:00:00Z</time>"
+                             "</trkpt></gpx>",
+                             "2: latitude 91 is out of range (-90 to 90)"},
+                      Broken{"gpx", "<gpx><trkpt lat=\"nan\" lon=\"2\"/></gpx>",
+                             "1: <trkpt> has no valid lat attribute"},
+                      Broken{"gpx",
+                             "<gpx><trkpt lat=\"1\" lon=\"2\">\n<time>2026-02-30T00:00:00Z</time>"
+                             "</trkpt></gpx>",
+                             "2: <time> \"2026-02-30T00:00:00Z\" is not an ISO 8601 date and time"},
+                      Broken{"gpx",
+                             "<gpx>\n<trkpt lat=\"1\" lon=\"2\"><time>2026-01-01T00:00:10Z</time>"
+                             "</trkpt>\n<trkpt lat=\"1\" lon=\"2\"><time>2026-01-01T01:00:05+01:00"
+                             "</time></trkpt></gpx>",
+                             "3: times must not go back"},
+                      Broken{"csv", "# only a comment\n\n", "2: no points in this trace"},
+                      Broken{"csv", "t,lat,lon\n0,1,2\n1,1\n",
+                             "3: expected t,lat,lon[,accuracy][,speed] but found 2 fields"},
+                      Broken{"csv", "0,1,2\n1,1,NaN\n", "2: lon \"NaN\" is not a number"},
+                      Broken{"csv", "0,1,2\n5,1,2\n4,1,2\n", "3: times must not go back"}));
 
 TEST(TracePosition, IsInterpolatedAndStandsStillOutsideTheTrace) {
   // 1000 s north along a meridian with no speed given, then 100 s with speeds given.
@@ -191,12 +156,6 @@ TEST(TracePosition, IsInterpolatedAndStandsStillOutsideTheTrace) {
     EXPECT_EQ(after.longitude, 20.002);
     EXPECT_EQ(after.speed, 0.0);
   }
-}
-
-TEST(TracePosition, CrossesTheAntimeridianTheShortWay) {
-  const auto trace = Trace::parseCsv("0,0,179.9\n10,0,-179.9\n", "t.csv");
-  EXPECT_NEAR(trace.at(2.5).longitude, 179.95, 1e-9);
-  EXPECT_NEAR(trace.at(7.5).longitude, -179.95, 1e-9);
 }
 
 }  // namespace
