@@ -75,10 +75,14 @@ std::optional<std::string> osReleaseVersionId(std::string_view text) {
     while (!value.empty() && (value.back() == '\r' || value.back() == ' ' || value.back() == '\t'))
       value.remove_suffix(1);
     if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') &&
-        value.back() == value.front())
-      value = value.substr(1, value.size() - 2);
+        value.back() == value.front()) {
+      value.remove_prefix(1);
+      value.remove_suffix(1);
+    }
     // A later assignment wins, as when the file is sourced by a shell.
-    found = value.empty() ? std::nullopt : std::optional<std::string>(value);
+    found.reset();
+    if (!value.empty())
+      found.emplace(value.begin(), value.end());
   }
   return found;
 }
@@ -116,7 +120,8 @@ SystemDeviceInfo::SystemDeviceInfo() {
   try {
     version_ = detectSystemVersion();
   } catch (...) {
-    version_ = "0";
+    // Not `version_ = "0"`: GCC 12 at -O3 warns falsely (-Wrestrict) on that assignment.
+    version_.assign(1, '0');
   }
 }
 
