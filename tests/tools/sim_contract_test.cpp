@@ -1,5 +1,6 @@
 // zonaris-sim against a scripted service: the JSON-lines contract on stdout, the options that
-// reach the client, and the summary's request counts.
+// reach the client, and the summary's request counts. (The silence window is exercised by the
+// bundled day.)
 
 #include <regex>
 #include <set>
@@ -184,17 +185,6 @@ TEST(SimContract, OptionsReachTheClientAndTheSummaryCountsWhatWasSent) {
       << summary;
   EXPECT_NE(summary.find("1 entry"), std::string::npos) << summary;
   EXPECT_NE(summary.find("2 delivered"), std::string::npos) << summary;
-}
-
-TEST(SimContract, ASilenceWindowAroundTheStartDropsMessagesButNotEvents) {
-  RecordingServer server;
-  scriptKioskService(server);
-  const SimRun run = runAgainst(server, {"--silence", "8", "10"});  // 09:15 is silent
-  ASSERT_EQ(run.result.status, 0) << run.result.err;
-  const auto names = run.callbackNames();
-  EXPECT_EQ(std::count(names.begin(), names.end(), "eventEnterCallback"), 1);
-  EXPECT_EQ(std::count(names.begin(), names.end(), "actionBasicCallback"), 0);
-  EXPECT_EQ(std::count(names.begin(), names.end(), "actionDataCallback"), 0);
 }
 
 }  // namespace
