@@ -21,6 +21,13 @@ namespace zonaris::sim {
 /// since the last delivery. Nothing is delivered after `stopUpdatingLocation`. While a beacon
 /// region is ranged it delivers the region's `BeaconSightings` once per virtual second. All
 /// deliveries arrive as main-queue tasks.
+///
+/// The trace is read at the virtual seconds since the scheduler's start (its first point is
+/// where the device is at the start). The first fix after `startUpdatingLocation` is delivered
+/// whatever the filter, as a real service reports where the device is when updates begin.
+/// Every accuracy or filter setting restarts the one-second rhythm. Ranging also delivers
+/// empty lists. The delegate is held weakly and pending ticks hold only the manager's state
+/// weakly: neither the client nor the manager is kept alive by them.
 class SimLocationManager final : public platform::LocationManager,
                                  public std::enable_shared_from_this<SimLocationManager> {
  public:

@@ -24,6 +24,16 @@ class Trace {
  public:
   /// Reads GPX 1.1 (".gpx") or CSV `t,lat,lon[,accuracy][,speed]` (any other name) from a file.
   /// Throws InputError naming the file (and line) when it is malformed.
+  ///
+  /// GPX: the track points (`trkpt`; a route or waypoints only when every point has a time),
+  /// with or without a namespace prefix. Each needs a `<time>` (ISO 8601, "Z" or an offset,
+  /// optional fraction; no zone reads as UTC). The accuracy is `<hdop>` × 5 m, or 5 m without
+  /// one; the speed comes from `<speed>` in the point (GPX 1.0) or anywhere in its
+  /// `<extensions>`. `startTime` is the first time's clock reading as written (09:00+01:00 is
+  /// 09:00), while `t` follows the absolute instants.
+  /// CSV: an optional header line, `#` comments and blank lines; an empty accuracy or speed
+  /// column is "not given" (accuracy 5 m). Times are made relative to the first point.
+  /// Both: times must not go back; coordinates must be finite and in range.
   static Trace load(const std::string& path);
   /// `name` is used in error messages.
   static Trace parseGpx(std::string_view text, const std::string& name);
