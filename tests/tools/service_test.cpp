@@ -1,0 +1,293 @@
+// The reference service: its event rules on a fake clock, the input it refuses, real HTTP on
+// 127.0.0.1, and the zonaris-service program refusing to start.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <httplib.h>
+#include <nlohmann/json.hpp>
+
+#include "zonaris-service/reference_service.hpp"
+
+namespace zonaris::service_tool::test {
+namespace {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+using Events = std::vector<std::pair<std::int64_t, std::string>>;  // (location id, event type)
+
+constexpr double kLat = 50.0;
+constexpr double kPointLon = 10.0;  // centre of the point fences, radius 100 m
+constexpr double kFarLat = 50.1;    // 11 km north of everything
+constexpr const char* kUuid = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";
+const json kGone(json::value_t::discarded);
+
+json beacon(const std::string& uuid, int major, int minor) {
+  return {{"uuid", uuid}, {"major", major}, {"minor", minor}, {"proximity", "near"}};
+}
+
+json observation(std::int64_t install, double lat, double lon, json beacons = json::array()) {
+  return {{"gps", {{"latitude", lat}, {"longitude", lon}, {"radius", 5.0}}},
+          {"beacons", std::move(beacons)},
+          {"data", {{"tier", "gold"}}},
+          {"install", install}};
+}
+
+// A good request of each exchange (for the fence query its parameters), with the value at `key`
+// (a JSON pointer) set to `value` or, when `value` is kGone, removed. An empty key with a value
+// sends the value's text as the whole body.
+ServiceResponse send(const ReferenceService& s, const std::string& path,
+                     const std::string& key = "", const json& value = kGone) {
+  json doc = {{"appKey", "demo"}};
+  if (path == "/observation")
+    doc = observation(1, kLat, kPointLon, json::array({beacon(kUuid, 9, 9)}));
+  else if (path == "/install/error")
+    doc = json::parse(R"({"intall_id": 1, "version": "2.0.03.30", "data": {"reason": "r",
+                          "callstack": ["0 zonaris 0x1"], "variables_state": []}})");
+  else if (path == "/install/location")
+    doc = {{"install", "1"}, {"lat", "50.000000"}, {"long", "10.000000"}, {"radius", "10000"}};
+  if (!key.empty() && value.is_discarded())
+    doc.at(json::json_pointer(key).parent_pointer()).erase(json::json_pointer(key).back());
+  else if (!key.empty())
+    doc[json::json_pointer(key)] = value;
+  if (path == "/install/location")
+    return s.handle("GET", path, doc.get<std::map<std::string, std::string>>(), "");
+  return s.handle("POST", path, {},
+                  key.empty() && value.is_string() ? value.get<std::string>() : doc.dump());
+}
+
+json parsed(const ServiceResponse& r) {
+  return json::parse(r.body, nullptr, false);
+}
+
+// A point fence with dwell windows and messages, a polygon, a beacon fence and a point fence
+// with no events, on a fake clock; install 1 is registered.
+class ServiceTest : public ::testing::Test {
+ protected:
+  std::atomic<std::int64_t> clockMs{1'767'268'800'000};
+  ReferenceService service{options()};
+
+  ServiceOptions options() {
+    ServiceOptions o;
+    o.fences = json::parse(R"j([
+      {"id": 1, "name": "Cafe", "type": "point", "location": "POINT (10 50)", "radius": 100,
+       "_event_types": ["entry", "exit"], "_dwell_windows": [60, 120],
+       "messages": {"entry": {"zr:msg:title": "Hi", "coupon": "X1"}, "dwell": {"stay": "long"}}},
+      {"id": 2, "name": "Park", "type": "polygon", "radius": 500,
+       "location": "POLYGON ((10.99 49.99, 11.01 49.99, 11.01 50.01, 10.99 50.01, 10.99 49.99))",
+       "_event_types": ["entry"]},
+      {"id": 3, "name": "Desk", "type": "beacon", "location": "POINT (12 50)", "major": 1,
+       "minor": 2, "uuid": "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0", "_event_types": ["entry"]},
+      {"id": 4, "type": "point", "location": "POINT (10 50)", "radius": 100, "_event_types": []}
+    ])j");
+    o.now = [this] { return std::chrono::system_clock::time_point(clockMs.load() * 1ms); };
+    return o;
+  }
+  void SetUp() override {
+    ASSERT_TRUE(service.ok()) << service.error();
+    ASSERT_EQ(parsed(send(service, "/install")), json({{"id", 1}}));
+  }
+  void advance(std::chrono::milliseconds by) { clockMs += by.count(); }
+
+  json events(double lat, double lon, json beacons = json::array()) {
+    auto r = service.handle("POST", "/observation", {}, observation(1, lat, lon, beacons).dump());
+    EXPECT_EQ(r.status, 201) << r.body;
+    return parsed(r).value("events", json::array());
+  }
+  Events observeAt(double lat, double lon, json beacons = json::array()) {
+    Events out;
+    for (const auto& e : events(lat, lon, std::move(beacons)))
+      out.emplace_back(e["location_id"], e["event_type"]);
+    return out;
+  }
+};
+
+TEST_F(ServiceTest, EntryOnceWhileInsideThenExitThenEntryAgain) {
+  // 0.0008 degrees of latitude is about 89 m, 0.0010 about 111 m.
+  EXPECT_EQ(observeAt(kLat + 0.0008, kPointLon), (Events{{1, "entry"}}));
+  EXPECT_EQ(observeAt(kLat, kPointLon), Events{});
+  EXPECT_EQ(observeAt(kLat + 0.0010, kPointLon), (Events{{1, "exit"}}));
+  EXPECT_EQ(observeAt(kFarLat, kPointLon), Events{});
+  EXPECT_EQ(observeAt(kLat, kPointLon), (Events{{1, "entry"}}));
+  // The polygon (about 1.4 km across, around 50, 11) ends at 50.01: 89 m beyond is outside
+  // despite the fence's radius key.
+  EXPECT_EQ(observeAt(50.0108, 11.0), (Events{{1, "exit"}}));
+  EXPECT_EQ(observeAt(50.0099, 11.0), (Events{{2, "entry"}}));
+}
+
+TEST_F(ServiceTest, DwellOncePerWindowCountedFromTheEntry) {
+  EXPECT_EQ(observeAt(kLat, kPointLon), (Events{{1, "entry"}}));
+  advance(59'999ms);
+  EXPECT_EQ(observeAt(kLat, kPointLon), Events{});
+  advance(1ms);
+  EXPECT_EQ(observeAt(kLat, kPointLon), (Events{{1, "dwell"}}));
+  advance(330s);  // well past the second window: it fires once, not again
+  EXPECT_EQ(observeAt(kLat, kPointLon), (Events{{1, "dwell"}}));
+  EXPECT_EQ(observeAt(kLat, kPointLon), Events{});
+
+  // A new stay arms the windows again and measures from its own entry.
+  EXPECT_EQ(observeAt(kFarLat, kPointLon), (Events{{1, "exit"}}));
+  advance(600s);
+  EXPECT_EQ(observeAt(kLat, kPointLon), (Events{{1, "entry"}}));
+  advance(59s);
+  EXPECT_EQ(observeAt(kLat, kPointLon), Events{});
+  advance(70s);  // both windows have elapsed since the last observation
+  EXPECT_EQ(observeAt(kLat, kPointLon), (Events{{1, "dwell"}, {1, "dwell"}}));
+}
+
+TEST_F(ServiceTest, BeaconFencesFollowTheBeaconsNotThePosition) {
+  const auto heard = json::array({beacon("e2c56db5-dffb-48d2-b060-d0f5a71096e0", 1, 2)});
+  EXPECT_EQ(observeAt(kFarLat, kPointLon, heard), (Events{{3, "entry"}}));
+  EXPECT_EQ(observeAt(kLat, 12.0), (Events{{3, "exit"}})) << "on its location, not hearing it";
+  for (const auto& other : {beacon(kUuid, 1, 3), beacon(kUuid, 2, 2),
+                            beacon("E2C56DB5-DFFB-48D2-B060-D0F5A71096E1", 1, 2)})
+    EXPECT_EQ(observeAt(kFarLat, kPointLon, json::array({other})), Events{}) << other;
+}
+
+TEST_F(ServiceTest, EventsCarryTheFenceMessageForTheirTypeInFenceFileOrder) {
+  EXPECT_EQ(events(kLat, kPointLon, json::array({beacon(kUuid, 1, 2)})), json::parse(R"([
+      {"location_id": 1, "event_type": "entry", "data": {"zr:msg:title": "Hi", "coupon": "X1"}},
+      {"location_id": 3, "event_type": "entry"}])"));
+  advance(60s);
+  EXPECT_EQ(events(kLat, kPointLon),
+            json::parse(R"([{"location_id": 1, "event_type": "dwell", "data": {"stay": "long"}},
+                            {"location_id": 3, "event_type": "exit"}])"));
+}
+
+TEST_F(ServiceTest, FenceQueryAnswersTheFencesWithinTheRadiusWithoutTheirMessages) {
+  // The polygon's west edge is 0.99 degrees of longitude (about 71 km) east of the point.
+  for (auto [lon, ids] : {std::pair{"10.0", json{1, 4}}, std::pair{"10.5", json::array()},
+                          std::pair{"11.0", json::array({2})}}) {
+    auto r = send(service, "/install/location", "/long", lon);
+    EXPECT_EQ(r.status, 200) << r.body;
+    json listed = json::array();
+    for (const auto& f : parsed(r))
+      listed.push_back(f["id"]);
+    EXPECT_EQ(listed, ids) << lon;
+    EXPECT_EQ(r.body.find("messages"), std::string::npos) << r.body;
+  }
+}
+
+// A refused request answers 400 with a reason and changes nothing: the next install and report
+// ids follow on, and the device's entry is still to come.
+struct Bad {
+  const char *name, *path, *key;
+  json value;
+};
+
+class ServiceRefuses : public ServiceTest, public ::testing::WithParamInterface<Bad> {};
+
+TEST_P(ServiceRefuses, BadInputWith400AndChangesNothing) {
+  auto r = send(service, GetParam().path, GetParam().key, GetParam().value);
+  EXPECT_EQ(r.status, 400) << r.body;
+  EXPECT_TRUE(parsed(r).value("error", json()).is_string()) << r.body;
+
+  EXPECT_EQ(parsed(send(service, "/install")), json({{"id", 2}}));
+  EXPECT_EQ(parsed(send(service, "/install/error")), json({{"id", 1}}));
+  EXPECT_EQ(observeAt(kLat, kPointLon), (Events{{1, "entry"}}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    AllExchanges, ServiceRefuses,
+    ::testing::Values(Bad{"InstallNotJson", "/install", "", "{appKey: demo"},
+                      Bad{"InstallNoKey", "/install", "/appKey", kGone},
+                      Bad{"QueryNoInstall", "/install/location", "/install", kGone},
+                      Bad{"QueryUnknownInstall", "/install/location", "/install", "9"},
+                      Bad{"QueryLatitude91", "/install/location", "/lat", "91.0"},
+                      Bad{"QueryLatitudeTrailing", "/install/location", "/lat", "50.0x"},
+                      Bad{"QueryRadiusHuge", "/install/location", "/radius", "1e9"},
+                      Bad{"ObservationArray", "/observation", "", "[]"},
+                      Bad{"ObservationNoGps", "/observation", "/gps", kGone},
+                      Bad{"ObservationLongitude200", "/observation", "/gps/longitude", 200},
+                      Bad{"ObservationLatitudeText", "/observation", "/gps/latitude", "50"},
+                      Bad{"ObservationAccuracyNegative", "/observation", "/gps/radius", -1.0},
+                      Bad{"ObservationNoBeacons", "/observation", "/beacons", kGone},
+                      Bad{"ObservationBeaconMajorText", "/observation", "/beacons/0/major", "1"},
+                      Bad{"ObservationTagsText", "/observation", "/data", "tags"},
+                      Bad{"ObservationUnknownInstall", "/observation", "/install", 9},
+                      Bad{"ObservationInstallFraction", "/observation", "/install", 1.5},
+                      Bad{"ErrorNotJson", "/install/error", "", ""},
+                      Bad{"ErrorDataText", "/install/error", "/data", "boom"},
+                      Bad{"ErrorStackNumbers", "/install/error", "/data/callstack/0", 1},
+                      Bad{"ErrorNoVersion", "/install/error", "/version", kGone}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(ServiceTest, ServesTheExchangesOverHttpOn127001) {
+  const int port = service.start(0);
+  ASSERT_GT(port, 0) << service.error();
+  EXPECT_EQ(service.baseUrl(), "http://127.0.0.1:" + std::to_string(port));
+  httplib::Client http("127.0.0.1", port);
+  auto post = [&](const char* path, const std::string& body) {
+    auto r = http.Post(path, body, "application/json; charset=UTF-8");
+    return r ? std::pair(r->status, json::parse(r->body, nullptr, false)) : std::pair(0, json());
+  };
+
+  EXPECT_EQ(post("/install", R"({"appKey":"demo"})"), std::pair(201, json({{"id", 2}})));
+  EXPECT_EQ(http.Get("/install/location?install=2&lat=50.0&long=10.0&radius=10000")->status, 200);
+  EXPECT_EQ(post("/observation", observation(2, kLat, kPointLon).dump()),
+            std::pair(201, json::parse(R"({"id": 1, "events": [{"location_id": 1,
+                "event_type": "entry", "data": {"zr:msg:title": "Hi", "coupon": "X1"}}]})")));
+  // A report sent before registration carries an install id below 1; it is kept all the same.
+  EXPECT_EQ(post("/install/error", R"({"intall_id": -1, "data": {"reason": "x", "callstack": [],
+                 "variables_state": []}, "version": "2.0.03.30"})"),
+            std::pair(201, json({{"id", 1}})));
+  EXPECT_EQ(post("/observation", "not json").first, 400);
+  EXPECT_EQ(http.Get("/fences")->status, 404);
+  EXPECT_EQ(http.Get("/observation")->status, 405);
+
+  service.stop();
+  EXPECT_EQ(post("/install", R"({"appKey":"demo"})").first, 0);
+}
+
+#ifdef ZONARIS_SERVICE_BIN
+// No fences, or fences it cannot use: exit status 2 and one line on standard error naming the
+// problem (for a file, the element).
+TEST(ServiceProgram, ExitsWithTwoAndOneLineNamingTheProblem) {
+  const std::string file =
+      ::testing::TempDir() + "zonaris-service-" + std::to_string(::getpid()) + ".json";
+  const std::string missing = file + ": cannot open";
+  const std::pair<const char*, const char*> cases[] = {
+      {nullptr, "--fences"},  // no --fences argument
+      {"", missing.c_str()},  // no such file
+      {R"({"id": 1})", "the fences must be a JSON array"},
+      {"[1]", "element 0: not a JSON object"},
+      {R"j([{"id": "1", "type": "point", "location": "POINT (1 1)"}])j", "element 0: \"id\""},
+      {R"j([{"id": 1, "location": "POINT (1"}])j", "element 0: \"location\" is not WKT"},
+      {R"j([{"id": 1, "type": "point", "location": "POINT (1 1)"},
+           {"id": 1, "type": "point", "location": "POINT (1 1)"}])j",
+       "element 1: \"id\" 1 is already used by element 0"},
+      {R"j([{"id": 1, "type": "beacon", "location": "POINT (1 1)", "major": 1, "minor": 1}])j",
+       "element 0: a \"beacon\" fence needs a \"uuid\""},
+      {R"j([{"id": 1, "type": "point", "location": "POINT (1 1)", "messages": {"enter": {}}}])j",
+       "element 0: \"messages\" has \"enter\""}};
+  for (const auto& [fences, expected] : cases) {
+    std::remove(file.c_str());
+    if (fences && *fences)
+      std::ofstream(file) << fences;
+    const std::string args = fences ? " --fences " + file : " --port 1";
+    // Only standard error reaches the pipe.
+    FILE* err = popen((ZONARIS_SERVICE_BIN + args + " 2>&1 >/dev/null").c_str(), "r");
+    ASSERT_TRUE(err);
+    std::string text;
+    for (char buf[512]; std::fgets(buf, sizeof buf, err);)
+      text += buf;
+    const int status = pclose(err);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << expected;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+    EXPECT_NE(text.find(expected), std::string::npos) << text;
+  }
+  std::remove(file.c_str());
+}
+#endif
+
+}  // namespace
+}  // namespace zonaris::service_tool::test
