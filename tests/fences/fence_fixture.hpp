@@ -5,19 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <memory>
-#include <optional>
-#include <set>
-#include <string>
-#include <vector>
-
 #include <nlohmann/json.hpp>
 
-#include "support/fake_location_manager.hpp"
 #include "support/recording_delegate.hpp"
 #include "support/recording_server.hpp"
 #include "zonaris/sim/sim_platform.hpp"
+#include "zonaris/sim/trace.hpp"
 #include "zonaris/zonaris.hpp"
 
 namespace zonaris::test {
@@ -31,22 +24,8 @@ struct FenceSpec {
   std::optional<std::string> type = "polygon";
   std::optional<std::string> location = "POLYGON ((0 0, 1 0, 1 1, 0 1, 0 0))";
   float radius = 0.0f;
-  std::vector<std::int32_t> windows;
+  std::vector<std::int32_t> windows = {};
 };
-
-inline std::shared_ptr<ZonarisFence> makeFence(const FenceSpec& spec) {
-  auto fence = std::make_shared<ZonarisFence>();
-  fence->setId(spec.id);
-  fence->setName(spec.name);
-  fence->setType(spec.type);
-  fence->setLocation(spec.location);
-  fence->setRadius(spec.radius);
-  DwellList windows;
-  for (auto seconds : spec.windows)
-    windows.push_back(std::make_shared<ZonarisDwell>(seconds));
-  fence->setDwell_events(std::move(windows));
-  return fence;
-}
 
 /// A point fence `metres` north of (0, 0): the device at (0, 0) is that far from it.
 inline std::string pointNorthOfOrigin(double metres) {
@@ -57,43 +36,62 @@ class FenceFixture : public ::testing::Test {
  protected:
   FenceFixture() {
     server.respond("POST", "/install/error", {200, "{}"});
-    sim::SimulationOptions options;
-    options.baseUrl = server.baseUrl();
-    options.makeLocationManager = [this](const std::shared_ptr<sim::Scheduler>&) {
-      manager = std::make_shared<FakeLocationManager>();
-      return manager;
-    };
-    simulation = std::make_unique<sim::Simulation>(std::move(options));
-    client = Zonaris::initWithAppKey("demo-key", simulation->platform());
-    client->setMInstallId(7);
-    client->setDelegate(delegate);
-    client->setUUID("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
+    boot();
   }
-
   ~FenceFixture() override {
     client->stopDwellTimer();
     simulation->scheduler().clear();
   }
 
-  /// Answers every observation with these events (and no message).
-  void answerObservationsWith(nlohmann::json events = nlohmann::json::array()) {
-    server.respond("POST", "/observation",
-                   {200, nlohmann::json{{"id", 1}, {"events", events}}.dump()});
+  /// A new simulation (replaying `trace`, if any) and a new client with install id 7.
+  void boot(std::shared_ptr<const sim::Trace> trace = nullptr,
+            std::shared_ptr<platform::Dispatcher> dispatcher = nullptr) {
+    sim::SimulationOptions options;
+    options.baseUrl = server.baseUrl();
+    options.trace = std::move(trace);
+    simulation = std::make_unique<sim::Simulation>(std::move(options));
+    ZonarisUserDefaults::setInstallId(simulation->store(), 7);
+    auto platform = simulation->platform();
+    if (dispatcher)
+      platform.dispatcher = std::move(dispatcher);
+    client = Zonaris::initWithAppKey("demo-key", platform);
+    client->setDelegate(delegate);
+    client->setUUID("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
   }
 
-  std::vector<std::shared_ptr<ZonarisFence>> publish(const std::vector<FenceSpec>& specs) {
+  /// Answers the n-th observation with the n-th list of events (and no message), the last list
+  /// repeating.
+  void answerObservationsWith(std::vector<nlohmann::json> answers = {nlohmann::json::array()}) {
+    std::vector<ScriptedResponse> responses;
+    for (const auto& events : answers)
+      responses.push_back({200, nlohmann::json{{"id", 1}, {"events", events}}.dump()});
+    server.respondSequence("POST", "/observation", responses);
+  }
+
+  /// Makes these fences the client's catalogue.
+  FenceList publish(const std::vector<FenceSpec>& specs) {
     FenceList list;
-    for (const auto& spec : specs)
-      list.push_back(makeFence(spec));
+    for (const auto& spec : specs) {
+      auto fence = std::make_shared<ZonarisFence>();
+      fence->setId(spec.id);
+      fence->setName(spec.name);
+      fence->setType(spec.type);
+      fence->setLocation(spec.location);
+      fence->setRadius(spec.radius);
+      DwellList windows;
+      for (auto seconds : spec.windows)
+        windows.push_back(std::make_shared<ZonarisDwell>(seconds));
+      fence->setDwell_events(std::move(windows));
+      list.push_back(fence);
+    }
     client->setMFences(std::make_shared<const FenceList>(list));
     return list;
   }
 
-  void placeDevice(double latitude, double longitude) {
+  /// The device at `latitude` on the prime meridian.
+  void placeDevice(double latitude = 0.0) {
     auto fix = std::make_shared<platform::Location>();
     fix->latitude = latitude;
-    fix->longitude = longitude;
-    fix->horizontalAccuracy = 5.0;
     fix->timestamp = simulation->now();
     client->setMCurrentLocation(std::move(fix));
   }
@@ -106,18 +104,9 @@ class FenceFixture : public ::testing::Test {
     return out;
   }
 
-  std::size_t observations() const { return server.count("POST", "/observation"); }
-
   RecordingServer server;
-  std::shared_ptr<FakeLocationManager> manager;
   std::unique_ptr<sim::Simulation> simulation;
-  /// Hears what the fence engine and the answers send; the sampling progress is left out.
-  std::shared_ptr<RecordingDelegate> delegate =
-      std::make_shared<RecordingDelegate>(std::set<ZonarisCallback>{
-          ZonarisCallback::updatedDistanceToNearestFence, ZonarisCallback::updatedBeaconScan,
-          ZonarisCallback::reportSent, ZonarisCallback::eventEnterCallback,
-          ZonarisCallback::eventExitCallback, ZonarisCallback::eventDwellCallback,
-          ZonarisCallback::actionBasicCallback, ZonarisCallback::actionDataCallback});
+  std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
   std::shared_ptr<Zonaris> client;
 };
 

@@ -1,21 +1,15 @@
 // The fence state machine end to end: a replayed trip, real passes, observations to a local
-// server that confirms events, and the callbacks the application receives.
+// server that answers with scripted confirmations, and the callbacks the application receives.
+// Then the same paths overlapping on the production dispatcher's threads.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
-#include <functional>
-#include <iostream>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
-#include "support/recording_delegate.hpp"
-#include "support/recording_server.hpp"
-#include "zonaris/sim/sim_platform.hpp"
-#include "zonaris/sim/trace.hpp"
-#include "zonaris/zonaris.hpp"
+#include "fence_fixture.hpp"
+#include "zonaris/platform/production.hpp"
 
 namespace zonaris {
 namespace {
@@ -25,180 +19,148 @@ using nlohmann::json;
 
 // A square fence east of the device's start; (0.005, 0.008) is about 220 m west of it and
 // (0.005, 0.012) inside. Both stay within 1000 m of each other, so the catalogue is kept.
-constexpr const char* kSquare = "POLYGON ((0.01 0, 0.02 0, 0.02 0.01, 0.01 0.01, 0.01 0))";
 constexpr const char* kOutside = "0.005,0.008";
 constexpr const char* kInside = "0.005,0.012";
 
-// What the test's service knows of one observation.
-struct Seen {
-  double t;        // virtual seconds
-  bool inside;     // where the observation says the device is
-  bool confirmed;  // whether the service had confirmed an entry before this one
-  int index;       // 0 for the first observation
-};
-
-using Decide = std::function<json(const Seen&)>;
-
-// Confirms what an observation shows, as the service would: entry when first inside, exit
-// when outside again, dwell when inside after an entry.
-json followTheDevice(const Seen& seen) {
-  if (seen.inside && !seen.confirmed)
-    return {{{"location_id", 11},
-             {"event_type", "entry"},
-             {"data",
-              {{"zr:msg:title", "Welcome"},
-               {"zr:msg:body", "Hello"},
-               {"zr:msg:image_url", "http://img"},
-               {"coupon", "A1"}}}}};
-  if (seen.inside)
-    return {{{"location_id", 11}, {"event_type", "dwell"}}};
-  if (seen.confirmed)
-    return {{{"location_id", 11}, {"event_type", "exit"}}};
-  return json::array();
+json event(const char* type, json data = nullptr) {
+  return {{"location_id", 11}, {"event_type", type}, {"data", data}};
 }
+const json kWelcome = event("entry", {{"zr:msg:title", "Welcome"},
+                                      {"zr:msg:body", "Hello"},
+                                      {"zr:msg:image_url", "http://img"},
+                                      {"coupon", "A1"}});
 
-class FenceJourney : public ::testing::Test {
+class FenceJourney : public test::FenceFixture {
  protected:
-  void run(const std::string& csv, double seconds, std::vector<int> windows, Decide decide) {
+  // Replays `stops` ({second, "lat,lon"}) for `seconds`; the n-th observation is answered with
+  // the n-th list of events, the last one repeating.
+  void run(std::vector<std::pair<int, const char*>> stops, int seconds, std::vector<int> windows,
+           std::vector<json> answers) {
     json fence = {{"id", 11},
                   {"name", "Office"},
                   {"type", "polygon"},
-                  {"location", kSquare},
                   {"radius", 0},
+                  {"location", "POLYGON ((0.01 0, 0.02 0, 0.02 0.01, 0.01 0.01, 0.01 0))"},
                   {"_event_types", {"entry", "exit", "dwell"}},
                   {"_dwell_windows", windows}};
     server.respond("GET", "/install/location", {200, json::array({fence}).dump()});
-    server.respond("POST", "/install/error", {200, "{}"});
-    server.on("POST", "/observation", [this, decide](const test::RecordedRequest& request) {
-      const json body = json::parse(request.body);
-      const double lon = body["gps"]["longitude"];
-      std::lock_guard lock(mutex_);
-      Seen seen{simulation->elapsedSeconds(), lon > 0.01, confirmedEntry_, int(seen_.size())};
-      seen_.push_back(seen);
-      const json events = decide(seen);
-      for (const auto& event : events) {
-        if (event["event_type"] == "entry")
-          confirmedEntry_ = true;
-        if (event["event_type"] == "exit")
-          confirmedEntry_ = false;
-      }
-      return test::ScriptedResponse{200, json{{"id", seen.index + 1}, {"events", events}}.dump()};
-    });
-
-    sim::SimulationOptions options;
-    options.baseUrl = server.baseUrl();
-    options.trace = std::make_shared<const sim::Trace>(sim::Trace::parseCsv(csv, "trip.csv"));
-    simulation = std::make_unique<sim::Simulation>(std::move(options));
-    ZonarisUserDefaults::setInstallId(simulation->store(), 7);
-    client = Zonaris::initWithAppKey("demo-key", simulation->platform());
-    client->setDelegate(delegate);
-    client->setDevMode(true);
+    answerObservationsWith(answers);
+    std::string csv = "t,lat,lon\n";
+    for (const auto& [t, where] : stops)
+      csv += std::to_string(t) + "," + where + "\n";
+    // The application hears only of events and messages here.
+    delegate = std::make_shared<test::RecordingDelegate>(std::set<ZonarisCallback>{
+        ZonarisCallback::eventEnterCallback, ZonarisCallback::eventExitCallback,
+        ZonarisCallback::eventDwellCallback, ZonarisCallback::actionBasicCallback,
+        ZonarisCallback::actionDataCallback});
+    boot(std::make_shared<const sim::Trace>(sim::Trace::parseCsv(csv, "trip.csv")));
     client->start();
-    simulation->runFor(
-        std::chrono::duration_cast<platform::Duration>(std::chrono::duration<double>(seconds)));
+    simulation->runFor(std::chrono::seconds(seconds));
   }
 
-  void TearDown() override {
-    if (HasFailure() && simulation) {
-      for (const auto& line : simulation->logger().lines())
-        std::cerr << line << "\n";
-    }
-    if (client)
-      client->stopDwellTimer();
-    if (simulation)
-      simulation->scheduler().clear();
-  }
-
-  std::vector<std::string> events() const {
-    std::vector<std::string> out;
-    for (const auto& name : delegate->names()) {
-      if (name.rfind("event", 0) == 0 || name.rfind("action", 0) == 0)
-        out.push_back(name);
-    }
+  // For each observation sent: whether it placed the device inside the fence.
+  std::vector<bool> observedInside() const {
+    std::vector<bool> out;
+    for (const auto& request : server.requests("POST", "/observation"))
+      out.push_back(json::parse(request.body)["gps"]["longitude"].get<double>() > 0.01);
     return out;
   }
-  std::vector<Seen> seen() {
-    std::lock_guard lock(mutex_);
-    return seen_;
-  }
-  std::shared_ptr<ZonarisFence> office() const { return client->mFences()->at(0); }
-
-  test::RecordingServer server;
-  std::unique_ptr<sim::Simulation> simulation;
-  std::shared_ptr<test::RecordingDelegate> delegate = std::make_shared<test::RecordingDelegate>();
-  std::shared_ptr<Zonaris> client;
-
- private:
-  std::mutex mutex_;
-  std::vector<Seen> seen_;
-  bool confirmedEntry_ = false;
+  bool entered() const { return client->mFences()->at(0)->entered(); }
 };
 
-std::string trip(std::vector<std::pair<int, const char*>> stops) {
-  std::string csv = "t,lat,lon\n";
-  for (const auto& [t, where] : stops)
-    csv += std::to_string(t) + "," + where + "\n";
-  return csv;
-}
-
 TEST_F(FenceJourney, EntryWithAMessageThenDwellThenExit) {
-  run(trip({{0, kOutside}, {100, kOutside}, {101, kInside}, {240, kInside}, {241, kOutside}}), 400,
-      {30}, followTheDevice);
+  run({{0, kOutside}, {100, kOutside}, {101, kInside}, {240, kInside}, {241, kOutside}}, 400, {30},
+      {json::array(), {kWelcome}, {event("dwell")}, {event("exit")}});
 
-  EXPECT_EQ(events(), (std::vector<std::string>{"eventEnterCallback", "actionBasicCallback",
-                                                "actionDataCallback", "eventDwellCallback",
-                                                "eventExitCallback"}));
+  // One entry yields both action callbacks, right after the entry and in this order.
+  EXPECT_EQ(
+      delegate->names(),
+      (std::vector<std::string>{"eventEnterCallback", "actionBasicCallback", "actionDataCallback",
+                                "eventDwellCallback", "eventExitCallback"}));
   EXPECT_EQ(delegate->calls("actionBasicCallback").at(0)[0],
             (json{{"title", "Welcome"}, {"body", "Hello"}, {"url", "http://img"}}));
   EXPECT_EQ(delegate->calls("actionDataCallback").at(0)[0], (json{{"coupon", "A1"}}));
-  EXPECT_EQ(delegate->calls("eventEnterCallback").at(0)[0], "Office");
-
   // One observation for the new catalogue, then one per disagreement and no more: the
   // confirmations bring the flags back in line with what the passes see.
-  const auto observed = seen();
-  ASSERT_EQ(observed.size(), 4u);
-  EXPECT_FALSE(observed[0].inside);
-  EXPECT_TRUE(observed[1].inside);
-  EXPECT_TRUE(observed[2].inside);
-  EXPECT_GE(observed[2].t - observed[1].t, 30.0);  // the dwell waited for its window
-  EXPECT_FALSE(observed[3].inside);
-  EXPECT_FALSE(office()->entered());
+  EXPECT_EQ(observedInside(), (std::vector<bool>{false, true, true, false}));
+  EXPECT_FALSE(entered());
   EXPECT_FALSE(client->mResetFences());
 }
 
 TEST_F(FenceJourney, ReturningBeforeTheExitIsConfirmedCancelsIt) {
-  // This service is slow to believe exits: it never confirms one.
-  auto noExits = [](const Seen& seen) {
-    return seen.inside && !seen.confirmed ? followTheDevice(seen) : json::array();
-  };
-  run(trip({{0, kInside}, {60, kInside}, {61, kOutside}, {80, kOutside}, {81, kInside}}), 300, {},
-      noExits);
+  // The reload's observation (the fence entered locally) gets the entry confirmed; this service
+  // never confirms an exit.
+  run({{0, kInside}, {60, kInside}, {61, kOutside}, {80, kOutside}, {81, kInside}}, 300, {},
+      {{kWelcome}, json::array()});
 
-  EXPECT_EQ(events(), (std::vector<std::string>{"eventEnterCallback", "actionBasicCallback",
-                                                "actionDataCallback"}));
-  const auto observed = seen();
-  ASSERT_GE(observed.size(), 2u);
-  // The reload's observation (the fence entered locally) got the entry confirmed; after it
-  // only the passes outside asked for an exit, and back inside nothing more was asked.
-  EXPECT_TRUE(observed[0].inside);
-  for (std::size_t i = 1; i < observed.size(); ++i)
-    EXPECT_FALSE(observed[i].inside) << "observation " << i;
-  EXPECT_LT(observed.back().t, 100.0);
-  EXPECT_TRUE(office()->entered());
+  EXPECT_EQ(delegate->names(),
+            (std::vector<std::string>{"eventEnterCallback", "actionBasicCallback",
+                                      "actionDataCallback"}));
+  // Only the passes outside asked for an exit; back inside nothing more was asked.
+  const auto inside = observedInside();
+  EXPECT_EQ(std::count(inside.begin(), inside.end(), true), 1);
+  EXPECT_TRUE(inside.size() > 1 && inside[0]);
+  EXPECT_TRUE(entered());
 }
 
 TEST_F(FenceJourney, AnEntryConfirmedWhileOutsideIsFollowedByAnExit) {
-  auto entryFirst = [](const Seen& seen) {
-    return seen.index == 0 ? json{{{"location_id", 11}, {"event_type", "entry"}}}
-                           : followTheDevice(seen);
-  };
-  run(trip({{0, kOutside}}), 120, {}, entryFirst);
+  run({{0, kOutside}}, 120, {}, {{event("entry")}, {event("exit")}});
 
-  EXPECT_EQ(events(), (std::vector<std::string>{"eventEnterCallback", "eventExitCallback"}));
-  const auto observed = seen();
-  ASSERT_EQ(observed.size(), 2u);
-  EXPECT_FALSE(observed[1].inside);
-  EXPECT_FALSE(office()->entered());
+  EXPECT_EQ(delegate->names(),
+            (std::vector<std::string>{"eventEnterCallback", "eventExitCallback"}));
+  EXPECT_EQ(observedInside(), (std::vector<bool>{false, false}));
+  EXPECT_FALSE(entered());
+}
+
+// Meant for the ThreadSanitizer build: every field these paths share must be atomic or
+// guarded, and a pass must keep walking the catalogue it started with.
+TEST_F(FenceJourney, PassesTicksConfirmationsAndReloadsOverlapSafelyOnRealThreads) {
+  // Every answer confirms something, so answer threads write the same flags passes read.
+  answerObservationsWith({json::array({event("entry"), event("dwell"), event("exit")})});
+  auto dispatcher = std::make_shared<platform::ThreadDispatcher>();
+  boot(nullptr, dispatcher);
+  const std::vector<test::FenceSpec> catalogue = {
+      {11, "Square", "polygon", "POLYGON ((-1 -1, 1 -1, 1 1, -1 1, -1 -1))", 0.0f, {0, 2, 5}},
+      {12, "Near", "point", test::pointNorthOfOrigin(40), 100.0f, {1}},
+      {13, "Tag", "beacon", test::pointNorthOfOrigin(90), 0.0f, {}},
+      {14, "Broken", "polygon", "POLYGON ((", 0.0f, {}}};
+  placeDevice();
+  publish(catalogue);
+  client->setMResetFences(true);
+  client->startDwellTimer();
+  constexpr int kPasses = 12;
+  for (int i = 0; i < kPasses; ++i) {
+    dispatcher->detach([c = client] { c->handleFences(); });
+    dispatcher->detach([c = client] {
+      for (int n = 0; n < 50; ++n) {
+        c->updateDwellTimes();
+        (void)c->getTimeBeforeDwell();
+      }
+    });
+    dispatcher->detach([c = client, i] {
+      c->confirmEventFor(11 + i % 3, i % 2 ? "entry" : "exit");
+      c->confirmEventFor(12, "dwell");
+    });
+  }
+  // Meanwhile the catalogue is replaced and the timer restarted, as a download does.
+  for (int i = 0; i < 20; ++i) {
+    client->stopDwellTimer();
+    publish(catalogue);
+    client->setMResetFences(true);
+    client->startDwellTimer();
+  }
+  ASSERT_TRUE(dispatcher->waitForDetachedTasks(60s));
+  client->stopDwellTimer();
+  dispatcher->shutdown();
+
+  // Every pass measured a whole catalogue: the unreadable fence never lowered the minimum
+  // below the depth inside the square (the device stands at its centre).
+  const auto distances = delegate->calls("updatedDistanceToNearestFence");
+  ASSERT_EQ(distances.size(), static_cast<std::size_t>(kPasses));
+  for (const auto& args : distances) {
+    EXPECT_TRUE(args[1].get<bool>());
+    EXPECT_LT(args[0].get<double>(), 100.0);
+  }
 }
 
 }  // namespace
