@@ -58,15 +58,15 @@ TEST_F(AdaptiveInterval, DeveloperLogAndCallbacksOfOnePass) {
   // The distance is printed in full, as printf's "%f" prints the largest double.
   char minDist[400];
   std::snprintf(minDist, sizeof minDist, "Min Dist        = %fm", Zonaris::kNoDistance);
-  EXPECT_EQ(linesFrom(0), (std::vector<std::string>{
-                              "Speed           = 0.000000m/s",
-                              "Avr Speed       = 14.000100m/s",
-                              minDist,
-                              "Interval(sp)    = 2147483647",
-                              "Interval(dw)    = 2147483647",
-                              "Interval is too big. Set to MAX_INTERVAL = 600",
-                              "Update location after 600 second(s)",
-                          }));
+  EXPECT_EQ(simulation->logger().lines(), (std::vector<std::string>{
+                                              "Speed           = 0.000000m/s",
+                                              "Avr Speed       = 14.000100m/s",
+                                              minDist,
+                                              "Interval(sp)    = 2147483647",
+                                              "Interval(dw)    = 2147483647",
+                                              "Interval is too big. Set to MAX_INTERVAL = 600",
+                                              "Update location after 600 second(s)",
+                                          }));
   EXPECT_EQ(delegate->names(), (std::vector<std::string>{"updatedSpeed", "updatedAvgSpeed",
                                                          "updatedInterval", "updatedGPSAccuracy"}));
   EXPECT_EQ(delegate->calls("updatedAvgSpeed")[0][0].get<float>(), 14.0001f);
@@ -156,10 +156,11 @@ TEST_P(FaultyAverage, IsReportedAndReplacedByTheFloor) {
   prepare(speed, speed, 100.0);
   client->calculateIntervalAndAccuracy();
 
-  const auto reports = errorReports();
-  ASSERT_EQ(reports.size(), 1u);
-  EXPECT_EQ(reports[0]["data"]["reason"], "Calculate avg speed error");
-  EXPECT_EQ(reports[0]["data"]["variables_state"],
+  const auto sent = server.requests("POST", "/install/error");
+  ASSERT_EQ(sent.size(), 1u);
+  const auto report = nlohmann::json::parse(sent[0].body, nullptr, false);
+  EXPECT_EQ(report["data"]["reason"], "Calculate avg speed error");
+  EXPECT_EQ(report["data"]["variables_state"],
             nlohmann::json::array({{{"name", "mSpeed"}, {"value", speedInReport}},
                                    {{"name", "mAverageSpeed"}, {"value", nullptr}}}));
   EXPECT_EQ(client->mAverageSpeed(), 0.5f);

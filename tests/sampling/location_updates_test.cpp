@@ -79,17 +79,18 @@ class AcceptingFixes : public SamplingTest {};
 TEST_F(AcceptingFixes, OnlyTheFirstFixAfterArmingIsTaken) {
   client->setMInitLocation(std::make_shared<const platform::Location>(fixAt(45.0, 7.0)));
   client->didUpdateLocations({fixAt(45.001, 7.0, 10)});  // not armed: dropped silently
-  EXPECT_TRUE(linesFrom(0).empty());
+  EXPECT_TRUE(simulation->logger().lines().empty());
 
   client->updateLocation();
   client->updateLocation();  // a timer and a download arming at the same time
   client->didUpdateLocations({fixAt(45.002, 7.0, 20), fixAt(45.003, 7.0, 20)});
   client->didUpdateLocations({fixAt(45.004, 7.0, 30)});
   // The last fix of the one delivery taken, the later delivery dropped.
-  EXPECT_EQ(linesFrom(0), (std::vector<std::string>{
-                              "-----------------------------------------------------------------",
-                              "New location: 45.003000, 7.000000, -1.000000, 5.000000",
-                              "Set new current location"}));
+  EXPECT_EQ(
+      simulation->logger().lines(),
+      (std::vector<std::string>{"-----------------------------------------------------------------",
+                                "New location: 45.003000, 7.000000, -1.000000, 5.000000",
+                                "Set new current location"}));
 }
 
 // Seconds between the reference fix and the new one, and the divisor the speed must use:

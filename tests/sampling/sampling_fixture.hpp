@@ -38,40 +38,17 @@ class SamplingTest : public ::testing::Test {
     client->setDelegate(delegate);
   }
 
-  /// Virtual seconds at which `line` was logged.
-  std::vector<double> timesOf(const std::string& line) const {
+  /// Virtual seconds at which lines starting with `prefix` were logged.
+  std::vector<double> timesOf(const std::string& prefix) const {
     std::lock_guard lock(logMutex);
     std::vector<double> out;
-    for (const auto& [t, l] : stamped) {
-      if (l == line)
+    for (const auto& [t, line] : stamped) {
+      if (line.rfind(prefix, 0) == 0)
         out.push_back(t);
     }
     return out;
   }
-  /// Lines logged from the `from`-th on.
-  std::vector<std::string> linesFrom(std::size_t from) const {
-    std::lock_guard lock(logMutex);
-    std::vector<std::string> out;
-    for (std::size_t i = from; i < stamped.size(); ++i)
-      out.push_back(stamped[i].second);
-    return out;
-  }
-  std::vector<double> fixTimes() const {
-    std::vector<double> out;
-    std::lock_guard lock(logMutex);
-    for (const auto& [t, l] : stamped) {
-      if (l.rfind("New location: ", 0) == 0)
-        out.push_back(t);
-    }
-    return out;
-  }
-
-  std::vector<nlohmann::json> errorReports() const {
-    std::vector<nlohmann::json> out;
-    for (const auto& r : server.requests("POST", "/install/error"))
-      out.push_back(nlohmann::json::parse(r.body, nullptr, false));
-    return out;
-  }
+  std::vector<double> fixTimes() const { return timesOf("New location: "); }
 
   static platform::Location fixAt(double lat, double lon, double secondsAfterStart = 0.0,
                                   double accuracy = 5.0) {
