@@ -132,25 +132,6 @@ platform::TimePoint defaultStartTime() {
 
 // ---- Simulation --------------------------------------------------------------------------
 
-namespace {
-
-// A location service with no position source: it accepts every setting and delivers nothing.
-class SilentLocationManager final : public platform::LocationManager {
- public:
-  void setDelegate(std::weak_ptr<platform::LocationManagerDelegate>) override {}
-  void setPausesLocationUpdatesAutomatically(bool) override {}
-  void setDesiredAccuracy(platform::Accuracy) override {}
-  void setDistanceFilter(double) override {}
-  void setAllowsBackgroundLocationUpdates(bool) override {}
-  void requestAlwaysAuthorization() override {}
-  void startUpdatingLocation() override {}
-  void stopUpdatingLocation() override {}
-  void startRangingBeacons(const platform::BeaconRegion&) override {}
-  void stopRangingBeacons(const platform::BeaconRegion&) override {}
-};
-
-}  // namespace
-
 Simulation::Simulation(SimulationOptions options)
     : options_(std::move(options)),
       scheduler_(std::make_shared<Scheduler>(options_.start)),
