@@ -1,0 +1,355 @@
+// Sampling in virtual time on the simulated platform, against a recording server: arming
+// samples and accepting fixes, the adaptive interval, and the beacon-ranging duty cycle.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <limits>
+#include <mutex>
+#include <optional>
+
+#include <GeographicLib/Geodesic.hpp>
+
+#include "support/recording_delegate.hpp"
+#include "support/recording_server.hpp"
+#include "zonaris/sim/location_manager.hpp"
+#include "zonaris/sim/sim_platform.hpp"
+#include "zonaris/zonaris.hpp"
+
+namespace zonaris::test {
+namespace {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+using Lines = std::vector<std::string>;
+
+constexpr const char* kUuid = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";
+constexpr const char* kOtherUuid = "74278BDA-B644-4520-8F0C-720EAF059935";
+
+std::shared_ptr<const sim::Trace> northWalk() {
+  return std::make_shared<const sim::Trace>(
+      sim::Trace::load(ZONARIS_TEST_DATA_DIR "/north_walk.csv"));
+}
+
+class Sampling : public ::testing::Test {
+ protected:
+  /// Without a trace the location service delivers no fix by itself. The catalogue is empty.
+  explicit Sampling(std::shared_ptr<const sim::Trace> trace = nullptr,
+                    std::shared_ptr<const sim::BeaconSightings> beacons = nullptr) {
+    server.respond("POST", "/install/error", {200, ""});
+    server.respond("GET", "/install/location", {200, "[]"});
+    sim::SimulationOptions options;
+    options.baseUrl = server.baseUrl();
+    options.trace = std::move(trace);
+    options.beacons = std::move(beacons);
+    options.logSink = [this](std::string_view line) {
+      std::lock_guard lock(mutex);
+      stamped.emplace_back(simulation->elapsedSeconds(), std::string(line));
+    };
+    simulation = std::make_unique<sim::Simulation>(std::move(options));
+    simulation->store().setLong("installId", 7);
+    client = Zonaris::initWithAppKey("demo-key", simulation->platform());
+    client->setDevMode(true);
+    client->setDelegate(delegate);
+    client->setUUID(kUuid);
+  }
+
+  /// Virtual seconds at which lines starting with `prefix` were logged.
+  std::vector<double> timesOf(const std::string& prefix) const {
+    std::lock_guard lock(mutex);
+    std::vector<double> out;
+    for (const auto& [t, line] : stamped) {
+      if (line.rfind(prefix, 0) == 0)
+        out.push_back(t);
+    }
+    return out;
+  }
+
+  static platform::Location fixAt(double lat, double lon, int secondsAfterStart = 0) {
+    platform::Location l;
+    l.latitude = lat;
+    l.longitude = lon;
+    l.horizontalAccuracy = 5.0;
+    l.timestamp = sim::defaultStartTime() + std::chrono::seconds(secondsAfterStart);
+    return l;
+  }
+  /// The speeds and nearest distance the interval is computed from, and optionally an entered
+  /// fence whose dwell window falls due in `dwellIn` seconds.
+  void prepare(float speed, double minDist, std::optional<std::int32_t> dwellIn = std::nullopt) {
+    client->setMSpeed(speed);
+    client->setMAverageSpeed(speed);
+    client->setMMinDist(minDist);
+    if (dwellIn) {
+      auto fence = std::make_shared<ZonarisFence>();
+      fence->setEntered(true);
+      fence->setDwell_events({std::make_shared<ZonarisDwell>(*dwellIn)});
+      client->setMFences(std::make_shared<const FenceList>(FenceList{fence}));
+    }
+  }
+  void range(std::vector<platform::Beacon> beacons) {
+    client->didRangeBeacons(beacons, *client->mBeaconRegion());
+  }
+
+  RecordingServer server;
+  mutable std::mutex mutex;
+  std::vector<std::pair<double, std::string>> stamped;
+  std::unique_ptr<sim::Simulation> simulation;
+  std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
+  std::shared_ptr<Zonaris> client;
+};
+
+class OnTheNorthWalk : public Sampling {
+ protected:
+  OnTheNorthWalk() : Sampling(northWalk()) {}
+};
+
+TEST_F(OnTheNorthWalk, FirstFixBecomesTheInitLocationAndNothingElseUntilTheCatalogueArrives) {
+  server.respond("GET", "/install/location", {500, ""});  // the download keeps failing
+  client->start();
+  simulation->runFor(10s);
+  EXPECT_EQ(timesOf("New location: "), std::vector<double>{1.0});
+  EXPECT_EQ(delegate->names(), std::vector<std::string>{"updatedInitLocation"});
+  EXPECT_EQ(client->mInitLocation()->latitude, northWalk()->at(1.0).latitude);
+  // Back in the idle setting, and no further sample armed while the download fails.
+  EXPECT_EQ(simulation->simLocationManager()->distanceFilter(), 99999.0);
+  EXPECT_FALSE(client->mUpdatingLocation());
+}
+
+TEST_F(OnTheNorthWalk, StopThenStartArmsASampleThatNoFixAnswers) {
+  client->start();
+  simulation->runFor(5s);
+  ASSERT_EQ(timesOf("New location: "),
+            (std::vector<double>{1, 2}));  // init location, then the first pass
+  client->stop();
+  client->start();
+  simulation->runFor(1300s);  // past the timer the last pass set
+  EXPECT_EQ(timesOf("New location: "), (std::vector<double>{1, 2}));
+  EXPECT_TRUE(client->mUpdatingLocation());
+}
+
+// Speeds divide by the seconds since the reference fix, but by 1 when none have passed.
+TEST_F(Sampling, OnlyTheFirstDeliveryAfterArmingIsTakenEvenWhenTwoChainsArm) {
+  const auto init = fixAt(45.0, 7.0, 20);
+  client->setMInitLocation(std::make_shared<const platform::Location>(init));
+  client->didUpdateLocations({fixAt(45.001, 7.0, 10)});  // not armed: dropped silently
+  client->updateLocation();
+  client->updateLocation();  // a timer and a download arming at the same time
+  client->didUpdateLocations({fixAt(45.002, 7.0, 20), fixAt(45.003, 7.0, 20)});
+  client->didUpdateLocations({fixAt(45.004, 7.0, 30)});
+  EXPECT_EQ(simulation->logger().lines(),
+            (Lines{"-----------------------------------------------------------------",
+                   "New location: 45.003000, 7.000000, -1.000000, 5.000000",
+                   "Set new current location"}));
+  EXPECT_EQ(client->mSpeed(), static_cast<float>(fixAt(45.003, 7.0).distanceFrom(init)));
+}
+
+TEST_F(Sampling, AverageHalvesFrom28TowardsTheFloorAndStaysThere) {
+  client->setMSpeed(-3.0f);  // a negative speed counts as standing still
+  std::vector<float> averages;
+  for (int i = 0; i < 7; ++i) {
+    client->calculateIntervalAndAccuracy();
+    averages.push_back(client->mAverageSpeed());
+  }
+  EXPECT_EQ(client->mSpeed(), 0.0f);
+  EXPECT_EQ(averages[0], 14.0001f);
+  EXPECT_FLOAT_EQ(averages[4], 0.87519375f);
+  EXPECT_EQ(std::vector(averages.begin() + 5, averages.end()), std::vector<float>(2, 0.5f));
+}
+
+constexpr const char* kTooBig = "Interval is too big. Set to MAX_INTERVAL = 600";
+constexpr const char* kTooSmall = "Interval is too small. Set to MIN_INTERVAL = 15";
+
+struct IntervalCase {
+  double minDist;
+  std::optional<std::int32_t> dwellIn;
+  std::int32_t interval;
+  const char* boundLine;  // or null
+};
+
+class IntervalBounds : public Sampling, public ::testing::WithParamInterface<IntervalCase> {};
+
+// Average speed 2.0 m/s after smoothing, so S = floor(minDist / 4).
+TEST_P(IntervalBounds, IntervalIsHalfTheTimeToTheFenceCutToTheDwellAndBounded) {
+  const auto& c = GetParam();
+  prepare(1.9999f, c.minDist, c.dwellIn);
+  client->calculateIntervalAndAccuracy();
+  EXPECT_EQ(delegate->calls("updatedInterval"), std::vector<json>{json::array({c.interval})});
+  EXPECT_EQ(timesOf("Update location after " + std::to_string(c.interval) + " second(s)").size(),
+            1u);
+  for (const char* bound : {kTooBig, kTooSmall})
+    EXPECT_EQ(timesOf(bound).size(), c.boundLine == bound) << bound;
+  // The next sample is armed exactly `interval` virtual seconds later.
+  simulation->runFor(std::chrono::seconds(c.interval) - 1ms);
+  EXPECT_FALSE(client->mUpdatingLocation());
+  simulation->runFor(1ms);
+  EXPECT_TRUE(client->mUpdatingLocation());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sampling, IntervalBounds,
+    ::testing::Values(IntervalCase{1000.0, std::nullopt, 250, nullptr},
+                      IntervalCase{1000.0, 100, 100, nullptr},           // S = 250 cut to the dwell
+                      IntervalCase{20.0, std::nullopt, 15, kTooSmall},   // 5
+                      IntervalCase{2404.0, std::nullopt, 600, kTooBig},  // 601
+                      IntervalCase{2400.0, std::nullopt, 600, nullptr},  // exactly 600
+                      IntervalCase{60.0, std::nullopt, 15, nullptr}));   // exactly 15
+
+class InitLocationRadius : public Sampling,
+                           public ::testing::WithParamInterface<std::pair<double, bool>> {};
+
+// Compared in single precision: 1000.00002 m reads as 1000 m and is kept.
+TEST_P(InitLocationRadius, InitLocationIsDroppedOnlyBeyondOneKilometre) {
+  const auto [metres, dropped] = GetParam();
+  const auto init = fixAt(48.1, 11.5);
+  auto current = init;
+  GeographicLib::Geodesic::WGS84().Direct(init.latitude, init.longitude, 37.0, metres,
+                                          current.latitude, current.longitude);
+  client->setMInitLocation(std::make_shared<const platform::Location>(init));
+  client->setMCurrentLocation(std::make_shared<const platform::Location>(current));
+  client->calculateIntervalAndAccuracy();
+  EXPECT_EQ(!client->mInitLocation(), dropped);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sampling, InitLocationRadius,
+                         ::testing::Values(std::pair{1000.0, false}, std::pair{1000.00002, false},
+                                           std::pair{1000.5, true}));
+
+class FaultyAverage : public Sampling,
+                      public ::testing::WithParamInterface<std::pair<float, json>> {};
+
+// Reported with both values (null where JSON cannot hold one); the floor 0.5 m/s is used.
+TEST_P(FaultyAverage, IsReportedAndReplacedByTheFloor) {
+  const auto [speed, speedInReport] = GetParam();
+  prepare(speed, 100.0);
+  client->calculateIntervalAndAccuracy();
+  const auto sent = server.requests("POST", "/install/error");
+  ASSERT_EQ(sent.size(), 1u);
+  const auto report = json::parse(sent[0].body, nullptr, false);
+  EXPECT_EQ(report["data"]["reason"], "Calculate avg speed error");
+  EXPECT_EQ(report["data"]["variables_state"],
+            json::array({{{"name", "mSpeed"}, {"value", speedInReport}},
+                         {{"name", "mAverageSpeed"}, {"value", nullptr}}}));
+  EXPECT_EQ(client->mAverageSpeed(), 0.5f);
+  EXPECT_EQ(delegate->calls("updatedInterval")[0][0], 100);  // floor(100 / 0.5 * 0.5)
+}
+
+INSTANTIATE_TEST_SUITE_P(Sampling, FaultyAverage,
+                         ::testing::Values(std::pair{std::numeric_limits<float>::quiet_NaN(),
+                                                     json()}));
+
+platform::Beacon beacon(double accuracy, int major = 1, int minor = 2, std::string uuid = kUuid,
+                        int proximity = 2) {
+  return {std::move(uuid), major, minor, accuracy, proximity};
+}
+
+json record(const char* uuid, int major, int minor, const char* proximity) {
+  return {{"uuid", uuid}, {"major", major}, {"minor", minor}, {"proximity", proximity}};
+}
+
+// A beacon is its minor, major and UUID. A proximity the platform does not define is "unknown".
+TEST_F(Sampling, BeaconsSwitchedOnTwiceRunOneCycleThatPublishesEveryScanEvenEmpty) {
+  client->startUpdateBeacons();
+  client->startUpdateBeacons();
+  range(
+      {beacon(1.0, 1, 2, kUuid, 3), beacon(1.0, 1, 2, kOtherUuid, 2), beacon(1.0, 1, 3, kUuid, 7)});
+  simulation->runFor(10s);
+  EXPECT_EQ(*client->mBeacons(),
+            json::array({record(kUuid, 1, 2, "far"), record(kOtherUuid, 1, 2, "near"),
+                         record(kUuid, 1, 3, "unknown")}));
+  simulation->runFor(85s);
+  EXPECT_EQ(*client->mBeacons(), json::array());
+  EXPECT_EQ(timesOf("Started scan"), (std::vector<double>{0, 40, 80}));
+  EXPECT_EQ(timesOf("Stopped scan"), (std::vector<double>{10, 50, 90}));
+  EXPECT_TRUE(simulation->simLocationManager()->rangedRegions().empty());
+}
+
+TEST_F(Sampling, BeaconsSwitchedOffEndTheCycleKeepTheLastScanAndIgnoreLateResults) {
+  range({beacon(1.0, 5, 5)});  // before switching on
+  client->startUpdateBeacons();
+  range({beacon(1.0)});
+  simulation->runFor(15s);
+  range({beacon(1.0, 6, 6)});  // during the pause
+  client->stopUpdateBeacons();
+  range({beacon(1.0, 7, 7)});  // after switching off
+  simulation->runFor(200s);
+  EXPECT_EQ(timesOf("Started scan"), std::vector<double>{0});
+  EXPECT_EQ(client->mBeacons()->size(), 1u);
+  EXPECT_EQ(client->mCurrentBeacons().size(), 1u);
+}
+
+constexpr const char* kAdded = "    Beacon added";
+constexpr const char* kReplaced = "    Replace old beacon";
+constexpr const char* kKept = "    Accuracy is worst or same then old one";
+
+struct Sightings {
+  std::vector<double> accuracies;  // one beacon, one ranging result each
+  double kept;
+  Lines outcomes;
+};
+
+class BeaconAccuracy : public Sampling, public ::testing::WithParamInterface<Sightings> {};
+
+TEST_P(BeaconAccuracy, KeepsTheBestUsableSightingOfAScan) {
+  client->startUpdateBeacons();
+  for (double a : GetParam().accuracies)
+    range({beacon(a)});
+  Lines outcomes;
+  for (const auto& [t, line] : stamped) {
+    if (line.rfind("    ", 0) == 0 && line.find("Beacon - ") == std::string::npos)
+      outcomes.push_back(line);
+  }
+  EXPECT_EQ(outcomes, GetParam().outcomes);
+  ASSERT_EQ(client->mCurrentBeacons().size(), 1u);
+  EXPECT_EQ(client->mCurrentBeacons()[0].accuracy, GetParam().kept);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sequences, BeaconAccuracy,
+    ::testing::Values(Sightings{{3.2, 1.5, 2.0}, 1.5, {kAdded, kReplaced, kAdded, kKept}},
+                      Sightings{{1.5, 1.5}, 1.5, {kAdded, kKept}},
+                      Sightings{{-1.0, 4.0}, 4.0, {kAdded, kReplaced, kAdded}},
+                      Sightings{{4.0, -1.0}, 4.0, {kAdded, kKept}},
+                      Sightings{{4.0, 0.0}, 4.0, {kAdded, kKept}}));
+
+// A walk east along the equator at 1.5 m/s to 34 m from a shop door with a beacon fence, two
+// minutes there, and back: under 150 m from about t = 123 s to t = 397 s.
+class BeaconJourney : public Sampling {
+ protected:
+  BeaconJourney()
+      : Sampling(std::make_shared<const sim::Trace>(sim::Trace::parseCsv(
+                     "0,0,0\n200,0,0.0027\n320,0,0.0027\n520,0,0\n", "walk.csv")),
+                 std::make_shared<const sim::BeaconSightings>(
+                     sim::BeaconSightings::load(ZONARIS_TEST_DATA_DIR "/shop_door_beacons.csv"))) {}
+};
+
+TEST_F(BeaconJourney, RangesNearTheDoorAndTheNextObservationCarriesItsBeacons) {
+  server.respond("GET", "/install/location",
+                 {200, R"x([{"id": 21, "name": "Shop door", "type": "beacon", "radius": 0,
+                   "location": "POINT (0.003 0)", "_event_types": ["entry", "exit"],
+                   "_dwell_windows": []}])x"});
+  // Each observation goes into the log as "observation <its beacons>".
+  server.on("POST", "/observation", [&](const RecordedRequest& request) {
+    const auto beacons = json::parse(request.body).value("beacons", json()).dump();
+    std::lock_guard lock(mutex);
+    stamped.emplace_back(simulation->elapsedSeconds(), "observation " + beacons);
+    return ScriptedResponse{200, R"({"id":1,"events":[]})"};
+  });
+  client->start();
+  simulation->runFor(700s);
+
+  const auto scans = timesOf("Started scan");
+  ASSERT_GT(scans.at(0), 120.0);   // .at: an empty list fails the test
+  EXPECT_LT(scans.back(), 400.0);  // none after walking away
+  const auto observed = timesOf("observation ");
+  EXPECT_EQ(timesOf("observation []").at(0), observed.at(0));  // the catalogue, far away
+  const auto withDoorBeacons =
+      timesOf("observation " +
+              json::array({record(kUuid, 10, 20, "near"), record(kUuid, 10, 21, "far")}).dump());
+  ASSERT_GE(withDoorBeacons.at(0), scans[0] + 10);  // carried only once a scan has finished
+  // and by the first observation after it
+  EXPECT_EQ(withDoorBeacons.front(),
+            *std::lower_bound(observed.begin(), observed.end(), scans[0] + 10));
+  EXPECT_TRUE(simulation->simLocationManager()->rangedRegions().empty());
+}
+
+}  // namespace
+}  // namespace zonaris::test

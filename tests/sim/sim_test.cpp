@@ -1,0 +1,267 @@
+// The simulated platform: the virtual-time scheduler, reading traces and beacon sightings as
+// users write them, and the simulated location service as a client meets it.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zonaris/sim/beacon_sightings.hpp"
+#include "zonaris/sim/input_error.hpp"
+#include "zonaris/sim/location_manager.hpp"
+#include "zonaris/sim/scheduler.hpp"
+#include "zonaris/sim/sim_platform.hpp"
+#include "zonaris/sim/trace.hpp"
+
+namespace zonaris::sim {
+namespace {
+
+using namespace std::chrono_literals;
+using Order = std::vector<std::string>;
+
+TEST(Scheduler, RunsByDueTimeThenPostOrderAndNeverEarly) {
+  Scheduler s(defaultStartTime());
+  Order order;
+  s.postAfter(5s, [&] { order.push_back("b"); });
+  s.postAfter(1s, [&] { order.push_back("a"); });
+  s.postAfter(5s, [&] {
+    EXPECT_EQ(s.elapsed(), 5s);
+    s.postAfter(0s, [&] { order.push_back("d"); });
+    order.push_back("c");
+  });
+  s.postAfter(30s, [&] { order.push_back("30 s"); });
+  s.runFor(29999ms);
+  EXPECT_EQ(order, (Order{"a", "b", "c", "d"}));
+  s.runFor(1ms);
+  EXPECT_EQ(order.back(), "30 s");
+}
+
+TEST(SimDispatcher, DetachNeverRunsInlineAndATickerStopsWhenInvalidatedFromATick) {
+  auto s = std::make_shared<Scheduler>(defaultStartTime());
+  SimDispatcher d(s);
+  Order order;
+  d.mainAfter(0s, [&] {
+    d.detach([&] { order.push_back("detached"); });
+    order.push_back("poster");
+  });
+  d.mainAfter(0s, [&] { order.push_back("second main"); });
+  s->runFor(0s);
+  EXPECT_EQ(order, (Order{"poster", "second main", "detached"}));
+
+  int ticks = 0;
+  std::shared_ptr<platform::TickerHandle> handle = d.startTicker(1s, [&] {
+    if (++ticks == 3)
+      handle->invalidate();
+  });
+  s->runFor(999ms);
+  EXPECT_EQ(ticks, 0);
+  s->runFor(10s);
+  EXPECT_EQ(ticks, 3);
+}
+
+// The walk of walk.gpx and walk.csv.
+void expectTheTestWalk(const Trace& trace) {
+  const auto& p = trace.points();
+  ASSERT_EQ(p.size(), 3u);
+  EXPECT_EQ(p[1].t, 10.5);
+  EXPECT_EQ(p[1].latitude, 48.851);
+  EXPECT_EQ(p[0].horizontalAccuracy, 10.0);
+  EXPECT_EQ(p[1].horizontalAccuracy, 5.0);
+  EXPECT_EQ(p[0].speed, 1.5);
+  EXPECT_FALSE(p[1].speed);
+  EXPECT_EQ(trace.duration(), 60.0);
+}
+
+TEST(TraceFiles, GpxAndCsvOfTheSameWalkReadAlike) {
+  const auto gpx = Trace::load(ZONARIS_TEST_DATA_DIR "/walk.gpx");
+  expectTheTestWalk(gpx);
+  // The first point's clock reading as written (09:00 at +01:00), not its UTC instant.
+  EXPECT_EQ(gpx.startTime(), parseLocalTime("2026-03-01T09:00:00"));
+  const auto csv = Trace::load(ZONARIS_TEST_DATA_DIR "/walk.csv");
+  expectTheTestWalk(csv);
+  EXPECT_FALSE(csv.startTime());
+}
+
+// The same two points as different writers put them.
+class GpxDialects : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(GpxDialects, YieldTheSamePoints) {
+  const auto p = Trace::parseGpx(GetParam(), "dialect.gpx").points();
+  ASSERT_EQ(p.size(), 2u);
+  EXPECT_EQ(p[0].latitude, 10.0);
+  EXPECT_EQ(p[1].t, 2.25);
+  EXPECT_EQ(p[1].speed, 3.0);
+  EXPECT_EQ(p[1].horizontalAccuracy, 7.5);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Trace, GpxDialects,
+    ::testing::Values(
+        // no namespace at all
+        R"(<gpx><trk><trkseg>
+             <trkpt lat="10" lon="20"><time>2026-01-01T12:00:00Z</time></trkpt>
+             <trkpt lat="10.001" lon="20"><time>2026-01-01T12:00:02.25Z</time>
+               <hdop>1.5</hdop><extensions><speed>3</speed></extensions></trkpt>
+           </trkseg></trk></gpx>)",
+        // a "gpx:" prefix and a prefixed extension
+        R"(<gpx:gpx xmlns:gpx="http://www.topografix.com/GPX/1/1"
+                    xmlns:tpx="http://www.garmin.com/xmlschemas/TrackPointExtension/v2">
+           <gpx:trk><gpx:trkseg>
+             <gpx:trkpt lat="10" lon="20"><gpx:time>2026-01-01T13:00:00+01:00</gpx:time></gpx:trkpt>
+             <gpx:trkpt lat="10.001" lon="20"><gpx:time>2026-01-01T12:00:02.250Z</gpx:time>
+               <gpx:hdop>1.5</gpx:hdop><gpx:extensions><tpx:TrackPointExtension>
+               <tpx:speed>3.0</tpx:speed></tpx:TrackPointExtension></gpx:extensions></gpx:trkpt>
+           </gpx:trkseg></gpx:trk></gpx:gpx>)",
+        // GPX 1.0: speed in the point itself, an offset without a colon
+        R"(<gpx version="1.0" xmlns="http://www.topografix.com/GPX/1/0"><trk><trkseg>
+             <trkpt lat="+10.0" lon="20.0"><time>2026-01-01T11:30:00-0030</time></trkpt>
+             <trkpt lat="10.001" lon="20"><time>2026-01-01T12:00:02.25Z</time>
+               <hdop>1.5</hdop><speed>3</speed></trkpt>
+           </trkseg></trk></gpx>)"));
+
+struct Broken {
+  std::string name;  // its extension says how it is read
+  const char* text;
+  const char* error;  // the whole message
+};
+
+class BrokenInputs : public ::testing::TestWithParam<Broken> {};
+
+TEST_P(BrokenInputs, NameTheFileAndLine) {
+  const auto& c = GetParam();
+  try {
+    if (c.name == "trip.gpx")
+      Trace::parseGpx(c.text, c.name);
+    else if (c.name == "trip.csv")
+      Trace::parseCsv(c.text, c.name);
+    else
+      BeaconSightings::parseCsv(c.text, c.name);
+    FAIL() << "no error for " << c.text;
+  } catch (const InputError& e) {
+    EXPECT_EQ(std::string(e.what()), c.name + ":" + c.error);
+  }
+}
+
+#define UUID "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0"
+INSTANTIATE_TEST_SUITE_P(
+    Sim, BrokenInputs,
+    ::testing::Values(
+        Broken{"trip.gpx", "<gpx>\n<trk>\n</gpx>", "3: not XML: Start-end tags mismatch"},
+        Broken{"trip.gpx", "<kml/>", "1: not a GPX file: the root element is <kml>"},
+        Broken{"trip.gpx", "<gpx>\n</gpx>", "1: no track points (<trkpt>) in this GPX file"},
+        Broken{"trip.gpx", "<gpx>\n<rte><rtept lat=\"1\" lon=\"2\"/></rte></gpx>",
+               "2: <rtept> has no <time>; a trace needs the time of every point"},
+        Broken{"trip.gpx",
+               "<gpx>\n<trkpt lat=\"1\" lon=\"2\"><time>2026-01-01T00:00:10Z</time></trkpt>\n"
+               "<trkpt lat=\"1\" lon=\"2\"><time>2026-01-01T01:00:05+01:00</time></trkpt></gpx>",
+               "3: times must not go back"},
+        Broken{"trip.csv", "# only a comment\n\n", "2: no points in this trace"},
+        Broken{"trip.csv", "t,lat,lon\n0,1,2\n1,1\n",
+               "3: expected t,lat,lon[,accuracy][,speed] but found 2 fields"},
+        Broken{"trip.csv", "0,1,2\n1,1,NaN\n", "2: lon \"NaN\" is not a number"},
+        Broken{"beacons.csv", "# c\n\n0,10," UUID ",1,2,1.0",
+               "3: expected 7 fields (t_start,t_end,uuid,major,minor,accuracy,proximity), found 6"},
+        Broken{"beacons.csv", "0,10," UUID ",1,2,1.0,2\nx,10," UUID ",1,2,1.0,2",
+               "2: t_start is not a number: \"x\""},
+        Broken{"beacons.csv", "10,10," UUID ",1,2,1.0,2", "1: t_end must be later than t_start"},
+        Broken{"beacons.csv", "0,10,shop,1,2,1.0,2", "1: uuid is not a UUID: \"shop\""},
+        Broken{"beacons.csv", "0,10," UUID ",1,2,1.0,4",
+               "1: proximity must be between 0 and 3: 4"}));
+#undef UUID
+
+TEST(TracePosition, IsInterpolatedAndStandsStillAfterTheEnd) {
+  const auto trace = Trace::parseCsv(
+      "0,10,20,4\n1000,10.01,20,8\n1100,10.01,20.001,8,2\n1200,10.01,20.002,8,4\n", "t.csv");
+  const auto mid = trace.at(250.0);
+  EXPECT_DOUBLE_EQ(mid.latitude, 10.0025);
+  EXPECT_DOUBLE_EQ(mid.horizontalAccuracy, 5.0);
+  EXPECT_DOUBLE_EQ(mid.speed, trace.at(0).distanceFrom(trace.at(1000)) / 1000.0);
+  EXPECT_DOUBLE_EQ(trace.at(1150.0).speed, 3.0);  // between two given speeds
+  EXPECT_EQ(trace.at(5000.0).longitude, 20.002);
+  EXPECT_EQ(trace.at(5000.0).speed, 0.0);
+}
+
+TEST(BeaconSightings, ReadsAFileAndShowsEachSightingFromItsStartUntilBeforeItsEnd) {
+  const auto s = BeaconSightings::load(ZONARIS_TEST_DATA_DIR "/beacon_sightings.csv");
+  auto minorsAt = [&](double t, const std::string& uuid) {
+    std::vector<int> minors;
+    for (const auto& b : s.at(t, uuid))
+      minors.push_back(b.minor);
+    return minors;
+  };
+  const std::string shop = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";  // written in lower case
+  ASSERT_EQ(s.sightings().size(), 3u);
+  EXPECT_EQ(s.sightings()[0].beacon.uuid, shop);
+  EXPECT_EQ(s.sightings()[0].beacon.accuracy, 3.5);
+  EXPECT_EQ(s.sightings()[1].beacon.accuracy, -1.0);
+  EXPECT_EQ(minorsAt(5.0, shop), (std::vector<int>{2, 3}));  // file order
+  EXPECT_EQ(minorsAt(10.0, shop), (std::vector<int>{3}));
+  EXPECT_EQ(minorsAt(1.0, "74278bda-b644-4520-8f0c-720eaf059935"), (std::vector<int>{7}));
+  EXPECT_THROW(BeaconSightings::load(ZONARIS_TEST_DATA_DIR "/no_such_file.csv"), InputError);
+}
+
+// Records when each fix arrived, in virtual seconds since the start.
+class RecordingListener final : public platform::LocationManagerDelegate {
+ public:
+  explicit RecordingListener(const Scheduler& scheduler) : scheduler_(scheduler) {}
+  void didUpdateLocations(const std::vector<platform::Location>& locations) override {
+    fixTimes.push_back(std::chrono::duration<double>(scheduler_.elapsed()).count());
+    last = locations.at(0);
+  }
+  void didRangeBeacons(const std::vector<platform::Beacon>&,
+                       const platform::BeaconRegion&) override {}
+  std::vector<double> fixTimes;
+  platform::Location last;
+
+ private:
+  const Scheduler& scheduler_;
+};
+
+class SimLocationManagerTest : public ::testing::Test {
+ protected:
+  SimLocationManagerTest() {
+    // Due north at about 1.1 m/s for 100 s (0.001 degree of latitude is about 110.6 m).
+    manager->setTrace(
+        std::make_shared<const Trace>(Trace::parseCsv("0,45,7,6\n100,45.001,7,6\n", "north.csv")));
+    manager->setDelegate(listener);
+    manager->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
+  }
+  void fine() {
+    manager->setDesiredAccuracy(platform::Accuracy::BestForNavigation);
+    manager->setDistanceFilter(platform::kDistanceFilterNone);
+  }
+
+  std::shared_ptr<Scheduler> scheduler = std::make_shared<Scheduler>(defaultStartTime());
+  std::shared_ptr<SimLocationManager> manager = std::make_shared<SimLocationManager>(scheduler);
+  std::shared_ptr<RecordingListener> listener = std::make_shared<RecordingListener>(*scheduler);
+};
+
+TEST_F(SimLocationManagerTest, FullAccuracyDeliversEverySecondFromOneSecondAfterTheSetting) {
+  manager->setDistanceFilter(99999.0);
+  manager->startUpdatingLocation();
+  scheduler->runFor(10s);  // only where the device is when updates begin
+  fine();
+  scheduler->runFor(3500ms);
+  fine();  // setting it again restarts the rhythm: one second later, not at 14
+  scheduler->runFor(2s);
+  EXPECT_EQ(listener->fixTimes, (std::vector<double>{1, 11, 12, 13, 14.5, 15.5}));
+  EXPECT_DOUBLE_EQ(listener->last.latitude, 45.0 + 0.001 * 15.5 / 100.0);
+  EXPECT_EQ(listener->last.timestamp, scheduler->start() + 15500ms);
+
+  manager->stopUpdatingLocation();
+  fine();  // a setting made while stopped starts nothing
+  scheduler->runFor(60s);
+  EXPECT_EQ(listener->fixTimes.size(), 6u);
+}
+
+TEST_F(SimLocationManagerTest, CoarseSettingDeliversOnlyAfterMovingFartherThanTheFilter) {
+  manager->setDistanceFilter(50.0);
+  manager->startUpdatingLocation();
+  // 50 m beyond the fix at 1 s is passed after 45 s, and so on. The trace ends at 100 s, 10 m
+  // further: standing still, the device gets nothing more.
+  scheduler->runFor(1000s);
+  EXPECT_EQ(listener->fixTimes, (std::vector<double>{1, 46, 91}));
+}
+
+}  // namespace
+}  // namespace zonaris::sim
