@@ -51,7 +51,6 @@ TEST_F(ClientLifecycle, ConstructionSetsTheDocumentedDefaults) {
   auto client = make("");
   ASSERT_TRUE(client);
   EXPECT_EQ(client->mAppKey(), "");
-  EXPECT_EQ(client->mMinDist(), std::numeric_limits<double>::max());
   EXPECT_EQ(client->mMinDist(), 1.7976931348623157e308);
   EXPECT_EQ(client->mAverageSpeed(), 28.0f);
   EXPECT_EQ(client->mSpeed(), 0.0f);
@@ -212,13 +211,6 @@ TEST_F(ClientLifecycle, TagsAreKeptByReference) {
   EXPECT_EQ(client->mTags()->snapshot(), (nlohmann::json{{"tier", "platinum"}, {"age", 31}}));
 }
 
-TEST_F(ClientLifecycle, SilenceWindowIsStoredWithoutChecks) {
-  auto client = make();
-  client->setSilenceWindowStart(30, -2);
-  EXPECT_EQ(client->mSilenceStart(), 30);
-  EXPECT_EQ(client->mSilenceStop(), -2);
-}
-
 // The first accepted fix is the one callback the client core sends by itself; it exercises the
 // delegate rule: weak reference, per-call test, nothing cached.
 TEST_F(ClientLifecycle, DelegateRuleAbsentPartialReplacedAndReleased) {
@@ -248,21 +240,6 @@ TEST_F(ClientLifecycle, DelegateRuleAbsentPartialReplacedAndReleased) {
   full.reset();
   EXPECT_TRUE(watch.expired()) << "the client must not keep its delegate alive";
   deliverFirstFix();
-}
-
-TEST_F(ClientLifecycle, OnlyOneFixIsAcceptedPerArmedSample) {
-  auto client = make();
-  auto delegate = std::make_shared<RecordingDelegate>();
-  client->setDelegate(delegate);
-  manager->delegate()->didUpdateLocations({fixAt(1, 1)});
-  EXPECT_FALSE(client->mInitLocation()) << "a fix while nothing is armed is ignored";
-  client->updateLocation();
-  client->updateLocation();  // two chains arming at once still take one fix
-  manager->delegate()->didUpdateLocations({fixAt(1, 1), fixAt(2, 2)});
-  manager->delegate()->didUpdateLocations({fixAt(3, 3)});
-  ASSERT_TRUE(client->mInitLocation());
-  EXPECT_EQ(client->mInitLocation()->latitude, 2.0) << "the last element of the array is used";
-  EXPECT_EQ(delegate->calls("updatedInitLocation").size(), 1u);
 }
 
 TEST(InstallIdStore, RoundTripAndMissingValue) {
