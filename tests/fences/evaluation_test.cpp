@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using nlohmann::json;
-using test::FenceSpec;
+using test::FenceDef;
 using test::kMetresPerDegree;
 using test::pointNorthOfOrigin;
 
@@ -90,18 +90,18 @@ const DistanceCase kDistances[] = {
 INSTANTIATE_TEST_SUITE_P(Texts, Distance, ::testing::ValuesIn(kDistances),
                          [](const auto& info) { return std::string(info.param.name); });
 
-FenceSpec point(std::int64_t id, double metresAway, float radius) {
+FenceDef point(std::int64_t id, double metresAway, float radius) {
   return {id, "P" + std::to_string(id), "point", pointNorthOfOrigin(metresAway), radius, {}};
 }
 
-FenceSpec beacon(std::string location) {
+FenceDef beacon(std::string location) {
   return {1, "B", "beacon", std::move(location), 0.0f, {}};
 }
 
 // One pass with the device at `latitude` on the prime meridian, every fence's flags as given.
 struct PassCase {
   const char* name;
-  std::vector<FenceSpec> fences;
+  std::vector<FenceDef> fences;
   double latitude;
   bool entered, dwelled, reset;
   double nearest;
@@ -134,7 +134,7 @@ TEST_P(EvaluationPass, ReportsTheNearestFenceAndObservesExactlyWhenFlagsDisagree
 }
 
 // A fence 50 m north with radius 100: the device is inside at 0, outside 1 km south of it.
-const FenceSpec kNear = point(1, 50, 100);
+const FenceDef kNear = point(1, 50, 100);
 const double kSouth = -0.01, kFromSouth = kMetresPerDegree / 100 - 50;
 
 // clang-format off

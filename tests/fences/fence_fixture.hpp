@@ -18,7 +18,7 @@ namespace zonaris::test {
 /// Metres per degree of arc on the fence sphere.
 inline constexpr double kMetresPerDegree = 6378137.0 * 0.017453292519943295;
 
-struct FenceSpec {
+struct FenceDef {
   std::int64_t id = 1;
   std::optional<std::string> name = "Office";
   std::optional<std::string> type = "polygon";
@@ -69,17 +69,17 @@ class FenceFixture : public ::testing::Test {
   }
 
   /// Makes these fences the client's catalogue.
-  FenceList publish(const std::vector<FenceSpec>& specs) {
+  FenceList publish(const std::vector<FenceDef>& fenceDefs) {
     FenceList list;
-    for (const auto& spec : specs) {
+    for (const auto& def : fenceDefs) {
       auto fence = std::make_shared<ZonarisFence>();
-      fence->setId(spec.id);
-      fence->setName(spec.name);
-      fence->setType(spec.type);
-      fence->setLocation(spec.location);
-      fence->setRadius(spec.radius);
+      fence->setId(def.id);
+      fence->setName(def.name);
+      fence->setType(def.type);
+      fence->setLocation(def.location);
+      fence->setRadius(def.radius);
       DwellList windows;
-      for (auto seconds : spec.windows)
+      for (auto seconds : def.windows)
         windows.push_back(std::make_shared<ZonarisDwell>(seconds));
       fence->setDwell_events(std::move(windows));
       list.push_back(fence);

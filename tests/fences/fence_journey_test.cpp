@@ -119,7 +119,7 @@ TEST_F(FenceJourney, PassesTicksConfirmationsAndReloadsOverlapSafelyOnRealThread
   answerObservationsWith({json::array({event("entry"), event("dwell"), event("exit")})});
   auto dispatcher = std::make_shared<platform::ThreadDispatcher>();
   boot(nullptr, dispatcher);
-  const std::vector<test::FenceSpec> catalogue = {
+  const std::vector<test::FenceDef> catalogue = {
       {11, "Square", "polygon", "POLYGON ((-1 -1, 1 -1, 1 1, -1 1, -1 -1))", 0.0f, {0, 2, 5}},
       {12, "Near", "point", test::pointNorthOfOrigin(40), 100.0f, {1}},
       {13, "Tag", "beacon", test::pointNorthOfOrigin(90), 0.0f, {}},
