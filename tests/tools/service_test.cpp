@@ -201,7 +201,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(Bad{"InstallNotJson", "/install", "", "{appKey: demo"},
                       Bad{"InstallNoKey", "/install", "/appKey", kGone},
                       Bad{"QueryNoInstall", "/install/location", "/install", kGone},
-                      Bad{"QueryUnknownInstall", "/install/location", "/install", "9"},
+                      Bad{"QueryUnissuedInstall", "/install/location", "/install", "0"},
                       Bad{"QueryLatitude91", "/install/location", "/lat", "91.0"},
                       Bad{"QueryLatitudeTrailing", "/install/location", "/lat", "50.0x"},
                       Bad{"QueryRadiusHuge", "/install/location", "/radius", "1e9"},
@@ -213,13 +213,19 @@ INSTANTIATE_TEST_SUITE_P(
                       Bad{"ObservationNoBeacons", "/observation", "/beacons", kGone},
                       Bad{"ObservationBeaconMajorText", "/observation", "/beacons/0/major", "1"},
                       Bad{"ObservationTagsText", "/observation", "/data", "tags"},
-                      Bad{"ObservationUnknownInstall", "/observation", "/install", 9},
+                      Bad{"ObservationUnissuedInstall", "/observation", "/install", -3},
                       Bad{"ObservationInstallFraction", "/observation", "/install", 1.5},
                       Bad{"ErrorNotJson", "/install/error", "", ""},
                       Bad{"ErrorDataText", "/install/error", "/data", "boom"},
                       Bad{"ErrorStackNumbers", "/install/error", "/data/callstack/0", 1},
                       Bad{"ErrorNoVersion", "/install/error", "/version", kGone}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// A device whose store outlived the service's state keeps working under its old id.
+TEST_F(ServiceTest, AdoptsAnInstallIdItDidNotIssue) {
+  EXPECT_EQ(send(service, "/install/location", "/install", "9").status, 200);
+  EXPECT_EQ(parsed(send(service, "/install")), json({{"id", 10}}));
+}
 
 TEST_F(ServiceTest, ServesTheExchangesOverHttpOn127001) {
   const int port = service.start(0);

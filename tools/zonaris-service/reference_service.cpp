@@ -237,13 +237,16 @@ struct ReferenceService::Impl {
     return answer(201, json{{"id", *id}});
   }
 
-  // Distinguishes an unknown install (400) from a database failure (500).
+  // Ids below 1 were never issued and are refused (400). An id of 1 or more that the service
+  // does not know is adopted: a device's store can outlive the service's state (an in-memory
+  // database, a fresh --db), and refusing the id would leave that device retrying forever.
+  // A database failure answers 500.
   std::optional<ServiceResponse> checkInstall(std::int64_t id) const {
+    if (id < 1)
+      return badRequest(fmt::format("install id {} was never issued; register first", id));
     auto exists = store->installExists(id);
-    if (!exists)
+    if (!exists || (!*exists && !store->adoptInstall(id, nowMs())))
       return storeFailure();
-    if (!*exists)
-      return badRequest(fmt::format("unknown install id {}", id));
     return std::nullopt;
   }
 

@@ -135,6 +135,16 @@ std::optional<std::int64_t> ServiceStore::addInstall(std::string_view appKey, st
   return sqlite3_last_insert_rowid(db_);
 }
 
+bool ServiceStore::adoptInstall(std::int64_t id, std::int64_t atMs) {
+  // AUTOINCREMENT keeps later ids above an adopted one.
+  Statement s(db_, "INSERT OR IGNORE INTO installs (id, app_key, created_ms) VALUES (?, '', ?)");
+  if (!s || !s.bind(1, id) || !s.bind(2, atMs) || s.step() != SQLITE_DONE) {
+    fail();
+    return false;
+  }
+  return true;
+}
+
 std::optional<bool> ServiceStore::installExists(std::int64_t id) {
   Statement s(db_, "SELECT 1 FROM installs WHERE id = ?");
   if (!s || !s.bind(1, id))

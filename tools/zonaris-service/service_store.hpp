@@ -34,6 +34,9 @@ class ServiceStore {
 
   std::optional<std::int64_t> addInstall(std::string_view appKey, std::int64_t atMs);
   std::optional<bool> installExists(std::int64_t id);
+  /// Records an install id issued elsewhere (or before the service lost its state); false when
+  /// the database fails.
+  bool adoptInstall(std::int64_t id, std::int64_t atMs);
 
   /// The remembered state of every fence of the install, by fence id (fences never seen are
   /// absent: outside).
