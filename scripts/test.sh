@@ -8,6 +8,8 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 jobs=$(nproc 2>/dev/null || echo 2)
+# When ccache is present, let checkouts in different folders share its cache.
+export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=1
 kinds=("$@")
 [ ${#kinds[@]} -gt 0 ] || kinds=(normal thread address)
 
