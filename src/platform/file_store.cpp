@@ -13,6 +13,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/posix_io.hpp"
 #include "zonaris/platform/production.hpp"
 
 namespace zonaris::platform {
@@ -93,19 +94,6 @@ std::int64_t integerOf(const json& value) {
   if (value.is_number_integer())
     return value.get<std::int64_t>();
   return 0;
-}
-
-bool writeAll(int fd, const std::string& text) {
-  std::size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      return false;
-    done += static_cast<std::size_t>(n);
-  }
-  return true;
 }
 
 bool fsyncRetrying(int fd) {

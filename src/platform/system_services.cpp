@@ -13,6 +13,7 @@
 #include <optional>
 #include <sstream>
 
+#include "platform/posix_io.hpp"
 #include "zonaris/platform/production.hpp"
 
 namespace zonaris::platform {
@@ -27,15 +28,7 @@ void StderrLogger::log(std::string_view line) {
     text.reserve(prefix_.size() + line.size() + 1);
     text.append(prefix_).append(line).push_back('\n');
     std::lock_guard lock(mutex_);
-    std::size_t done = 0;
-    while (done < text.size()) {
-      const ssize_t n = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
-      if (n < 0 && errno == EINTR)
-        continue;
-      if (n <= 0)
-        return;  // nowhere to log to
-      done += static_cast<std::size_t>(n);
-    }
+    writeAll(STDERR_FILENO, text);  // when stderr refuses, there is nowhere to log to
   } catch (...) {
     // Logging must never fail its caller.
   }
