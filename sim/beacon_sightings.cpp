@@ -19,6 +19,7 @@
 // "name:line: message".
 #include "zonaris/sim/beacon_sightings.hpp"
 
+#include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <cmath>
@@ -163,9 +164,17 @@ std::vector<platform::Beacon> BeaconSightings::at(double secondsSinceStart,
   const std::string& wanted = canonical ? *canonical : uuid;
   std::vector<platform::Beacon> visible;
   for (const auto& sighting : sightings_) {
-    if (sighting.beacon.uuid == wanted && sighting.tStart <= secondsSinceStart &&
-        secondsSinceStart < sighting.tEnd)
-      visible.push_back(sighting.beacon);
+    if (sighting.beacon.uuid != wanted || !(sighting.tStart <= secondsSinceStart) ||
+        !(secondsSinceStart < sighting.tEnd))
+      continue;
+    const auto& b = sighting.beacon;
+    auto same = std::find_if(visible.begin(), visible.end(), [&](const platform::Beacon& v) {
+      return v.major == b.major && v.minor == b.minor;
+    });
+    if (same == visible.end())
+      visible.push_back(b);
+    else if (b.accuracy > 0.0 && (same->accuracy <= 0.0 || b.accuracy < same->accuracy))
+      *same = b;  // a platform reports one estimate per beacon: the best one
   }
   return visible;
 }

@@ -13,9 +13,18 @@
 //
 // Timer tasks hold the manager's state weakly and the delegate is held weakly, so neither the
 // manager nor the client is kept alive by pending ticks; clearing the scheduler ends the chains.
+//
+// The device model changes only what a tick delivers and when: the first tick of a chain comes
+// after the fix delay instead of 1 s, the position gets its noise or outlier jump, and with
+// batching the fixes of several ticks travel in one callback. Random draws are keyed by the
+// seed and the tick's virtual time (counter-based), not taken from a running sequence, so a
+// fix's error does not depend on how many fixes came before it.
 #include "zonaris/sim/location_manager.hpp"
 
+#include <algorithm>
+#include <cmath>
 #include <map>
+#include <numbers>
 
 namespace zonaris::sim {
 
@@ -35,6 +44,8 @@ struct SimLocationManager::State {
   std::uint64_t locationGeneration = 0;
   std::optional<platform::Location> lastDelivered;
   std::uint64_t fixesDelivered = 0;
+  DeviceModel model;
+  std::vector<platform::Location> batch;  // fixes waiting to travel together
 
   struct Ranging {
     platform::BeaconRegion region;
@@ -46,21 +57,111 @@ struct SimLocationManager::State {
 
 namespace {
 
+using Lane = Scheduler::Lane;
+
 double secondsSinceStart(const Scheduler& scheduler) {
   return std::chrono::duration<double>(scheduler.elapsed()).count();
 }
 
+// SplitMix64: a small, well-mixed 64-bit generator; the same numbers on every platform.
+std::uint64_t mix(std::uint64_t x) {
+  x += 0x9E3779B97F4A7C15ull;
+  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
+  x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
+  return x ^ (x >> 31);
+}
+
+// Uniform numbers in [0, 1) for one fix, from the seed and the fix's virtual time.
+class FixRandom {
+ public:
+  FixRandom(std::uint64_t seed, platform::Duration elapsed)
+      : state_(mix(seed ^ mix(static_cast<std::uint64_t>(elapsed.count())))) {}
+  double uniform() {
+    state_ = mix(state_);
+    return static_cast<double>(state_ >> 11) * 0x1.0p-53;
+  }
+  // Box-Muller: one standard normal number.
+  double normal() {
+    const double u = 1.0 - uniform();  // (0, 1]
+    return std::sqrt(-2.0 * std::log(u)) * std::cos(2.0 * std::numbers::pi * uniform());
+  }
+
+ private:
+  std::uint64_t state_;
+};
+
+// Metres east and north of a fix, on the sphere the design's distances use.
+void displace(platform::Location& fix, double east, double north) {
+  constexpr double kEarthRadius = 6378137.0;
+  constexpr double kDegrees = 180.0 / std::numbers::pi;
+  fix.latitude = std::clamp(fix.latitude + north / kEarthRadius * kDegrees, -90.0, 90.0);
+  const double cosLat = std::max(std::cos(fix.latitude / kDegrees), 1e-9);
+  fix.longitude += east / (kEarthRadius * cosLat) * kDegrees;
+  fix.longitude = std::remainder(fix.longitude, 360.0);
+}
+
+// The radius around the true position that holds 68 % of 2-D Gaussian errors of unit standard
+// deviation per axis: sqrt(-2 ln 0.32).
+constexpr double kRadius68PerSigma = 1.5096;
+constexpr double kOutlierMin = 200.0, kOutlierMax = 800.0;  // metres
+
+// The fix the device makes of the true position at `elapsed`.
+void applyModel(const DeviceModel& model, platform::Duration elapsed, platform::Location& fix) {
+  if (model.noise <= 0.0 && model.outlierRate <= 0.0)
+    return;
+  FixRandom random(model.seed, elapsed);
+  if (model.outlierRate > 0.0 && random.uniform() < model.outlierRate) {
+    const double distance = kOutlierMin + (kOutlierMax - kOutlierMin) * random.uniform();
+    const double bearing = 2.0 * std::numbers::pi * random.uniform();
+    displace(fix, distance * std::sin(bearing), distance * std::cos(bearing));
+    return;  // and it claims the accuracy of a good fix
+  }
+  if (model.noise > 0.0) {
+    const double east = model.noise * random.normal();
+    const double north = model.noise * random.normal();
+    displace(fix, east, north);
+    fix.horizontalAccuracy = std::hypot(fix.horizontalAccuracy, kRadius68PerSigma * model.noise);
+  }
+}
+
 }  // namespace
+
+bool DeviceModel::ideal() const {
+  return fixDelay == std::chrono::seconds(1) && !staleFirst && noise <= 0.0 && outlierRate <= 0.0 &&
+         batch <= 1;
+}
 
 // Starts a new chain (the caller holds the state's mutex).
 void SimLocationManager::restartLocationChain(const std::shared_ptr<State>& state) {
   const auto generation = ++state->locationGeneration;
+  state->batch.clear();
   if (!state->updating)
     return;
   if (auto scheduler = state->scheduler.lock()) {
     std::weak_ptr<State> weak = state;
-    scheduler->postAfter(1s, [weak, generation] { locationTick(weak, generation); });
+    scheduler->postAfter(
+        state->model.fixDelay, [weak, generation] { locationTick(weak, generation); }, Lane::Main);
   }
+}
+
+void SimLocationManager::deliverStale(const std::weak_ptr<State>& weak) {
+  auto state = weak.lock();
+  if (!state)
+    return;
+  std::shared_ptr<platform::LocationManagerDelegate> delegate;
+  platform::Location stale;
+  {
+    std::lock_guard lock(state->mutex);
+    if (!state->updating || !state->lastDelivered)
+      return;
+    delegate = state->delegate.lock();
+    if (!delegate)
+      return;
+    stale = *state->lastDelivered;  // where it was, when it was
+    stale.horizontalAccuracy = std::max(stale.horizontalAccuracy, kStaleFixAccuracy);
+    ++state->fixesDelivered;
+  }
+  delegate->didUpdateLocations({stale});
 }
 
 void SimLocationManager::locationTick(const std::weak_ptr<State>& weak, std::uint64_t generation) {
@@ -68,7 +169,7 @@ void SimLocationManager::locationTick(const std::weak_ptr<State>& weak, std::uin
   if (!state)
     return;
   std::shared_ptr<platform::LocationManagerDelegate> delegate;
-  platform::Location fix;
+  std::vector<platform::Location> fixes;
   {
     std::lock_guard lock(state->mutex);
     if (generation != state->locationGeneration || !state->updating)
@@ -76,11 +177,14 @@ void SimLocationManager::locationTick(const std::weak_ptr<State>& weak, std::uin
     auto scheduler = state->scheduler.lock();
     if (!scheduler)
       return;
-    scheduler->postAfter(1s, [weak, generation] { locationTick(weak, generation); });
+    scheduler->postAfter(
+        1s, [weak, generation] { locationTick(weak, generation); }, Lane::Main);
     if (!state->trace || state->trace->points().empty())
       return;
-    fix = state->trace->at(secondsSinceStart(*scheduler));
+    const auto elapsed = scheduler->elapsed();
+    platform::Location fix = state->trace->at(secondsSinceStart(*scheduler));
     fix.timestamp = scheduler->now();
+    applyModel(state->model, elapsed, fix);
     const bool filtered = state->distanceFilter >= 0.0;
     if (filtered && state->lastDelivered &&
         !(fix.distanceFrom(*state->lastDelivered) > state->distanceFilter)) {
@@ -90,10 +194,14 @@ void SimLocationManager::locationTick(const std::weak_ptr<State>& weak, std::uin
     if (!delegate)
       return;
     state->lastDelivered = fix;
-    ++state->fixesDelivered;
+    state->batch.push_back(fix);
+    if (!filtered && static_cast<int>(state->batch.size()) < state->model.batch)
+      return;
+    fixes.swap(state->batch);
+    state->fixesDelivered += fixes.size();
   }
   // Called without the lock: the delegate changes the settings from inside the callback.
-  delegate->didUpdateLocations({fix});
+  delegate->didUpdateLocations(fixes);
 }
 
 void SimLocationManager::rangingTick(const std::weak_ptr<State>& weak,
@@ -114,7 +222,8 @@ void SimLocationManager::rangingTick(const std::weak_ptr<State>& weak,
     if (!scheduler)
       return;
     scheduler->postAfter(
-        1s, [weak, identifier, generation] { rangingTick(weak, identifier, generation); });
+        1s, [weak, identifier, generation] { rangingTick(weak, identifier, generation); },
+        Lane::Main);
     region = it->second.region;
     sightings = state->sightings;
     delegate = state->delegate.lock();
@@ -143,6 +252,12 @@ void SimLocationManager::setBeaconSightings(std::shared_ptr<const BeaconSighting
   state_->sightings = std::move(sightings);
 }
 
+void SimLocationManager::setDeviceModel(const DeviceModel& model) {
+  std::lock_guard lock(state_->mutex);
+  state_->model = model;
+  state_->model.batch = std::max(1, model.batch);
+}
+
 void SimLocationManager::setDelegate(std::weak_ptr<platform::LocationManagerDelegate> delegate) {
   std::lock_guard lock(state_->mutex);
   state_->delegate = std::move(delegate);
@@ -152,8 +267,15 @@ void SimLocationManager::setPausesLocationUpdatesAutomatically(bool) {}
 
 void SimLocationManager::setDesiredAccuracy(platform::Accuracy accuracy) {
   std::lock_guard lock(state_->mutex);
+  const bool sharpened = state_->accuracy == platform::Accuracy::ThreeKilometers &&
+                         accuracy == platform::Accuracy::BestForNavigation;
   state_->accuracy = accuracy;
   restartLocationChain(state_);
+  if (sharpened && state_->model.staleFirst && state_->updating && state_->lastDelivered) {
+    std::weak_ptr<State> weak = state_;
+    scheduler_->postAfter(
+        0s, [weak] { deliverStale(weak); }, Lane::Main);
+  }
 }
 
 void SimLocationManager::setDistanceFilter(double metres) {
@@ -190,9 +312,12 @@ void SimLocationManager::startRangingBeacons(const platform::BeaconRegion& regio
   const auto generation = ++state_->rangingGeneration;
   state_->ranged[region.identifier] = State::Ranging{region, generation};
   std::weak_ptr<State> weak = state_;
-  scheduler_->postAfter(1s, [weak, identifier = region.identifier, generation] {
-    rangingTick(weak, identifier, generation);
-  });
+  scheduler_->postAfter(
+      1s,
+      [weak, identifier = region.identifier, generation] {
+        rangingTick(weak, identifier, generation);
+      },
+      Lane::Main);
 }
 
 void SimLocationManager::stopRangingBeacons(const platform::BeaconRegion& region) {

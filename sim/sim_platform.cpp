@@ -6,6 +6,7 @@
 
 #include "zonaris/platform/curl_http.hpp"
 #include "zonaris/sim/location_manager.hpp"
+#include "zonaris/sim/network.hpp"
 
 namespace zonaris::sim {
 
@@ -46,7 +47,7 @@ void SimDispatcher::detach(platform::Task task) {
 }
 
 void SimDispatcher::mainAfter(platform::Duration delay, platform::Task task) {
-  scheduler_->postAfter(delay, std::move(task));
+  scheduler_->postAfter(delay, std::move(task), Scheduler::Lane::Main);
 }
 
 std::shared_ptr<platform::TickerHandle> SimDispatcher::startTicker(platform::Duration interval,
@@ -134,7 +135,8 @@ platform::TimePoint defaultStartTime() {
 
 Simulation::Simulation(SimulationOptions options)
     : options_(std::move(options)),
-      scheduler_(std::make_shared<Scheduler>(options_.start)),
+      scheduler_(options_.scheduler ? options_.scheduler
+                                    : std::make_shared<Scheduler>(options_.start)),
       dispatcher_(std::make_shared<SimDispatcher>(scheduler_)),
       clock_(std::make_shared<SimClock>(scheduler_)),
       logger_(std::make_shared<CapturingLogger>(options_.logSink)),
@@ -142,7 +144,10 @@ Simulation::Simulation(SimulationOptions options)
       http_(options_.http ? options_.http : platform::makeCurlHttpClient()),
       device_(std::make_shared<FixedDeviceInfo>(options_.systemVersion)),
       callStack_(std::make_shared<SimCallStack>()),
-      managers_(std::make_shared<Managers>()) {}
+      managers_(std::make_shared<Managers>()) {
+  if (options_.network.active())
+    http_ = std::make_shared<SimNetwork>(http_, scheduler_, options_.network);
+}
 
 Simulation::~Simulation() {
   scheduler_->clear();
@@ -155,8 +160,9 @@ platform::Platform Simulation::platform() const {
   auto managers = managers_;
   auto trace = options_.trace;
   auto beacons = options_.beacons;
-  p.makeLocationManager = [make, scheduler, managers, trace,
-                           beacons]() -> std::shared_ptr<platform::LocationManager> {
+  auto device = options_.device;
+  p.makeLocationManager = [make, scheduler, managers, trace, beacons,
+                           device]() -> std::shared_ptr<platform::LocationManager> {
     std::shared_ptr<platform::LocationManager> manager;
     if (make) {
       manager = make(scheduler);
@@ -164,6 +170,7 @@ platform::Platform Simulation::platform() const {
       auto sim = std::make_shared<SimLocationManager>(scheduler);
       sim->setTrace(trace);
       sim->setBeaconSightings(beacons);
+      sim->setDeviceModel(device);
       manager = std::move(sim);
     }
     std::lock_guard lock(managers->mutex);

@@ -23,7 +23,10 @@ class BeaconSightings {
   static BeaconSightings load(const std::string& path);
   static BeaconSightings parseCsv(std::string_view text, const std::string& name);
 
-  /// The beacons of region `uuid` (canonical text) visible at `secondsSinceStart`, in file order.
+  /// The beacons of region `uuid` (canonical text) visible at `secondsSinceStart`, one entry
+  /// per beacon (major and minor) in the order of its first row, as a platform reports a
+  /// ranging result: overlapping rows of one beacon merge into the sighting with the best
+  /// usable accuracy (the smallest positive one; the first row when none is positive).
   std::vector<platform::Beacon> at(double secondsSinceStart, const std::string& uuid) const;
   const std::vector<BeaconSighting>& sightings() const { return sightings_; }
 

@@ -14,6 +14,36 @@
 
 namespace zonaris::sim {
 
+/// How the simulated device's location service departs from the trace. The defaults are the
+/// ideal device: the exact trace position, one fix per callback, the first one 1 s after a
+/// setting. Everything random is drawn from `seed` and the virtual time of the fix, so the same
+/// seed gives the same fixes, whatever else the run does.
+struct DeviceModel {
+  std::uint64_t seed = 1;
+  /// From a setting (arming a sample is one) to the first fix; later fixes follow every 1 s.
+  platform::Duration fixDelay = std::chrono::seconds(1);
+  /// On switching from the coarse to the best accuracy, first deliver the last fix the service
+  /// had, with its old timestamp and a coarse accuracy (`kStaleFixAccuracy`), as real location
+  /// services do right after such a switch.
+  bool staleFirst = false;
+  /// Standard deviation, in metres, of a Gaussian error added to each fix along each of east
+  /// and north. The fix's horizontalAccuracy then says so: the trace's accuracy combined with
+  /// the radius that holds 68 % of such errors (1.51 × noise).
+  double noise = 0.0;
+  /// The share of fixes (0 to 1) thrown 200 to 800 m off in a random direction while keeping
+  /// the trace's good accuracy, as the jumps that users of location services report.
+  double outlierRate = 0.0;
+  /// With the best accuracy and no distance filter, fixes are delivered `batch` at a time in
+  /// one callback (oldest first), each still taken 1 s after the previous one.
+  int batch = 1;
+
+  bool ideal() const;
+};
+
+/// The accuracy a stale first fix claims: a Wi-Fi grade position, what a location service
+/// typically holds between precise fixes.
+inline constexpr double kStaleFixAccuracy = 65.0;
+
 /// The location service of the simulated platform. It replays a `Trace` in virtual time:
 /// after `startUpdatingLocation`, while the accuracy is best-for-navigation with no distance
 /// filter, it delivers the interpolated position 1 s after that setting and every 1 s after; in
@@ -26,8 +56,10 @@ namespace zonaris::sim {
 /// where the device is at the start). The first fix after `startUpdatingLocation` is delivered
 /// whatever the filter, as a real service reports where the device is when updates begin.
 /// Every accuracy or filter setting restarts the one-second rhythm. Ranging also delivers
-/// empty lists. The delegate is held weakly and pending ticks hold only the manager's state
-/// weakly: neither the client nor the manager is kept alive by them.
+/// empty lists; overlapping sightings of one beacon come as one entry (`BeaconSightings::at`).
+/// A `DeviceModel` makes the fixes realistic: later, stale, noisy, off, batched. The delegate is
+/// held weakly and pending ticks hold only the manager's state weakly: neither the client nor the
+/// manager is kept alive by them.
 class SimLocationManager final : public platform::LocationManager,
                                  public std::enable_shared_from_this<SimLocationManager> {
  public:
@@ -35,6 +67,8 @@ class SimLocationManager final : public platform::LocationManager,
 
   void setTrace(std::shared_ptr<const Trace> trace);
   void setBeaconSightings(std::shared_ptr<const BeaconSightings> sightings);
+  /// Takes effect from the next setting on.
+  void setDeviceModel(const DeviceModel& model);
 
   void setDelegate(std::weak_ptr<platform::LocationManagerDelegate> delegate) override;
   void setPausesLocationUpdatesAutomatically(bool pauses) override;
@@ -60,6 +94,7 @@ class SimLocationManager final : public platform::LocationManager,
   // Timer steps; they see only the state (held weakly by the tasks), never the manager.
   static void restartLocationChain(const std::shared_ptr<State>& state);
   static void locationTick(const std::weak_ptr<State>& weak, std::uint64_t generation);
+  static void deliverStale(const std::weak_ptr<State>& weak);
   static void rangingTick(const std::weak_ptr<State>& weak, const std::string& identifier,
                           std::uint64_t generation);
 

@@ -11,15 +11,16 @@
 
 #include "zonaris/platform/platform.hpp"
 #include "zonaris/sim/beacon_sightings.hpp"
+#include "zonaris/sim/location_manager.hpp"
+#include "zonaris/sim/network.hpp"
 #include "zonaris/sim/scheduler.hpp"
 #include "zonaris/sim/trace.hpp"
 
 namespace zonaris::sim {
 
-class SimLocationManager;
-
 /// The main queue, detached threads and tickers, all in virtual time.
 /// `detach` queues the task for the current instant: it runs after the task that posted it.
+/// `mainAfter` posts on the scheduler's main lane.
 class SimDispatcher final : public platform::Dispatcher {
  public:
   explicit SimDispatcher(std::shared_ptr<Scheduler> scheduler);
@@ -91,6 +92,8 @@ platform::TimePoint defaultStartTime();
 
 struct SimulationOptions {
   platform::TimePoint start = defaultStartTime();
+  /// The scheduler to run on. Default: a new one starting at `start`.
+  std::shared_ptr<Scheduler> scheduler;
   std::string systemVersion = "17.0";
   std::string baseUrl = "http://127.0.0.1:9";
   /// Default: libcurl.
@@ -106,6 +109,10 @@ struct SimulationOptions {
   /// sightings it ranges empty lists.
   std::shared_ptr<const Trace> trace;
   std::shared_ptr<const BeaconSightings> beacons;
+  /// How the default location service's fixes depart from the trace. Default: the ideal device.
+  DeviceModel device;
+  /// Latency and outages between the client and `http`. Default: none.
+  NetworkModel network;
 };
 
 /// A whole simulated platform around one scheduler. Destroying the simulation drops all queued
