@@ -7,7 +7,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <variant>
@@ -18,6 +20,7 @@
 #include "counting_http.hpp"
 #include "counting_location.hpp"
 #include "json_lines.hpp"
+#include "score.hpp"
 #include "sim_options.hpp"
 #include "zonaris-service/reference_service.hpp"
 #include "zonaris/platform/curl_http.hpp"
@@ -69,6 +72,7 @@ struct Inputs {
   platform::Duration until;
   std::shared_ptr<ZonarisTags> tags;
   std::optional<std::string> uuid;
+  std::vector<service_tool::Fence> scoreFences;  ///< with --score
 };
 
 std::variant<Inputs, UsageError> readInputs(const Options& o) {
@@ -107,7 +111,89 @@ std::variant<Inputs, UsageError> readInputs(const Options& o) {
     if (!in.uuid)
       return UsageError{"--uuid: not a UUID: " + *o.uuid};
   }
+  if (o.score && o.fences) {
+    std::string error;
+    auto fences = readScoreFences(*o.fences, error);
+    if (!fences)
+      return UsageError{error};
+    in.scoreFences = std::move(*fences);
+  }
   return in;
+}
+
+/// Hands every callback on to the JSON lines and keeps the confirmed events for the score.
+class EventRecorder final : public ZonarisDelegate {
+ public:
+  EventRecorder(JsonLinesWriter& writer, std::function<double()> elapsedSeconds)
+      : lines_(writer), elapsedSeconds_(std::move(elapsedSeconds)) {}
+
+  void updatedInitLocation(const platform::Location& l) override { lines_.updatedInitLocation(l); }
+  void updatedDistanceToNearestFence(double distance, bool inside) override {
+    lines_.updatedDistanceToNearestFence(distance, inside);
+  }
+  void updatedBeaconScan(bool scanning) override { lines_.updatedBeaconScan(scanning); }
+  void reportSent() override { lines_.reportSent(); }
+  void eventEnterCallback(const std::optional<std::string>& name) override {
+    record(name, "entry");
+    lines_.eventEnterCallback(name);
+  }
+  void eventExitCallback(const std::optional<std::string>& name) override {
+    record(name, "exit");
+    lines_.eventExitCallback(name);
+  }
+  void eventDwellCallback(const std::optional<std::string>& name) override {
+    record(name, "dwell");
+    lines_.eventDwellCallback(name);
+  }
+  void actionBasicCallback(std::shared_ptr<const ZonarisActionBasic> action) override {
+    lines_.actionBasicCallback(std::move(action));
+  }
+  void actionDataCallback(std::shared_ptr<const ZonarisActionData> action) override {
+    lines_.actionDataCallback(std::move(action));
+  }
+  void updatedSpeed(float speed) override { lines_.updatedSpeed(speed); }
+  void updatedAvgSpeed(float speed) override { lines_.updatedAvgSpeed(speed); }
+  void updatedInterval(std::int32_t seconds) override { lines_.updatedInterval(seconds); }
+  void updatedGPSAccuracy(float metres) override { lines_.updatedGPSAccuracy(metres); }
+
+  std::vector<FenceEvent> events() const {
+    std::lock_guard lock(mutex_);
+    return events_;
+  }
+
+ private:
+  void record(const std::optional<std::string>& name, const char* type) {
+    std::lock_guard lock(mutex_);
+    events_.push_back(FenceEvent{0, name.value_or(""), type, elapsedSeconds_()});
+  }
+
+  JsonLinesDelegate lines_;
+  std::function<double()> elapsedSeconds_;
+  mutable std::mutex mutex_;
+  std::vector<FenceEvent> events_;
+};
+
+/// The score of the run, written to the --score file. False when the file cannot be written.
+bool writeScore(const Options& o, const Inputs& in, const EventRecorder& recorder,
+                const CountingHttpClient& http, const CountingLocationManager* location,
+                nlohmann::ordered_json& score) {
+  ScoreInputs inputs;
+  inputs.trace = in.trace;
+  inputs.sightings = in.beacons;
+  inputs.fences = in.scoreFences;
+  inputs.seconds = std::chrono::duration<double>(in.until).count();
+  inputs.outages = o.network.outages;
+  RunRecord run;
+  run.confirmed = recorder.events();
+  run.fixesTaken = location ? location->fixesTaken() : 0;
+  const auto counts = http.counts();
+  for (std::size_t k = 0; k < kRequestKinds; ++k)
+    run.requests[k] = counts[k].sent;  // Exchange and RequestKind share their order
+  score = sim_tool::score(inputs, run);
+  std::ofstream out(*o.score, std::ios::binary | std::ios::trunc);
+  out << score.dump(2) << "\n";
+  out.close();
+  return static_cast<bool>(out);
 }
 
 std::string localTimeText(platform::TimePoint time) {
@@ -122,6 +208,7 @@ std::string localTimeText(platform::TimePoint time) {
 
 void printSummary(const Options& o, const Inputs& in, const JsonLinesWriter& writer,
                   const CountingHttpClient& http, const CountingLocationManager* location,
+                  const sim::SimNetwork* network, const nlohmann::ordered_json* score,
                   double wallSeconds) {
   auto calls = writer.callbackCounts();
   auto count = [&](const char* name) { return calls.count(name) ? calls[name] : 0; };
@@ -155,6 +242,15 @@ void printSummary(const Options& o, const Inputs& in, const JsonLinesWriter& wri
                       entries + exits + dwells, entries, exits, dwells);
   text +=
       fmt::format("  messages: {} delivered ({} basic, {} data)\n", basics + datas, basics, datas);
+  if (network)
+    text +=
+        fmt::format("  network:  {} exchange(s) turned away by an outage\n", network->refused());
+  if (score)
+    text += fmt::format(
+        "  score:    {} true events: {} matched, {} missed ({} visit(s) lost in an outage), {} "
+        "false; written to {}\n",
+        (*score)["truth"].size(), (*score)["matched"].size(), (*score)["missed"].size(),
+        (*score)["lost_visits"].get<int>(), (*score)["false"].size(), *o.score);
   std::fputs(text.c_str(), stderr);
 }
 
@@ -213,12 +309,22 @@ int run(const Options& o) {
   JsonLinesWriter writer(stdout, [virtualNow, start] {
     return std::chrono::duration<double>(virtualNow() - start).count();
   });
-  auto http = std::make_shared<CountingHttpClient>(platform::makeCurlHttpClient(), baseUrl);
+  // The requests are counted as the device makes them, before the simulated network.
+  auto simScheduler = std::make_shared<sim::Scheduler>(in.start);
+  std::shared_ptr<sim::SimNetwork> network;
+  std::shared_ptr<platform::HttpClient> transport = platform::makeCurlHttpClient();
+  if (o.network.active()) {
+    network = std::make_shared<sim::SimNetwork>(transport, simScheduler, o.network);
+    transport = network;
+  }
+  auto http = std::make_shared<CountingHttpClient>(transport, baseUrl);
   std::shared_ptr<CountingLocationManager> location;
+  std::shared_ptr<EventRecorder> recorder;
 
   {
     sim::SimulationOptions options;
     options.start = in.start;
+    options.scheduler = simScheduler;
     options.systemVersion = o.systemVersion;
     options.baseUrl = baseUrl;
     options.http = http;
@@ -226,10 +332,12 @@ int run(const Options& o) {
     options.logSink = [&writer](std::string_view line) { writer.logLine(line); };
     auto trace = in.trace;
     auto beacons = in.beacons;
-    options.makeLocationManager = [trace, beacons,
+    const auto device = o.device;
+    options.makeLocationManager = [trace, beacons, device,
                                    &location](const std::shared_ptr<sim::Scheduler>& s) {
       auto replay = std::make_shared<sim::SimLocationManager>(s);
       replay->setTrace(trace);
+      replay->setDeviceModel(device);
       if (beacons)
         replay->setBeaconSightings(beacons);
       location = std::make_shared<CountingLocationManager>(replay);
@@ -239,7 +347,9 @@ int run(const Options& o) {
     sim::Simulation simulation(std::move(options));
     scheduler->store(&simulation.scheduler());
 
-    auto delegate = std::make_shared<JsonLinesDelegate>(writer);
+    recorder = std::make_shared<EventRecorder>(writer, [virtualNow, start] {
+      return std::chrono::duration<double>(virtualNow() - start).count();
+    });
     auto client = Zonaris::initWithAppKey(o.appKey, simulation.platform());
     if (!client) {
       std::fputs("zonaris-sim: the simulated platform is incomplete\n", stderr);
@@ -252,7 +362,7 @@ int run(const Options& o) {
       client->setTags(in.tags);
     if (o.silence)
       client->setSilenceWindowStart(o.silence->first, o.silence->second);
-    client->setDelegate(delegate);
+    client->setDelegate(recorder);
     client->start();
 
     simulation.runUntil(in.start + in.until);
@@ -261,12 +371,19 @@ int run(const Options& o) {
     client.reset();
     scheduler->store(nullptr);
   }
+  simScheduler.reset();
   if (service)
     service->stop();
 
+  nlohmann::ordered_json score;
+  if (o.score && !writeScore(o, in, *recorder, *http, location.get(), score)) {
+    std::fprintf(stderr, "zonaris-sim: --score: cannot write %s\n", o.score->c_str());
+    return 1;
+  }
   const double wallSeconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
-  printSummary(o, in, writer, *http, location.get(), wallSeconds);
+  printSummary(o, in, writer, *http, location.get(), network.get(), o.score ? &score : nullptr,
+               wallSeconds);
   return 0;
 }
 

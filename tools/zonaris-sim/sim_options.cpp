@@ -62,6 +62,39 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
   app.add_option("--system-version", o.systemVersion, "the device's system version")
       ->capture_default_str();
 
+  // The device model and the network; none of them given: the ideal device and network.
+  std::uint64_t seed = o.device.seed;
+  double fixDelay = 1.0, noise = 0.0, outliers = 0.0, latency = 0.0;
+  int batch = 1;
+  std::vector<std::string> outages;
+  std::string outageKind = "unreachable", score;
+  app.add_option("--seed", seed, "seed of everything random (same seed, same output)")
+      ->capture_default_str();
+  app.add_option("--fix-delay", fixDelay, "seconds from arming a sample to the fix")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 3600.0));
+  app.add_flag("--stale-first", o.device.staleFirst,
+               "deliver the last cached fix (old time, coarse accuracy) before the real one");
+  app.add_option("--noise", noise, "Gaussian position noise, metres (standard deviation per axis)")
+      ->check(CLI::Range(0.0, 10000.0));
+  app.add_option("--outliers", outliers,
+                 "share of fixes (0 to 1) thrown 200-800 m off while claiming good accuracy")
+      ->check(CLI::Range(0.0, 1.0));
+  app.add_option("--batch", batch, "fixes delivered together in one callback while armed")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 3600));
+  app.add_option("--latency", latency,
+                 "milliseconds each exchange with the service takes (virtual time)")
+      ->check(CLI::Range(0.0, 600000.0));
+  app.add_option("--outage", outages,
+                 "START-END: seconds since the start during which the service is away "
+                 "(repeatable)");
+  app.add_option("--outage-kind", outageKind,
+                 "what an exchange meets in an outage: unreachable (no answer) or 503")
+      ->capture_default_str();
+  auto* scoreOpt = app.add_option(
+      "--score", score, "write the ground-truth score of the run to FILE (JSON; needs --fences)");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -96,6 +129,33 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
     o.start = start;
   if (untilOpt->count())
     o.until = until;
+
+  o.device.seed = seed;
+  o.device.fixDelay =
+      std::chrono::round<platform::Duration>(std::chrono::duration<double>(fixDelay));
+  o.device.noise = noise;
+  o.device.outlierRate = outliers;
+  o.device.batch = batch;
+  o.network.latency =
+      std::chrono::round<platform::Duration>(std::chrono::duration<double, std::milli>(latency));
+  for (const auto& text : outages) {
+    auto outage = sim::parseOutage(text);
+    if (!outage)
+      return EarlyExit{kUsageError,
+                       "zonaris-sim: --outage: not START-END in seconds, END after START: " + text};
+    o.network.outages.push_back(*outage);
+  }
+  auto kind = sim::parseOutageKind(outageKind);
+  if (!kind)
+    return EarlyExit{kUsageError,
+                     "zonaris-sim: --outage-kind: not \"unreachable\" or \"503\": " + outageKind};
+  o.network.outageKind = *kind;
+  if (scoreOpt->count()) {
+    if (!o.fences)
+      return EarlyExit{kUsageError,
+                       "zonaris-sim: --score needs --fences: the truth is computed from them"};
+    o.score = score;
+  }
   return o;
 }
 

@@ -1,9 +1,14 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
 #include <variant>
+#include <vector>
+
+#include "zonaris/sim/location_manager.hpp"
+#include "zonaris/sim/network.hpp"
 
 namespace zonaris::sim_tool {
 
@@ -22,6 +27,11 @@ struct Options {
   std::optional<std::string> start;
   std::optional<double> until;
   std::string systemVersion = "17.0";
+
+  // The device and the network (defaults: the ideal device, a network that takes no time).
+  sim::DeviceModel device;    ///< --seed, --fix-delay, --stale-first, --noise, --outliers, --batch
+  sim::NetworkModel network;  ///< --latency, --outage, --outage-kind
+  std::optional<std::string> score;  ///< --score FILE
 };
 
 /// What the command line asks for: a run, or an early exit with a status and a text (the help
@@ -31,6 +41,7 @@ struct EarlyExit {
   std::string text;
 };
 
+/// Reads a command line; never throws. Fit for fuzzing: it reads no file and starts nothing.
 std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv);
 
 /// Status of every error in the user's input: options, files, file contents.

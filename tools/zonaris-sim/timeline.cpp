@@ -1,13 +1,19 @@
 // zonaris-timeline: reads zonaris-sim's JSON lines on stdin and prints the confirmed events and
 // the delivered messages as a timeline with clock times.
-// Usage: zonaris-sim ... | zonaris-timeline [--start YYYY-MM-DDTHH:MM:SS]
+// Usage: zonaris-sim ... | zonaris-timeline [--start YYYY-MM-DDTHH:MM:SS] [--score FILE]
 // --start must be the simulation's start (default 2026-01-01T12:00:00, as zonaris-sim's).
+// --score takes the score zonaris-sim wrote for the same run (--score FILE): events the
+// application heard that never happened are marked "<- false", and the true events it never
+// heard appear at their true time as "MISSED" lines.
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -40,10 +46,49 @@ std::string field(const json& object, const char* key) {
   return it == object.end() ? "(null)" : text(*it);
 }
 
+// The score's "missed" and "false" lists.
+struct Marks {
+  bool given = false;
+  json missed = json::array();
+  json falseEvents = json::array();
+};
+
+bool readMarks(const std::string& path, Marks& marks) {
+  std::ifstream in(path, std::ios::binary);
+  const json score = json::parse(in, nullptr, false);
+  if (!in.is_open() || score.is_discarded() || !score.is_object())
+    return false;
+  marks.given = true;
+  for (auto [key, list] : {std::pair{"missed", &marks.missed}, {"false", &marks.falseEvents}}) {
+    auto it = score.find(key);
+    if (it != score.end() && it->is_array())
+      *list = *it;
+  }
+  return true;
+}
+
+double number(const json& object, const char* key) {
+  auto it = object.find(key);
+  return it != object.end() && it->is_number() ? it->get<double>() : -1.0;
+}
+
+// Takes the first false event of this fence, type and time out of the list.
+bool takeFalse(Marks& marks, const std::string& fence, const char* type, double t) {
+  for (auto it = marks.falseEvents.begin(); it != marks.falseEvents.end(); ++it) {
+    if (it->is_object() && field(*it, "fence") == fence && field(*it, "type") == type &&
+        std::abs(number(*it, "t") - t) < 0.0005) {
+      marks.falseEvents.erase(it);
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   auto start = zonaris::sim::defaultStartTime();
+  Marks marks;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--start" && i + 1 < argc) {
@@ -53,13 +98,19 @@ int main(int argc, char** argv) {
         return 2;
       }
       start = *parsed;
+    } else if (arg == "--score" && i + 1 < argc) {
+      if (!readMarks(argv[++i], marks)) {
+        std::fprintf(stderr, "zonaris-timeline: --score: not a score file: %s\n", argv[i]);
+        return 2;
+      }
     } else {
       std::fprintf(stderr, "zonaris-timeline: unknown argument: %s\n", arg.c_str());
       return 2;
     }
   }
 
-  int events = 0, messages = 0;
+  int events = 0, messages = 0, falseCount = 0;
+  std::vector<std::pair<double, std::string>> rows;  // in the order of the run
   std::string line;
   while (std::getline(std::cin, line)) {
     const json object = json::parse(line, nullptr, false);
@@ -96,12 +147,37 @@ int main(int argc, char** argv) {
           first.is_object() && first.contains("values") ? text(first["values"]) : text(first));
     else
       continue;
-    if (callback.rfind("event", 0) == 0)
+    if (callback.rfind("event", 0) == 0) {
       ++events;
-    else
+      const char* type = callback == "eventEnterCallback"  ? "entry"
+                         : callback == "eventExitCallback" ? "exit"
+                                                           : "dwell";
+      if (marks.given && takeFalse(marks, text(first), type, t->get<double>())) {
+        out += "   <- false";
+        ++falseCount;
+      }
+    } else {
       ++messages;
-    std::puts(out.c_str());
+    }
+    rows.emplace_back(t->get<double>(), std::move(out));
   }
+  // Missed events go in at their true time, after what the application heard at that time.
+  for (const auto& missed : marks.missed) {
+    if (!missed.is_object())
+      continue;
+    const double t = number(missed, "true_t");
+    const auto at = std::upper_bound(rows.begin(), rows.end(), t,
+                                     [](double v, const auto& row) { return v < row.first; });
+    const auto flag = missed.find("in_outage");
+    const bool outage = flag != missed.end() && flag->is_boolean() && flag->get<bool>();
+    rows.insert(
+        at, {t, fmt::format("{}  MISSED      {} {}{}", clockText(start, t), field(missed, "type"),
+                            field(missed, "fence"), outage ? " (service away)" : "")});
+  }
+  for (const auto& [t, row] : rows)
+    std::puts(row.c_str());
   std::printf("%d event(s), %d message callback(s)\n", events, messages);
+  if (marks.given)
+    std::printf("%zu missed, %d false\n", marks.missed.size(), falseCount);
   return 0;
 }
