@@ -43,6 +43,9 @@ struct SimLocationManager::State {
   double distanceFilter = platform::kDistanceFilterNone;
   std::uint64_t locationGeneration = 0;
   std::optional<platform::Location> lastDelivered;
+  // The last position the satellite receiver worked out, delivered or not: what a stale first
+  // fix repeats.
+  std::optional<platform::Location> lastKnown;
   std::uint64_t fixesDelivered = 0;
   DeviceModel model;
   std::vector<platform::Location> batch;  // fixes waiting to travel together
@@ -152,16 +155,33 @@ void SimLocationManager::deliverStale(const std::weak_ptr<State>& weak) {
   platform::Location stale;
   {
     std::lock_guard lock(state->mutex);
-    if (!state->updating || !state->lastDelivered)
+    if (!state->updating || !state->lastKnown)
       return;
     delegate = state->delegate.lock();
     if (!delegate)
       return;
-    stale = *state->lastDelivered;  // where it was, when it was
+    stale = *state->lastKnown;  // where it was, when it was
     stale.horizontalAccuracy = std::max(stale.horizontalAccuracy, kStaleFixAccuracy);
     ++state->fixesDelivered;
   }
   delegate->didUpdateLocations({stale});
+}
+
+// The receiver, woken by a switch to the best accuracy, finishes its fix one fix delay later even
+// when the application has gone back to the coarse setting meanwhile: the platform keeps it as
+// its last known position without delivering it.
+void SimLocationManager::finishFix(const std::weak_ptr<State>& weak) {
+  auto state = weak.lock();
+  if (!state)
+    return;
+  std::lock_guard lock(state->mutex);
+  auto scheduler = state->scheduler.lock();
+  if (!scheduler || !state->updating || !state->trace || state->trace->points().empty())
+    return;
+  platform::Location fix = state->trace->at(secondsSinceStart(*scheduler));
+  fix.timestamp = scheduler->now();
+  applyModel(state->model, scheduler->elapsed(), fix);
+  state->lastKnown = fix;
 }
 
 void SimLocationManager::locationTick(const std::weak_ptr<State>& weak, std::uint64_t generation) {
@@ -185,6 +205,8 @@ void SimLocationManager::locationTick(const std::weak_ptr<State>& weak, std::uin
     platform::Location fix = state->trace->at(secondsSinceStart(*scheduler));
     fix.timestamp = scheduler->now();
     applyModel(state->model, elapsed, fix);
+    if (state->accuracy == platform::Accuracy::BestForNavigation)
+      state->lastKnown = fix;
     const bool filtered = state->distanceFilter >= 0.0;
     if (filtered && state->lastDelivered &&
         !(fix.distanceFrom(*state->lastDelivered) > state->distanceFilter)) {
@@ -271,10 +293,13 @@ void SimLocationManager::setDesiredAccuracy(platform::Accuracy accuracy) {
                          accuracy == platform::Accuracy::BestForNavigation;
   state_->accuracy = accuracy;
   restartLocationChain(state_);
-  if (sharpened && state_->model.staleFirst && state_->updating && state_->lastDelivered) {
+  if (sharpened && state_->model.staleFirst && state_->updating) {
     std::weak_ptr<State> weak = state_;
+    if (state_->lastKnown)
+      scheduler_->postAfter(
+          0s, [weak] { deliverStale(weak); }, Lane::Main);
     scheduler_->postAfter(
-        0s, [weak] { deliverStale(weak); }, Lane::Main);
+        state_->model.fixDelay, [weak] { finishFix(weak); }, Lane::Main);
   }
 }
 
@@ -295,6 +320,7 @@ void SimLocationManager::startUpdatingLocation() {
     return;
   state_->updating = true;
   state_->lastDelivered.reset();
+  state_->lastKnown.reset();
   restartLocationChain(state_);
 }
 

@@ -110,17 +110,20 @@ ordered_json figures(const ScoreInputs& inputs, const std::vector<FenceEvent>& t
   std::map<std::string, std::vector<double>> latencies;
   for (std::size_t c = 0; c < run.confirmed.size(); ++c) {
     const auto& e = run.confirmed[c];
-    // The latest one at or before it, else the earliest one just after it.
+    // The latest true event at or before it, unless that one was heard already (then this is
+    // a repeat); else the earliest one just after it.
     int best = -1, early = -1;
     for (std::size_t i = 0; i < truth.size(); ++i) {
       const auto& t = truth[i];
-      if (matchOf[i] >= 0 || t.id != e.id || t.type != e.type)
+      if (t.id != e.id || t.type != e.type)
         continue;
       if (t.t <= e.t)
         best = static_cast<int>(i);  // truth is in time order
-      else if (early < 0 && t.t <= e.t + kEarlyTolerance)
+      else if (early < 0 && matchOf[i] < 0 && t.t <= e.t + kEarlyTolerance)
         early = static_cast<int>(i);
     }
+    if (best >= 0 && matchOf[static_cast<std::size_t>(best)] >= 0)
+      best = -1;
     if (best < 0)
       best = early;
     if (best < 0) {

@@ -60,9 +60,10 @@ std::vector<FenceEvent> groundTruth(const ScoreInputs& inputs);
 /// No latency, no outage. It is the yardstick a sampling policy is measured against.
 RunRecord fixedRateBaseline(const ScoreInputs& inputs, double interval);
 
-/// A confirmed event matches the latest unmatched true event of the same fence and type at or
-/// before it (or up to `kEarlyTolerance` after it, since a noisy fix can cross early); what
-/// is left over on either side is missed or false.
+/// A confirmed event matches the latest true event of the same fence and type at or before it,
+/// unless that one was matched already (a repeat is false); failing that, an unmatched one up
+/// to `kEarlyTolerance` after it, since a noisy fix can cross early. What is left over on either
+/// side is missed or false.
 inline constexpr double kEarlyTolerance = 30.0;
 
 /// The score of a run as JSON: "truth", "matched", "missed", "false", "latency" (per type:

@@ -24,7 +24,9 @@ struct DeviceModel {
   platform::Duration fixDelay = std::chrono::seconds(1);
   /// On switching from the coarse to the best accuracy, first deliver the last fix the service
   /// had, with its old timestamp and a coarse accuracy (`kStaleFixAccuracy`), as real location
-  /// services do right after such a switch.
+  /// services do right after such a switch. The last fix it had is the last one its receiver
+  /// worked out: a receiver woken by such a switch finishes its fix a fix delay later even when
+  /// the setting went back to coarse meanwhile, and keeps it without delivering it.
   bool staleFirst = false;
   /// Standard deviation, in metres, of a Gaussian error added to each fix along each of east
   /// and north. The fix's horizontalAccuracy then says so: the trace's accuracy combined with
@@ -95,6 +97,7 @@ class SimLocationManager final : public platform::LocationManager,
   static void restartLocationChain(const std::shared_ptr<State>& state);
   static void locationTick(const std::weak_ptr<State>& weak, std::uint64_t generation);
   static void deliverStale(const std::weak_ptr<State>& weak);
+  static void finishFix(const std::weak_ptr<State>& weak);
   static void rangingTick(const std::weak_ptr<State>& weak, const std::string& identifier,
                           std::uint64_t generation);
 
