@@ -48,12 +48,21 @@ class ZonarisFence {
   Text name() const { return read(name_); }
   void setName(Text value) { write(name_, std::move(value)); }
   Text type() const { return read(type_); }
-  void setType(Text value) { write(type_, std::move(value)); }
+  void setType(Text value) {
+    write(type_, std::move(value));
+    shapeRevision_.fetch_add(1);
+  }
   /// The geometry as WKT text.
   Text location() const { return read(location_); }
-  void setLocation(Text value) { write(location_, std::move(value)); }
+  void setLocation(Text value) {
+    write(location_, std::move(value));
+    shapeRevision_.fetch_add(1);
+  }
   float radius() const { return radius_.load(); }
-  void setRadius(float value) { radius_.store(value); }
+  void setRadius(float value) {
+    radius_.store(value);
+    shapeRevision_.fetch_add(1);
+  }
   Text uuid() const { return read(uuid_); }
   void setUuid(Text value) { write(uuid_, std::move(value)); }
   std::int32_t major() const { return major_.load(); }
@@ -78,6 +87,10 @@ class ZonarisFence {
   void setDwelled(bool value) { dwelled_.store(value); }
   std::int32_t dwell_time() const { return dwell_time_.load(); }
   void setDwell_time(std::int32_t value) { dwell_time_.store(value); }
+  /// Counts the changes of `location`, `type` and `radius`, which decide how far the fence is.
+  /// The catalogue's geometry cache keeps the count it was built with and measures a fence
+  /// whose count has moved on from its text again, so such a change is never missed.
+  std::uint32_t shapeRevision() const { return shapeRevision_.load(); }
 
  private:
   Text read(const Text& field) const {
@@ -100,6 +113,8 @@ class ZonarisFence {
   std::atomic<std::int32_t> minor_{-1};
   Text time_zone_{""};
   std::shared_ptr<const DwellList> dwell_events_ = std::make_shared<const DwellList>();
+  // Next to `entered_`: a pass that skips a fence reads both.
+  std::atomic<std::uint32_t> shapeRevision_{0};
   std::atomic<bool> entered_{false};
   std::atomic<bool> dwelled_{false};
   std::atomic<std::int32_t> dwell_time_{0};

@@ -11,6 +11,7 @@
 
 #include <fmt/format.h>
 
+#include "fences/fence_pass.hpp"
 #include "fences/geometry.hpp"
 #include "zonaris/zonaris.hpp"
 
@@ -18,16 +19,29 @@ namespace zonaris {
 
 namespace {
 
-constexpr double kBeaconAdjustment = -70.0;
-constexpr double kBeaconNearMetres = 150.0;
-
 const char* orNull(const std::optional<std::string>& text) {
   return text ? text->c_str() : "(null)";
 }
 
-bool isType(const std::optional<std::string>& type, const char* wanted) {
-  return type && *type == wanted;
-}
+// The client as the fence walk sees it.
+class ClientHost final : public fences::PassHost {
+ public:
+  explicit ClientHost(Zonaris& client) : client_(client) {}
+  double calculateDistance(const std::string& fenceWkt, const std::string& pointWkt) override {
+    return client_.calculateDistanceFrom(fenceWkt, pointWkt);
+  }
+  bool devMode() override { return client_.mDevMode(); }
+  void distanceLine(const ZonarisFence& fence, double adjusted) override {
+    // Checked again as the client's developer log does.
+    if (client_.mDevMode())
+      client_.platform().logger->log(
+          fmt::format("Distance to {} zone = {:f}", orNull(fence.name()), adjusted));
+  }
+  bool resetFences() override { return client_.mResetFences(); }
+
+ private:
+  Zonaris& client_;
+};
 
 }  // namespace
 
@@ -53,42 +67,15 @@ void Zonaris::handleFences() {
   const LocationPtr here = mCurrentLocation();
   const std::string point = here ? fences::devicePointWkt(here->longitude, here->latitude) : "";
 
-  bool report = false;
-  bool anyInside = false;
-  bool nearBeacon = false;
-  double minimum = kNoDistance;
-  for (const auto& fence : *fences) {
-    // A fence without geometry text is unreadable like any malformed one: the empty text
-    // yields the "geometry1" report and the largest distance.
-    const std::optional<std::string> type = fence->type();
-    double d = calculateDistanceFrom(fence->location().value_or(""), point);
-    if (isType(type, "point")) {
-      d = d - static_cast<double>(fence->radius());
-    } else if (isType(type, "beacon")) {
-      if (d < kBeaconNearMetres)
-        nearBeacon = true;
-      d = d + kBeaconAdjustment;
-    }
-    if (mDevMode())
-      devLog(fmt::format("Distance to {} zone = {:f}", orNull(fence->name()), d));
+  // The catalogue's geometry cache, when the download attached one, lets the walk measure
+  // only the fences whose decision can matter; the outcome is the same either way.
+  ClientHost host(*this);
+  const fences::PassResult pass =
+      fences::evaluateFences(*fences, fences::cacheOf(fences), point, host);
+  const bool anyInside = pass.anyInside;
+  const bool nearBeacon = pass.nearBeacon;
 
-    if (d <= 0.0) {
-      if (mResetFences() && !isType(type, "beacon"))
-        fence->setEntered(true);
-      if (!fence->entered())
-        report = true;
-      if (fence->dwelled())
-        report = true;
-      anyInside = true;
-      d = std::fabs(d);
-    } else if (fence->entered()) {
-      report = true;
-    }
-    if (d < minimum)
-      minimum = d;
-  }
-
-  mMinDist_.store(minimum);
+  mMinDist_.store(pass.minimum);
   const double nearest = mMinDist_.load();
   notifyDelegate(ZonarisCallback::updatedDistanceToNearestFence,
                  [&](ZonarisDelegate& d) { d.updatedDistanceToNearestFence(nearest, anyInside); });
@@ -101,7 +88,7 @@ void Zonaris::handleFences() {
   notifyDelegate(ZonarisCallback::updatedBeaconScan,
                  [&](ZonarisDelegate& d) { d.updatedBeaconScan(nearBeacon); });
 
-  if (report || mResetFences())
+  if (pass.report || mResetFences())
     sendObservation();
   calculateIntervalAndAccuracy();
 }

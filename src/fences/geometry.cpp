@@ -1,6 +1,8 @@
 // Fence geometry distance: WKT in, haversine metres out, through GEOS's reentrant C API.
 #include "fences/geometry.hpp"
 
+#include "fences/geos_support.hpp"
+
 #include <geos_c.h>
 
 #include <cmath>
@@ -12,61 +14,17 @@
 
 namespace zonaris::fences {
 
+namespace geos {
+
 namespace {
 
 // Fence text comes from the service and is untrusted. GEOS 3.11 reads nested collections
-// recursively with no limit of its own, so both the size and the parenthesis depth are bounded
-// before the reader sees the text. The deepest shape a fence needs is a collection of
-// multipolygons (four levels); 32 leaves ample room.
-constexpr std::size_t kMaxWktBytes = std::size_t{1} << 20;
+// recursively with no limit of its own, so the parenthesis depth is bounded before the reader
+// sees the text: the deepest shape a fence needs is a collection of multipolygons (four
+// levels), and 32 leaves ample room. The size is bounded only by what a response may carry at
+// all (the HTTP body cap), so a genuine boundary of 100,000 vertices is still measured.
+constexpr std::size_t kMaxWktBytes = std::size_t{16} << 20;
 constexpr int kMaxWktNesting = 32;
-
-// One GEOS context of our own for one measurement. GEOS reports errors and notices through
-// the handlers; they only record the last message (nothing may throw through GEOS's C frames).
-class Context {
- public:
-  Context() : handle_(GEOS_init_r()) {
-    if (handle_ == nullptr)
-      return;
-    GEOSContext_setErrorMessageHandler_r(handle_, &Context::record, &lastError_);
-    GEOSContext_setNoticeMessageHandler_r(handle_, &Context::record, &lastNotice_);
-  }
-  ~Context() {
-    if (handle_ != nullptr)
-      GEOS_finish_r(handle_);
-  }
-  Context(const Context&) = delete;
-  Context& operator=(const Context&) = delete;
-
-  GEOSContextHandle_t get() const { return handle_; }
-  const std::string& lastError() const { return lastError_; }
-
- private:
-  static void record(const char* message, void* userdata) {
-    auto* slot = static_cast<std::string*>(userdata);
-    try {
-      slot->assign(message != nullptr ? message : "");
-    } catch (...) {
-      // Out of memory while keeping a diagnostic: keep none rather than unwind through GEOS.
-    }
-  }
-
-  GEOSContextHandle_t handle_;
-  std::string lastError_;
-  std::string lastNotice_;
-};
-
-// The one place where GEOS objects are released: an overload per GEOS type, bound to the
-// context that made the object. Objects must die before their context.
-struct Release {
-  GEOSContextHandle_t context;
-  void operator()(GEOSGeometry* geometry) const { GEOSGeom_destroy_r(context, geometry); }
-  void operator()(GEOSCoordSequence* sequence) const { GEOSCoordSeq_destroy_r(context, sequence); }
-  void operator()(GEOSWKTReader* reader) const { GEOSWKTReader_destroy_r(context, reader); }
-};
-using GeomPtr = std::unique_ptr<GEOSGeometry, Release>;
-using CoordSeqPtr = std::unique_ptr<GEOSCoordSequence, Release>;
-using ReaderPtr = std::unique_ptr<GEOSWKTReader, Release>;
 
 // Size and nesting within bounds. The reader still judges the grammar.
 bool withinBounds(std::string_view text) {
@@ -139,7 +97,34 @@ bool finiteCoordinates(GEOSContextHandle_t ctx, const GEOSGeometry* geometry) {
   }
 }
 
-// Reads one WKT text into a non-empty geometry with finite coordinates, or null.
+}  // namespace
+
+Context::Context() : handle_(GEOS_init_r()) {
+  if (handle_ == nullptr)
+    return;
+  GEOSContext_setErrorMessageHandler_r(handle_, &Context::record, &lastError_);
+  GEOSContext_setNoticeMessageHandler_r(handle_, &Context::record, &lastNotice_);
+}
+
+Context::~Context() {
+  if (handle_ != nullptr)
+    GEOS_finish_r(handle_);
+}
+
+void Context::record(const char* message, void* userdata) {
+  auto* slot = static_cast<std::string*>(userdata);
+  try {
+    slot->assign(message != nullptr ? message : "");
+  } catch (...) {
+    // Out of memory while keeping a diagnostic: keep none rather than unwind through GEOS.
+  }
+}
+
+Context& threadContext() {
+  static thread_local Context context;
+  return context;
+}
+
 GeomPtr readGeometry(const Context& context, const GEOSWKTReader* reader, std::string_view text,
                      std::string& why) {
   GEOSContextHandle_t ctx = context.get();
@@ -171,7 +156,44 @@ GeomPtr readGeometry(const Context& context, const GEOSWKTReader* reader, std::s
   return geometry;
 }
 
-}  // namespace
+std::optional<DevicePoint> readDevicePoint(const Context& context, const GEOSWKTReader* reader,
+                                           std::string_view text, std::string& why) {
+  GEOSContextHandle_t ctx = context.get();
+  DevicePoint device{readGeometry(context, reader, text, why)};
+  if (!device.geometry)
+    return std::nullopt;
+  // The device's own X and Y are read directly, so it must be a point.
+  if (GEOSGeomTypeId_r(ctx, device.geometry.get()) != GEOS_POINT) {
+    why = "not a point";
+    return std::nullopt;
+  }
+  if (GEOSGeomGetX_r(ctx, device.geometry.get(), &device.longitude) == 0 ||
+      GEOSGeomGetY_r(ctx, device.geometry.get(), &device.latitude) == 0) {
+    why = "point without coordinates";
+    return std::nullopt;
+  }
+  return device;
+}
+
+std::optional<double> nearestDistance(const Context& context, const GEOSGeometry* fence,
+                                      const DevicePoint& device) {
+  GEOSContextHandle_t ctx = context.get();
+  // GEOS 3.11's nearest-points operation takes three arguments and has no way to say that the
+  // point lies inside the geometry. The flag stays here, cleared before the call and tested
+  // after it, so that a geometry layer which does report "inside" yields a negative distance
+  // (the depth) through this same path; with this GEOS it stays 0 and distances are >= 0.
+  char inside = 0;
+  const CoordSeqPtr nearest(GEOSNearestPoints_r(ctx, fence, device.geometry.get()), Release{ctx});
+  double lon1 = 0.0;
+  double lat1 = 0.0;
+  if (!nearest || GEOSCoordSeq_getX_r(ctx, nearest.get(), 0, &lon1) == 0 ||
+      GEOSCoordSeq_getY_r(ctx, nearest.get(), 0, &lat1) == 0)
+    return std::nullopt;
+  const double d = haversineMetres(lon1, lat1, device.longitude, device.latitude);
+  return inside != 0 ? -d : d;
+}
+
+}  // namespace geos
 
 double haversineMetres(double lon1, double lat1, double lon2, double lat2) {
   // The order of operations is part of the result: distances are compared with the service's
@@ -194,13 +216,14 @@ std::string devicePointWkt(double longitude, double latitude) {
 
 GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view pointWkt) {
   GeometryDistance result;
-  const Context context;
+  geos::Context& context = geos::threadContext();
   GEOSContextHandle_t ctx = context.get();
   if (ctx == nullptr) {
     result.diagnostic = "no GEOS context";
     return result;
   }
-  ReaderPtr reader(GEOSWKTReader_create_r(ctx), Release{ctx});
+  context.clearMessages();
+  const geos::ReaderPtr reader(GEOSWKTReader_create_r(ctx), geos::Release{ctx});
   if (!reader) {
     result.diagnostic = "no WKT reader";
     return result;
@@ -208,40 +231,19 @@ GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view 
 
   std::string fenceWhy;
   std::string pointWhy;
-  const GeomPtr fence = readGeometry(context, reader.get(), fenceWkt, fenceWhy);
-  GeomPtr point = readGeometry(context, reader.get(), pointWkt, pointWhy);
-  if (point && GEOSGeomTypeId_r(ctx, point.get()) != GEOS_POINT) {
-    pointWhy = "not a point";  // the device's own X and Y are read directly below
-    point.reset();
-  }
+  const geos::GeomPtr fence = geos::readGeometry(context, reader.get(), fenceWkt, fenceWhy);
+  const auto point = geos::readDevicePoint(context, reader.get(), pointWkt, pointWhy);
   result.fenceReadable = static_cast<bool>(fence);
-  result.pointReadable = static_cast<bool>(point);
+  result.pointReadable = point.has_value();
   if (!fence || !point) {
     result.diagnostic = !fence ? "fence: " + fenceWhy : "point: " + pointWhy;
     return result;
   }
-
-  // GEOS 3.11's nearest-points operation takes three arguments and has no way to say that the
-  // point lies inside the geometry. The flag stays here, cleared before the call and tested
-  // after it, so that a geometry layer which does report "inside" yields a negative distance
-  // (the depth) through this same path; with this GEOS it stays 0 and distances are >= 0.
-  char inside = 0;
-  const CoordSeqPtr nearest(GEOSNearestPoints_r(ctx, fence.get(), point.get()), Release{ctx});
-  double lon1 = 0.0;
-  double lat1 = 0.0;
-  double lon2 = 0.0;
-  double lat2 = 0.0;
-  if (!nearest || GEOSCoordSeq_getX_r(ctx, nearest.get(), 0, &lon1) == 0 ||
-      GEOSCoordSeq_getY_r(ctx, nearest.get(), 0, &lat1) == 0 ||
-      GEOSGeomGetX_r(ctx, point.get(), &lon2) == 0 ||
-      GEOSGeomGetY_r(ctx, point.get(), &lat2) == 0) {
+  result.metres = geos::nearestDistance(context, fence.get(), *point);
+  if (!result.metres) {
     // Both geometries were read but GEOS could not measure them; no distance, no report.
     result.diagnostic = context.lastError().empty() ? "nearest points failed" : context.lastError();
-    return result;
   }
-
-  const double d = haversineMetres(lon1, lat1, lon2, lat2);
-  result.metres = inside != 0 ? -d : d;
   return result;
 }
 

@@ -24,11 +24,11 @@ struct GeometryDistance {
   std::string diagnostic;
 };
 
-/// Reads both WKT texts through GEOS (reentrant API, a context of its own per call, every
-/// handle released) and measures as above. Never throws; text that is empty, malformed,
-/// enormous (over 1 MiB), too deeply nested (over 32 open parentheses), an empty geometry or
-/// one with non-finite coordinates counts as unreadable, and so does a device text that is not
-/// a point. Safe to call from any number of threads at once.
+/// Reads both WKT texts through GEOS (reentrant API, the calling thread's own context, every
+/// handle released) and measures as above. Never throws; text that is empty, malformed, larger
+/// than a response may be (16 MiB), too deeply nested (over 32 open parentheses), an empty
+/// geometry or one with non-finite coordinates counts as unreadable, and so does a device text
+/// that is not a point. Safe to call from any number of threads at once.
 GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view pointWkt);
 
 }  // namespace zonaris::fences

@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "fences/fence_cache.hpp"
 #include "service/request.hpp"
 #include "zonaris/zonaris.hpp"
 
@@ -118,7 +119,9 @@ void Zonaris::getFences() {
       fences.push_back(std::move(fence));
     }
   }
-  setMFences(std::make_shared<const FenceList>(std::move(fences)));
+  // Each fence's geometry is read here, once per download, into a cache that belongs to this
+  // snapshot and that every pass over it shares.
+  setMFences(fences::withGeometryCache(std::move(fences)));
   setMResetFences(true);
   startDwellTimer();
   updateLocation();

@@ -1,0 +1,287 @@
+// The geometry cache of a catalogue snapshot and its envelope index.
+//
+// Why skipping is exact: a pass keeps, per fence, the adjusted distance (or the depth when
+// inside) and takes the minimum. For a fence whose envelope is at least L metres from the
+// device, every point of the fence is too, so its raw distance d >= L; its adjusted distance is
+// then at least L - reach, where reach is what the type takes off (the radius of a point fence,
+// 70 m for a beacon, which also needs d >= 150 m, hence a reach of 150 m). A fence whose bound
+// L - reach is above 0 is outside, and when the bound is also no less than the smallest
+// distance already measured it cannot lower the minimum either. Subtraction and comparison
+// keep their order under rounding, so the same holds for the computed values. Such a fence
+// only contributes its `entered` flag, which the pass still reads.
+#include "fences/fence_cache.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <queue>
+#include <utility>
+
+#include "fences/geometry.hpp"
+
+namespace zonaris::fences {
+
+namespace {
+
+constexpr double kNoDistance = std::numeric_limits<double>::max();
+constexpr double kDegreesToRadians = 0.017453292519943295;
+constexpr double kSphereRadius = 6378137.0;
+constexpr double kBeaconAdjustment = -70.0;
+constexpr double kBeaconReach = 150.0;
+// Longitudes this far out are legal WKT but not worth bounding; such fences are measured.
+constexpr double kMaxIndexedLongitude = 1.0e6;
+constexpr std::size_t kFanout = 16;
+
+bool indexableLatitude(double lat) {
+  return lat >= -90.0 && lat <= 90.0;
+}
+bool indexableLongitude(double lon) {
+  return lon >= -kMaxIndexedLongitude && lon <= kMaxIndexedLongitude;
+}
+
+// Orders boxes for packing, sort-tile-recursive: vertical slices by centre X, each slice by
+// centre Y, so that consecutive runs of `kFanout` make compact parents.
+template <typename T>
+void strOrder(std::vector<T>& items) {
+  auto cx = [](const T& t) { return t.box.xmin + (t.box.xmax - t.box.xmin) * 0.5; };
+  auto cy = [](const T& t) { return t.box.ymin + (t.box.ymax - t.box.ymin) * 0.5; };
+  std::sort(items.begin(), items.end(), [&](const T& a, const T& b) { return cx(a) < cx(b); });
+  const std::size_t parents = (items.size() + kFanout - 1) / kFanout;
+  const auto slices = static_cast<std::size_t>(std::ceil(std::sqrt(static_cast<double>(parents))));
+  const std::size_t perSlice = std::max<std::size_t>(1, slices) * kFanout;
+  for (std::size_t at = 0; at < items.size(); at += perSlice) {
+    auto end = items.begin() + static_cast<std::ptrdiff_t>(std::min(items.size(), at + perSlice));
+    std::sort(items.begin() + static_cast<std::ptrdiff_t>(at), end,
+              [&](const T& a, const T& b) { return cy(a) < cy(b); });
+  }
+}
+
+}  // namespace
+
+FenceKind kindOf(const std::optional<std::string>& type) {
+  if (type && *type == "point")
+    return FenceKind::Point;
+  if (type && *type == "beacon")
+    return FenceKind::Beacon;
+  return FenceKind::Other;
+}
+
+double contribution(FenceKind kind, float radius, double metres) {
+  double d = metres;
+  if (kind == FenceKind::Point)
+    d = d - static_cast<double>(radius);
+  else if (kind == FenceKind::Beacon)
+    d = d + kBeaconAdjustment;
+  return d <= 0.0 ? std::fabs(d) : d;
+}
+
+double FenceCache::lowerBoundMetres(double lon, double lat, double xmin, double xmax, double ymin,
+                                    double ymax) {
+  // The haversine's a = sin²(Δlat/2) + cos(lat1)·cos(lat2)·sin²(Δlon/2) is a sum of two terms
+  // that are each no smaller than with the smallest latitude gap, the smallest cosine of the
+  // box's latitudes (cosine is concave on -90..90, so an end) and the smallest longitude gap
+  // around the circle (the formula is periodic in Δlon).
+  const double latGap = lat < ymin ? ymin - lat : (lat > ymax ? lat - ymax : 0.0);
+  double lonGap = 0.0;
+  const double width = xmax - xmin;
+  if (width < 360.0) {
+    double t = std::fmod(lon - xmin, 360.0);
+    if (t < 0.0)
+      t += 360.0;
+    if (t > width)
+      lonGap = std::min(t - width, 360.0 - t);
+  }
+  const double s1 = std::sin(latGap * kDegreesToRadians * 0.5);
+  const double s2 = std::sin(lonGap * kDegreesToRadians * 0.5);
+  const double cosBox = std::max(
+      0.0, std::min(std::cos(ymin * kDegreesToRadians), std::cos(ymax * kDegreesToRadians)));
+  const double cosDevice = std::max(0.0, std::cos(lat * kDegreesToRadians));
+  double a = (s1 * s1 + cosDevice * cosBox * s2 * s2) * (1.0 - 1e-9);
+  a = std::clamp(a, 0.0, 1.0);
+  const double metres = 2.0 * std::asin(std::sqrt(a)) * kSphereRadius;
+  // The pass's own haversine loses up to centimetres near antipodes, and GEOS's nearest point
+  // may sit an ulp outside the envelope: a metre and a part in a billion cover both.
+  return metres * (1.0 - 1e-9) - 1.0;
+}
+
+std::shared_ptr<const FenceCache> FenceCache::build(const FenceList& fences) {
+  std::shared_ptr<FenceCache> cache(new FenceCache());
+  GEOSContextHandle_t ctx = cache->context_.get();
+  if (ctx == nullptr)
+    return nullptr;
+  const geos::ReaderPtr reader(GEOSWKTReader_create_r(ctx), geos::Release{ctx});
+  if (!reader)
+    return nullptr;
+  cache->fences_.reserve(fences.size());
+  for (const auto& fence : fences) {
+    Fence entry;
+    // The revision first: a change made while the text is read shows as a newer revision.
+    entry.revision = fence->shapeRevision();
+    entry.kind = kindOf(fence->type());
+    entry.radius = fence->radius();
+    std::string why;
+    entry.geometry =
+        geos::readGeometry(cache->context_, reader.get(), fence->location().value_or(""), why);
+    cache->fences_.push_back(std::move(entry));
+  }
+  cache->buildIndex();
+  return cache;
+}
+
+FenceCache::~FenceCache() = default;
+
+void FenceCache::buildIndex() {
+  GEOSContextHandle_t ctx = context_.get();
+  for (std::uint32_t i = 0; i < fences_.size(); ++i) {
+    const Fence& fence = fences_[i];
+    if (!fence.geometry)
+      continue;
+    Box box{};
+    const bool bounded = GEOSGeom_getXMin_r(ctx, fence.geometry.get(), &box.xmin) != 0 &&
+                         GEOSGeom_getXMax_r(ctx, fence.geometry.get(), &box.xmax) != 0 &&
+                         GEOSGeom_getYMin_r(ctx, fence.geometry.get(), &box.ymin) != 0 &&
+                         GEOSGeom_getYMax_r(ctx, fence.geometry.get(), &box.ymax) != 0;
+    double reach = 0.0;
+    if (fence.kind == FenceKind::Point)
+      reach = static_cast<double>(fence.radius);
+    else if (fence.kind == FenceKind::Beacon)
+      reach = kBeaconReach;
+    if (!bounded || !std::isfinite(reach) || !indexableLatitude(box.ymin) ||
+        !indexableLatitude(box.ymax) || !indexableLongitude(box.xmin) ||
+        !indexableLongitude(box.xmax)) {
+      alwaysMeasure_.push_back(i);
+      continue;
+    }
+    entries_.push_back({box, reach, i});
+  }
+  if (entries_.empty())
+    return;
+
+  // Leaves over runs of entries, then parents over runs of nodes, up to a single root.
+  auto unite = [](Node& parent, const Box& box, double reach) {
+    parent.box.xmin = std::min(parent.box.xmin, box.xmin);
+    parent.box.xmax = std::max(parent.box.xmax, box.xmax);
+    parent.box.ymin = std::min(parent.box.ymin, box.ymin);
+    parent.box.ymax = std::max(parent.box.ymax, box.ymax);
+    parent.reach = std::max(parent.reach, reach);
+  };
+  auto emptyNode = [](std::uint32_t first, bool leaf) {
+    constexpr double inf = std::numeric_limits<double>::infinity();
+    return Node{{inf, -inf, inf, -inf}, -inf, first, 0, leaf};
+  };
+  strOrder(entries_);
+  std::vector<Node> level;
+  for (std::uint32_t at = 0; at < entries_.size(); at += kFanout) {
+    Node node = emptyNode(at, true);
+    for (std::uint32_t e = at; e < entries_.size() && e < at + kFanout; ++e, ++node.count)
+      unite(node, entries_[e].box, entries_[e].reach);
+    level.push_back(node);
+  }
+  while (true) {
+    strOrder(level);
+    const auto first = static_cast<std::uint32_t>(nodes_.size());
+    nodes_.insert(nodes_.end(), level.begin(), level.end());
+    if (level.size() == 1)
+      break;
+    std::vector<Node> parents;
+    for (std::uint32_t at = 0; at < level.size(); at += kFanout) {
+      Node node = emptyNode(first + at, false);
+      for (std::uint32_t c = at; c < level.size() && c < at + kFanout; ++c, ++node.count)
+        unite(node, level[c].box, level[c].reach);
+      parents.push_back(node);
+    }
+    level = std::move(parents);
+  }
+}
+
+std::optional<double> FenceCache::measure(const geos::Context& context, std::size_t i,
+                                          const geos::DevicePoint& device) const {
+  const std::lock_guard lock(measureMutex_);
+  return geos::nearestDistance(context, fences_[i].geometry.get(), device);
+}
+
+std::vector<FenceCache::Measured> FenceCache::measureCandidates(const geos::Context& context,
+                                                                const geos::DevicePoint& device,
+                                                                const FenceList& fences) const {
+  std::vector<Measured> out;
+  double nearest = kNoDistance;
+  auto consider = [&](std::uint32_t i) {
+    const Fence& fence = fences_[i];
+    if (fences[i]->shapeRevision() != fence.revision)
+      return;
+    const auto metres = measure(context, i, device);
+    out.push_back({i, metres});
+    const double c = contribution(fence.kind, fence.radius, metres.value_or(kNoDistance));
+    if (c < nearest)
+      nearest = c;
+  };
+  for (std::uint32_t i : alwaysMeasure_)
+    consider(i);
+
+  const double lon = device.longitude;
+  const double lat = device.latitude;
+  if (!indexableLatitude(lat) || !indexableLongitude(lon)) {
+    for (const Entry& entry : entries_)
+      consider(entry.index);
+  } else if (!nodes_.empty()) {
+    // Best first: the smallest bound is opened next, and the walk ends at the first bound that
+    // is above 0 and no less than the nearest distance measured so far.
+    auto key = [&](const Box& box, double reach) {
+      return lowerBoundMetres(lon, lat, box.xmin, box.xmax, box.ymin, box.ymax) - reach;
+    };
+    auto skippable = [&](double bound) { return bound > 0.0 && bound >= nearest; };
+    using Item = std::pair<double, std::uint32_t>;  // bound; node, or entry after the nodes
+    std::priority_queue<Item, std::vector<Item>, std::greater<>> open;
+    const Node& root = nodes_.back();
+    open.emplace(key(root.box, root.reach), static_cast<std::uint32_t>(nodes_.size() - 1));
+    const auto entryBase = static_cast<std::uint32_t>(nodes_.size());
+    while (!open.empty()) {
+      const auto [bound, id] = open.top();
+      open.pop();
+      if (skippable(bound))
+        break;
+      if (id >= entryBase) {
+        consider(entries_[id - entryBase].index);
+        continue;
+      }
+      const Node& node = nodes_[id];
+      for (std::uint32_t c = node.first; c < node.first + node.count; ++c) {
+        const double childBound = node.leaf ? key(entries_[c].box, entries_[c].reach)
+                                            : key(nodes_[c].box, nodes_[c].reach);
+        if (!skippable(childBound))
+          open.emplace(childBound, node.leaf ? entryBase + c : c);
+      }
+    }
+  }
+  std::sort(out.begin(), out.end(),
+            [](const Measured& a, const Measured& b) { return a.index < b.index; });
+  return out;
+}
+
+std::size_t FenceCache::indexBytes() const {
+  return sizeof(*this) + fences_.capacity() * sizeof(Fence) + entries_.capacity() * sizeof(Entry) +
+         nodes_.capacity() * sizeof(Node) + alwaysMeasure_.capacity() * sizeof(std::uint32_t);
+}
+
+namespace {
+
+// The snapshot's deleter carries the cache, so the cache lives exactly as long as the list
+// and any copy of the pointer finds it (std::get_deleter).
+struct SnapshotOwner {
+  std::shared_ptr<const FenceCache> cache;
+  void operator()(const FenceList* list) const { delete list; }
+};
+
+}  // namespace
+
+FencesSnapshot withGeometryCache(FenceList fences) {
+  auto cache = FenceCache::build(fences);
+  return FencesSnapshot(new FenceList(std::move(fences)), SnapshotOwner{std::move(cache)});
+}
+
+const FenceCache* cacheOf(const FencesSnapshot& snapshot) {
+  const auto* owner = std::get_deleter<SnapshotOwner>(snapshot);
+  return owner != nullptr ? owner->cache.get() : nullptr;
+}
+
+}  // namespace zonaris::fences

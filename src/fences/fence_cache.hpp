@@ -1,0 +1,133 @@
+#pragma once
+
+// The geometry cache of one catalogue snapshot: every fence's text read once into a GEOS
+// geometry when the catalogue is built, and an envelope index over them, so that a pass
+// measures only the fences whose decision can matter.
+//
+// A snapshot carries its cache with it: `withGeometryCache` publishes a list whose shared
+// owner also owns the cache, and `cacheOf` finds it again from any copy of that pointer. A list
+// published without a cache (an application's or a test's own) is simply measured in full.
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fences/geos_support.hpp"
+#include "zonaris/fence.hpp"
+
+namespace zonaris::fences {
+
+/// How a fence's type adjusts its distance.
+enum class FenceKind : std::uint8_t {
+  Other,   ///< the distance as measured (0 inside a polygon)
+  Point,   ///< the distance minus the radius
+  Beacon,  ///< the distance minus 70 m; ranging when nearer than 150 m
+};
+
+FenceKind kindOf(const std::optional<std::string>& type);
+
+/// The distance a pass keeps for a fence: the adjusted distance, or its depth when inside.
+/// NaN for a NaN adjusted distance (which never counts as nearest).
+double contribution(FenceKind kind, float radius, double metres);
+
+/// Read-only once built; any number of passes may use it at once.
+class FenceCache {
+ public:
+  /// One fence the cache measured for a pass: its index in the list and the raw distance
+  /// (nothing when GEOS could not measure it).
+  struct Measured {
+    std::uint32_t index;
+    std::optional<double> metres;
+  };
+
+  /// Reads every fence's text once. Null only when GEOS cannot make a context.
+  static std::shared_ptr<const FenceCache> build(const FenceList& fences);
+  ~FenceCache();
+  FenceCache(const FenceCache&) = delete;
+  FenceCache& operator=(const FenceCache&) = delete;
+
+  std::size_t size() const { return fences_.size(); }
+  /// The fence's shape revision when the cache read it; a fence whose revision has moved on
+  /// must be measured from its text.
+  std::uint32_t revision(std::size_t i) const { return fences_[i].revision; }
+  FenceKind kind(std::size_t i) const { return fences_[i].kind; }
+  /// Whether the fence's text gave a geometry.
+  bool readable(std::size_t i) const { return fences_[i].geometry != nullptr; }
+
+  /// Measures, in index order, every fence whose decision can matter to a pass at `device`:
+  /// those that may hold the device, may be the nearest, or (beacons) may lie within 150 m.
+  /// Every readable fence left out is provably outside, provably no nearer than the nearest of
+  /// those listed, and (beacons) provably 150 m away or more. Fences whose revision in `fences`
+  /// has moved on are left out too; the caller measures them from their text.
+  std::vector<Measured> measureCandidates(const geos::Context& context,
+                                          const geos::DevicePoint& device,
+                                          const FenceList& fences) const;
+
+  /// The raw distance to one readable fence from its cached geometry.
+  std::optional<double> measure(const geos::Context& context, std::size_t i,
+                                const geos::DevicePoint& device) const;
+
+  /// Bytes held beyond the GEOS geometries themselves (index and per-fence records).
+  std::size_t indexBytes() const;
+
+  /// A lower bound, in metres, of the haversine distance from (lon, lat) to any point with a
+  /// longitude in [xmin, xmax] and a latitude in [ymin, ymax] (degrees; the latitudes within
+  /// -90..90, the device's too), with margins that cover the rounding of the distance itself.
+  static double lowerBoundMetres(double lon, double lat, double xmin, double xmax, double ymin,
+                                 double ymax);
+
+ private:
+  struct Fence {
+    geos::GeomPtr geometry;
+    FenceKind kind = FenceKind::Other;
+    float radius = 0.0f;
+    std::uint32_t revision = 0;
+  };
+  struct Box {
+    double xmin, xmax, ymin, ymax;
+  };
+  // A node of the packed envelope tree: its children are nodes [first, first + count), or
+  // entries when `leaf`. `reach` is the largest amount by which a fence below it can be nearer
+  // than its envelope (its radius, 150 m for beacons).
+  struct Node {
+    Box box;
+    double reach;
+    std::uint32_t first;
+    std::uint32_t count;
+    bool leaf;
+  };
+  struct Entry {
+    Box box;
+    double reach;
+    std::uint32_t index;
+  };
+
+  FenceCache() = default;
+  void buildIndex();
+
+  // The cache's own context: it reads the texts, and releases the geometries when the cache
+  // dies on whichever thread drops the snapshot last. Declared first, so it outlives them.
+  geos::Context context_;
+  std::vector<Fence> fences_;
+  std::vector<Entry> entries_;                // indexed fences, in tree order
+  std::vector<Node> nodes_;                   // the root is the last node
+  std::vector<std::uint32_t> alwaysMeasure_;  // readable fences the index cannot bound
+  // GEOS 3.11 does not promise that reading one geometry from several threads at once is safe
+  // (its prepared geometries are known not to be), so measurements on the shared geometries
+  // are serialised. They are the few candidates of a pass: microseconds.
+  mutable std::mutex measureMutex_;
+};
+
+using FencesSnapshot = std::shared_ptr<const FenceList>;
+
+/// Publishes `fences` as a snapshot that owns its geometry cache.
+FencesSnapshot withGeometryCache(FenceList fences);
+
+/// The cache that `withGeometryCache` attached to this snapshot, or null.
+const FenceCache* cacheOf(const FencesSnapshot& snapshot);
+
+}  // namespace zonaris::fences

@@ -1,0 +1,361 @@
+// The cached fence walk against the straightforward one: seeded random catalogues (points with
+// a radius, polygons with holes, multipolygons, beacons, unreadable and empty text, fences
+// across the antimeridian and around the poles, a device on a boundary), compared pass by pass
+// on every decision, flag, distance line and error report. Then the same through the client,
+// whose download attaches the cache.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "fence_fixture.hpp"
+#include "fences/fence_cache.hpp"
+#include "fences/fence_pass.hpp"
+#include "fences/geometry.hpp"
+
+namespace zonaris::test {
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kCatalogues = 200;  // the sanitizers run the walk ten times slower
+#else
+constexpr int kCatalogues = 400;
+#endif
+constexpr int kPassesPerCatalogue = 25;
+
+// Records what a pass shows the client, in order.
+class RecordingHost final : public fences::PassHost {
+ public:
+  bool dev = false;
+  bool reset = false;
+  std::vector<std::string> transcript;
+
+  double calculateDistance(const std::string& fenceWkt, const std::string& pointWkt) override {
+    const auto measured = fences::distanceToGeometry(fenceWkt, pointWkt);
+    if (measured.fenceReadable && measured.pointReadable)
+      return measured.metres.value_or(std::numeric_limits<double>::max());
+    transcript.push_back(fmt::format("Calculate distance error{}{}",
+                                     measured.fenceReadable ? "" : " geometry1",
+                                     measured.pointReadable ? "" : " geometry2"));
+    return std::numeric_limits<double>::max();
+  }
+  bool devMode() override { return dev; }
+  void distanceLine(const ZonarisFence& fence, double adjusted) override {
+    transcript.push_back(
+        fmt::format("Distance to {} zone = {:f}", fence.name().value_or("(null)"), adjusted));
+  }
+  bool resetFences() override { return reset; }
+};
+
+// Seeded catalogues and device positions.
+class Generator {
+ public:
+  explicit Generator(std::uint64_t seed) : random_(seed) {}
+
+  double uniform(double lo, double hi) { return std::uniform_real_distribution<>(lo, hi)(random_); }
+  bool chance(double p) { return uniform(0, 1) < p; }
+  int pick(int n) { return std::uniform_int_distribution<>(0, n - 1)(random_); }
+
+  // Where a catalogue lies: anywhere, straddling the antimeridian, or around a pole.
+  void newRegion() {
+    switch (pick(4)) {
+      case 0:
+        centreLon_ = chance(0.5) ? 179.999 : -179.999;
+        centreLat_ = uniform(-60, 60);
+        break;
+      case 1:
+        centreLon_ = uniform(-180, 180);
+        centreLat_ = chance(0.5) ? 89.995 : -89.995;
+        break;
+      default:
+        centreLon_ = uniform(-180, 180);
+        centreLat_ = uniform(-70, 70);
+    }
+    vertices_.clear();
+  }
+
+  // A position `metres` at most from the region's centre, on a 1e-7 degree grid (as real data
+  // is) so that printing it for the device point gives back the same number. Longitudes may
+  // run a little past 180, which WKT allows.
+  std::pair<double, double> near(double metres) {
+    const double dLat = uniform(-metres, metres) / kMetresPerDegree;
+    const double cosLat = std::max(std::cos(centreLat_ * 0.017453292519943295), 1e-3);
+    const double dLon = uniform(-metres, metres) / (kMetresPerDegree * cosLat);
+    const double lat = std::clamp(centreLat_ + dLat, -90.0, 90.0);
+    const double lon = std::clamp(centreLon_ + std::clamp(dLon, -30.0, 30.0), -200.0, 200.0);
+    return {std::round(lon * 1e7) / 1e7, std::round(lat * 1e7) / 1e7};
+  }
+
+  std::string ring(double cx, double cy, double metres, int n) {
+    const double cosLat = std::max(std::cos(cy * 0.017453292519943295), 1e-3);
+    std::string text = "(";
+    std::pair<double, double> first;
+    for (int i = 0; i < n; ++i) {
+      const double angle = 2 * M_PI * i / n;
+      const double r = metres * uniform(0.7, 1.0);
+      double lon = cx + r * std::cos(angle) / (kMetresPerDegree * cosLat);
+      double lat = std::clamp(cy + r * std::sin(angle) / kMetresPerDegree, -90.0, 90.0);
+      lon = std::round(lon * 1e7) / 1e7;
+      lat = std::round(lat * 1e7) / 1e7;
+      if (i == 0)
+        first = {lon, lat};
+      vertices_.emplace_back(lon, lat);
+      text += fmt::format("{}{} {}", i ? ", " : "", lon, lat);
+    }
+    return text + fmt::format(", {} {})", first.first, first.second);
+  }
+
+  std::string polygon(double metres) {
+    const auto [cx, cy] = near(3000);
+    std::string text = "(" + ring(cx, cy, metres, 4 + pick(10));
+    if (chance(0.4))
+      text += ", " + ring(cx, cy, metres * 0.3, 4 + pick(5));  // a hole
+    return text + ")";
+  }
+
+  std::optional<std::string> location(const std::string& type) {
+    const double size = std::exp(uniform(std::log(5.0), std::log(3000.0)));
+    switch (pick(20)) {
+      case 0:
+        return std::nullopt;
+      case 1: {
+        static const char* kUnreadable[] = {"",
+                                            "POLYGON ((1 2, 3",
+                                            "POLYGON EMPTY",
+                                            "GEOMETRYCOLLECTION EMPTY",
+                                            "POINT (nan 1)",
+                                            "POINT (1e400 0)",
+                                            "GEOMETRYCOLLECTION (((((((((((((((((((((((((((((((((("
+                                            "POINT (0 0))))))))))))))))))))))))))))))))))))"};
+        return kUnreadable[pick(7)];
+      }
+      case 2:
+        return "MULTIPOLYGON (" + polygon(size) + ", " + polygon(size) + ")";
+      case 3: {
+        const auto [x1, y1] = near(3000);
+        const auto [x2, y2] = near(3000);
+        vertices_.emplace_back(x1, y1);
+        return fmt::format("LINESTRING ({} {}, {} {})", x1, y1, x2, y2);
+      }
+      default:
+        break;
+    }
+    if (type == "point" || type == "beacon" || chance(0.2)) {
+      const auto [x, y] = near(3000);
+      vertices_.emplace_back(x, y);
+      return fmt::format("POINT ({} {})", x, y);
+    }
+    return "POLYGON " + polygon(size);
+  }
+
+  float radius() {
+    switch (pick(25)) {
+      case 0:
+        return std::numeric_limits<float>::quiet_NaN();
+      case 1:
+        return std::numeric_limits<float>::infinity();
+      case 2:
+        return -std::numeric_limits<float>::infinity();
+      case 3:
+        return -50.0f;
+      case 4:
+        return 2.5e6f;
+      default:
+        return static_cast<float>(uniform(0, 400));
+    }
+  }
+
+  struct Spec {
+    std::optional<std::string> type;
+    std::optional<std::string> location;
+    float radius;
+  };
+  std::vector<Spec> catalogue() {
+    newRegion();
+    std::vector<Spec> specs;
+    const int count = chance(0.05) ? 300 : 1 + pick(24);
+    static const char* kTypes[] = {"point", "beacon", "polygon", "zone", "Point"};
+    for (int i = 0; i < count; ++i) {
+      Spec spec;
+      spec.type = chance(0.05) ? std::nullopt : std::optional<std::string>(kTypes[pick(5)]);
+      spec.location = location(spec.type.value_or(""));
+      spec.radius = radius();
+      specs.push_back(std::move(spec));
+    }
+    return specs;
+  }
+
+  // The device: near the fences, on a vertex of one, at a pole, or across the world.
+  std::pair<double, double> device() {
+    const int where = pick(20);
+    if (where < 4 && !vertices_.empty())
+      return vertices_[static_cast<std::size_t>(pick(static_cast<int>(vertices_.size())))];
+    if (where == 4)
+      return {std::round(uniform(-180, 180)), chance(0.5) ? 90.0 : -90.0};
+    if (where == 5)  // about the antipode of the fences
+      return {centreLon_ > 0 ? centreLon_ - 180 : centreLon_ + 180, -centreLat_};
+    return near(std::exp(uniform(std::log(1.0), std::log(40000.0))));
+  }
+
+ private:
+  std::mt19937_64 random_;
+  double centreLon_ = 0;
+  double centreLat_ = 0;
+  std::vector<std::pair<double, double>> vertices_;
+};
+
+FenceList makeList(const std::vector<Generator::Spec>& specs) {
+  FenceList list;
+  for (std::size_t i = 0; i < specs.size(); ++i) {
+    auto fence = std::make_shared<ZonarisFence>();
+    fence->setId(static_cast<std::int64_t>(i));
+    fence->setName("F" + std::to_string(i));
+    fence->setType(specs[i].type);
+    fence->setLocation(specs[i].location);
+    fence->setRadius(specs[i].radius);
+    list.push_back(fence);
+  }
+  return list;
+}
+
+std::string flags(const FenceList& list) {
+  std::string out;
+  for (const auto& fence : list)
+    out += fence->entered() ? 'E' : '-';
+  return out;
+}
+
+TEST(FenceCacheTest, CachedWalkDecidesExactlyAsMeasuringEveryFence) {
+  Generator generate(20260310);
+  int passes = 0;
+  int skipped = 0;  // fences the cache did not measure: the comparison must cover skipping
+  for (int c = 0; c < kCatalogues; ++c) {
+    const auto specs = generate.catalogue();
+    FenceList reference = makeList(specs);
+    FenceList cached = makeList(specs);
+    const auto cache = fences::FenceCache::build(cached);
+    ASSERT_NE(cache, nullptr);
+    for (int p = 0; p < kPassesPerCatalogue; ++p, ++passes) {
+      if (generate.chance(0.01)) {
+        // A fence changed after the cache read it: measured from its new text.
+        const auto i = static_cast<std::size_t>(generate.pick(static_cast<int>(specs.size())));
+        const auto text = generate.location("polygon");
+        reference[i]->setLocation(text);
+        cached[i]->setLocation(text);
+      }
+      RecordingHost want;
+      RecordingHost got;
+      want.dev = got.dev = generate.chance(0.1);
+      want.reset = got.reset = generate.chance(0.2);
+      for (std::size_t i = 0; i < specs.size(); ++i) {
+        const bool entered = generate.chance(0.3);
+        const bool dwelled = generate.chance(0.1);
+        reference[i]->setEntered(entered);
+        cached[i]->setEntered(entered);
+        reference[i]->setDwelled(dwelled);
+        cached[i]->setDwelled(dwelled);
+      }
+      const auto [lon, lat] = generate.device();
+      const std::string point = fences::devicePointWkt(lon, lat);
+
+      const auto expected = fences::evaluateFences(reference, nullptr, point, want);
+      const auto actual = fences::evaluateFences(cached, cache.get(), point, got);
+
+      const auto where = fmt::format("catalogue {} pass {} device {}", c, p, point);
+      ASSERT_EQ(std::bit_cast<std::uint64_t>(actual.minimum),
+                std::bit_cast<std::uint64_t>(expected.minimum))
+          << where << ": " << actual.minimum << " vs " << expected.minimum;
+      ASSERT_EQ(actual.report, expected.report) << where;
+      ASSERT_EQ(actual.anyInside, expected.anyInside) << where;
+      ASSERT_EQ(actual.nearBeacon, expected.nearBeacon) << where;
+      ASSERT_EQ(flags(cached), flags(reference)) << where;
+      ASSERT_EQ(got.transcript, want.transcript) << where;
+      if (!want.dev)
+        skipped += static_cast<int>(specs.size() - got.transcript.size());
+    }
+  }
+  EXPECT_GE(passes, kCatalogues * kPassesPerCatalogue);
+  EXPECT_GT(skipped, passes);  // on average more than one fence per pass was never measured
+}
+
+// The bound the index skips by, against the distance a pass computes, where it is tightest:
+// across the antimeridian, at the poles, at the antipode and on the box itself.
+TEST(FenceCacheTest, EnvelopeBoundNeverExceedsTheMeasuredDistance) {
+  struct Case {
+    double lon, lat, xmin, xmax, ymin, ymax;
+  };
+  const Case cases[] = {
+      {179.9, 10, -179.95, -179.9, 9.9, 10.1},  // across the antimeridian
+      {-180, 0, 180, 180.2, 0, 0},              // the same meridian by another name
+      {0, 90, 10, 20, 89.99, 89.999},           // the device at the pole
+      {0, 0, 179.9, 180.1, -0.1, 0.1},          // the antipode
+      {5, 5, 4, 6, 4, 6},                       // inside the box
+      {0, 0, 0.001, 0.001, 0, 0},               // a point due east
+  };
+  Generator generate(7);
+  for (const auto& c : cases) {
+    const double bound =
+        fences::FenceCache::lowerBoundMetres(c.lon, c.lat, c.xmin, c.xmax, c.ymin, c.ymax);
+    for (int i = 0; i < 2000; ++i) {
+      const double x = i == 0 ? c.xmin : generate.uniform(c.xmin, c.xmax);
+      const double y = i == 0 ? c.ymin : generate.uniform(c.ymin, c.ymax);
+      ASSERT_LE(bound, fences::haversineMetres(x, y, c.lon, c.lat))
+          << c.lon << " " << c.lat << " to " << x << " " << y;
+    }
+  }
+}
+
+// Through the client: a downloaded-style snapshot (cache attached) and a plain one give the
+// same log, callbacks, reports and observations.
+class FenceCacheClientTest : public FenceFixture {};
+
+TEST_F(FenceCacheClientTest, ClientPassesMatchWithAndWithoutTheCache) {
+  std::vector<FenceDef> defs = {
+      {1, "Unreadable", "polygon", "POLYGON ((0 0, 1", 0.0f},
+      {2, "Far", "point", pointNorthOfOrigin(5000), 100.0f},
+      {3, "Home", "polygon",
+       "POLYGON ((-0.001 -0.001, 0.001 -0.001, 0.001 0.001, 0 0.001, "
+       "-0.001 -0.001))",
+       0.0f},
+      {4, "Beacon", "beacon", pointNorthOfOrigin(120), 0.0f},
+      {5, "Entered far", "point", pointNorthOfOrigin(9000), 10.0f},
+  };
+  answerObservationsWith();
+  auto run = [&](bool withCache, bool devMode) {
+    const std::size_t requestsBefore = server.requests().size();
+    client->stopDwellTimer();
+    boot();  // a fresh client each time: the passes leave speeds and beacon ranging behind
+    delegate->clear();
+    FenceList list = publish(defs);
+    list[4]->setEntered(true);
+    if (withCache)
+      client->setMFences(fences::withGeometryCache(list));
+    client->setDevMode(devMode);
+    client->setMResetFences(true);
+    placeDevice(0.0);
+    client->handleFences();
+    placeDevice(0.0004);
+    client->handleFences();
+    std::vector<std::string> seen = simulation->logger().lines();
+    for (const auto& call : delegate->calls())
+      seen.push_back(call.dump());
+    const auto requests = server.requests();
+    for (std::size_t i = requestsBefore; i < requests.size(); ++i)
+      seen.push_back(requests[i].method + " " + requests[i].path + " " + requests[i].body);
+    return seen;
+  };
+  for (bool devMode : {false, true}) {
+    const auto plain = run(false, devMode);
+    EXPECT_EQ(run(true, devMode), plain) << "dev mode " << devMode;
+  }
+}
+
+}  // namespace
+}  // namespace zonaris::test
