@@ -187,34 +187,43 @@
     row(['beacon scans', data.scans.length]) +
     row(['silence window', data.silenceHours ? data.silenceHours[0] + ' .. ' + data.silenceHours[1] : 'none given']) +
     '</table>';
+  function number(value, digits) {
+    if (typeof value !== 'number') return '–';
+    return Number.isInteger(value) ? String(value) : value.toFixed(digits === undefined ? 1 : digits);
+  }
+  function field(object, a, b) {
+    var v = object && typeof object === 'object' ? object[a] : undefined;
+    return b === undefined ? v : (v && typeof v === 'object' ? v[b] : undefined);
+  }
   if (score) {
-    summary += '<h2>Against the ground truth</h2><table>' +
-      row(['true events', score.truthCount]) + row(['matched', score.matchedCount]) +
-      row(['missed', score.missed.length ? '<span class="zr-bad">' + score.missed.length + '</span>' : '0']) +
-      row(['false', score['false'].length ? '<span class="zr-bad">' + score['false'].length + '</span>' : '0']);
-    if (score.fixes && typeof score.fixes === 'object')
-      summary += row(['fixes per hour', score.fixes.per_hour === undefined ? '–' : Number(score.fixes.per_hour).toFixed(1)]);
-    summary += '</table>';
-    if (score.latency && typeof score.latency === 'object') {
-      summary += '<table>' + row(['latency', 'n', 'median', 'p95', 'max'], 'th');
-      var types = ['entry', 'exit', 'dwell'].filter(function (k) { return k in score.latency; });
-      Object.keys(score.latency).forEach(function (k) { if (types.indexOf(k) < 0) types.push(k); });
-      types.forEach(function (type) {
-        var l = score.latency[type] || {};
-        summary += row([escapeHtml(type), l.count === undefined ? '–' : l.count, seconds(l.median), seconds(l.p95), seconds(l.max)]);
-      });
-      summary += '</table>';
+    // This run beside a fixed 15 s sampler on the same trace, when the score has one.
+    var base = score.baseline;
+    var head = base ? ['', 'this run', 'a fix / 15 s'] : ['', 'this run'];
+    function compare(label, a, b, bad) {
+      var cells = [label, bad && a ? '<span class="zr-bad">' + number(a) + '</span>' : number(a)];
+      if (base) cells.push(number(b));
+      return row(cells);
     }
-    ['requests_per_hour', 'baseline_15s'].forEach(function (key) {
-      var value = score[key];
-      if (!value || typeof value !== 'object') return;
-      summary += '<table>' + row([key === 'baseline_15s' ? 'a fix every 15 s would' : 'requests per hour', ''], 'th');
-      Object.keys(value).forEach(function (k) {
-        var v = value[k];
-        summary += row([escapeHtml(k), typeof v === 'number' ? (Number.isInteger(v) ? v : v.toFixed(1)) : escapeHtml(JSON.stringify(v))]);
-      });
-      summary += '</table>';
+    summary += '<h2>Against the ground truth</h2><table>' + row(head, 'th') +
+      compare('true events', score.truthCount, base && base.truthCount) +
+      compare('matched', score.matchedCount, base && base.matchedCount) +
+      compare('missed', score.missedCount, base && base.missedCount, true) +
+      compare('false', score.falseCount, base && base.falseCount, true) +
+      (score.lost_visits !== undefined ? compare('visits lost in outages', score.lost_visits, base && base.lost_visits, true) : '') +
+      compare('fixes taken', field(score.fixes, 'taken'), field(base && base.fixes, 'taken')) +
+      compare('fixes per hour', field(score.fixes, 'per_hour'), field(base && base.fixes, 'per_hour'));
+    ['entry', 'exit', 'dwell'].forEach(function (type) {
+      if (!field(score.latency, type)) return;
+      var a = field(score.latency, type), b = field(base && base.latency, type);
+      var cells = ['latency ' + type + ' median / p95', seconds(field(a, 'median')) + ' / ' + seconds(field(a, 'p95'))];
+      if (base) cells.push(b ? seconds(field(b, 'median')) + ' / ' + seconds(field(b, 'p95')) : '–');
+      summary += row(cells);
     });
+    Object.keys(score.requests_per_hour || {}).forEach(function (k) {
+      summary += compare(escapeHtml(k.replace(/_/g, ' ')) + ' requests / h', score.requests_per_hour[k],
+        field(base && base.requests_per_hour, k));
+    });
+    summary += '</table>';
   }
   document.getElementById('zr-summary').innerHTML = summary;
 

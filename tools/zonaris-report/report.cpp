@@ -158,15 +158,23 @@ json eventsJson(const ReportInputs& in, const std::vector<Position>& fixPosition
 json scoreJson(const ReportInputs& in, const std::vector<Position>& fixPositions) {
   if (!in.score.is_object())
     return nullptr;
-  json out = json::object();
-  for (const char* key : {"latency", "hours", "fixes", "requests_per_hour", "baseline_15s"}) {
-    if (in.score.contains(key))
-      out[key] = in.score[key];
-  }
-  for (const char* key : {"truth", "matched"}) {
-    const json* list = arrayIn(in.score, key);
-    out[std::string(key) + "Count"] = list ? list->size() : 0;
-  }
+  // The summary of a score (this run's, or the fixed 15 s sampler's): counts, not lists.
+  auto summary = [](const json& score) {
+    json out = json::object();
+    for (const char* key :
+         {"latency", "hours", "fixes", "requests_per_hour", "lost_visits", "outages"}) {
+      if (score.contains(key))
+        out[key] = score[key];
+    }
+    for (const char* key : {"truth", "matched", "missed", "false"}) {
+      if (const json* list = arrayIn(score, key))
+        out[std::string(key) + "Count"] = list->size();
+    }
+    return out;
+  };
+  json out = summary(in.score);
+  if (in.score.contains("baseline_15s") && in.score["baseline_15s"].is_object())
+    out["baseline"] = summary(in.score["baseline_15s"]);
   auto place = [&](const char* key, const char* timeKey, bool atFix) {
     json list = json::array();
     if (const json* items = arrayIn(in.score, key)) {
