@@ -9,6 +9,7 @@ packages=(
   libcli11-dev libpugixml-dev libcpp-httplib-dev libsqlite3-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libjs-leaflet libjs-chart.js chromium
+  libgps-dev gpsd gpsd-clients
 )
 
 missing=()

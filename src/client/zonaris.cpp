@@ -74,6 +74,7 @@ bool Zonaris::setUUID(const std::string& uuid) {
 
 void Zonaris::setDevMode(bool devMode) {
   mDevMode_.store(devMode);
+  mLocationManager_->setDevMode(devMode);
 }
 
 void Zonaris::setTags(std::shared_ptr<ZonarisTags> tags) {

@@ -3,8 +3,10 @@
 
 #include <cstdlib>
 #include <mutex>
+#include <vector>
 
 #include "zonaris/platform/curl_http.hpp"
+#include "zonaris/platform/gpsd.hpp"
 #include "zonaris/platform/production.hpp"
 
 namespace zonaris::platform {
@@ -28,24 +30,40 @@ std::string resolveStoreDirectory(const std::string& configured) {
   return "./zonaris-data";
 }
 
-}  // namespace
+// The gpsd location managers a platform made, so that shutting the platform down can close
+// their connections even while a client still holds one.
+struct GpsdRegistry {
+  std::mutex mutex;
+  std::vector<std::weak_ptr<GpsdLocationManager>> managers;
+};
 
-Platform defaultPlatform(const DefaultPlatformOptions& options) {
+Platform assemble(const DefaultPlatformOptions& options,
+                  const std::shared_ptr<ThreadDispatcher>& dispatcher,
+                  const std::shared_ptr<GpsdRegistry>& registry) {
   // libcurl's global set-up is not thread-safe: do it before this platform starts any thread.
   static std::once_flag curlOnce;
   std::call_once(curlOnce, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 
-  auto dispatcher = std::make_shared<ThreadDispatcher>();
   Platform platform;
   platform.dispatcher = dispatcher;
   platform.http = makeCurlHttpClient();
   platform.store = std::make_shared<FileStore>(resolveStoreDirectory(options.storeDirectory));
   platform.clock = std::make_shared<SystemClock>();
-  platform.logger = std::make_shared<StderrLogger>();
+  platform.logger = options.logger ? options.logger : std::make_shared<StderrLogger>();
   platform.device = std::make_shared<SystemDeviceInfo>();
   platform.callStack = std::make_shared<BacktraceCallStack>();
   if (options.makeLocationManager) {
     platform.makeLocationManager = options.makeLocationManager;
+  } else if (!options.gpsd.empty()) {
+    // A malformed address leaves the defaults (localhost:2947); the agent checks its option.
+    auto gpsd = parseGpsdAddress(options.gpsd).value_or(GpsdOptions{});
+    platform.makeLocationManager = [dispatcher, logger = platform.logger, gpsd,
+                                    registry]() -> std::shared_ptr<LocationManager> {
+      auto manager = std::make_shared<GpsdLocationManager>(dispatcher, logger, gpsd);
+      std::lock_guard lock(registry->mutex);
+      registry->managers.push_back(manager);
+      return manager;
+    };
   } else {
     platform.makeLocationManager = [dispatcher]() -> std::shared_ptr<LocationManager> {
       return std::make_shared<FeedLocationManager>(dispatcher);
@@ -53,6 +71,45 @@ Platform defaultPlatform(const DefaultPlatformOptions& options) {
   }
   platform.baseUrl = options.baseUrl;
   return platform;
+}
+
+}  // namespace
+
+Platform defaultPlatform(const DefaultPlatformOptions& options) {
+  return assemble(options, std::make_shared<ThreadDispatcher>(), std::make_shared<GpsdRegistry>());
+}
+
+struct ProductionPlatform::Parts {
+  std::shared_ptr<ThreadDispatcher> dispatcher = std::make_shared<ThreadDispatcher>();
+  std::shared_ptr<GpsdRegistry> registry = std::make_shared<GpsdRegistry>();
+  Platform platform;
+};
+
+ProductionPlatform::ProductionPlatform(const DefaultPlatformOptions& options)
+    : parts_(std::make_unique<Parts>()) {
+  parts_->platform = assemble(options, parts_->dispatcher, parts_->registry);
+}
+
+ProductionPlatform::~ProductionPlatform() {
+  shutdown();
+}
+
+const Platform& ProductionPlatform::platform() const {
+  return parts_->platform;
+}
+
+bool ProductionPlatform::shutdown(std::chrono::milliseconds timeout) {
+  parts_->dispatcher->shutdown();
+  std::vector<std::weak_ptr<GpsdLocationManager>> managers;
+  {
+    std::lock_guard lock(parts_->registry->mutex);
+    managers.swap(parts_->registry->managers);
+  }
+  for (auto& weak : managers) {
+    if (auto manager = weak.lock())
+      manager->shutdown();
+  }
+  return parts_->dispatcher->waitForDetachedTasks(timeout);
 }
 
 }  // namespace zonaris::platform

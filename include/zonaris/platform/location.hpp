@@ -78,6 +78,9 @@ class LocationManager {
   virtual void stopUpdatingLocation() = 0;
   virtual void startRangingBeacons(const BeaconRegion& region) = 0;
   virtual void stopRangingBeacons(const BeaconRegion& region) = 0;
+  /// The client passes its developer mode on (`Zonaris::setDevMode`). An adapter that writes
+  /// diagnostics to the platform log writes them only while it is on; others ignore it.
+  virtual void setDevMode(bool /*devMode*/) {}
 };
 
 }  // namespace zonaris::platform

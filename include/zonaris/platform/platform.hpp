@@ -62,10 +62,19 @@ struct DefaultPlatformOptions {
   /// one (for example over gpsd or a vehicle bus); without it a `FeedLocationManager` is used,
   /// into which the application pushes fixes.
   std::function<std::shared_ptr<LocationManager>()> makeLocationManager;
+  /// Take positions from gpsd at "HOST:PORT" (for example "localhost:2947") through a
+  /// `GpsdLocationManager` (zonaris/platform/gpsd.hpp). Ignored when `makeLocationManager` is
+  /// set; empty: not used.
+  std::string gpsd;
+  /// The platform log; empty: a `StderrLogger`.
+  std::shared_ptr<Logger> logger;
   std::string baseUrl = ZONARIS_BASE_URL;
 };
 
 /// The production platform: real threads, libcurl, a file-backed store, stderr logging.
+/// Scheduled work holds a client, so a client made on it (with its threads) may live until the
+/// process ends; to free clients and threads at a moment of the application's choosing, use
+/// `ProductionPlatform` (zonaris/platform/production.hpp) instead.
 Platform defaultPlatform(const DefaultPlatformOptions& options = {});
 
 }  // namespace zonaris::platform

@@ -16,6 +16,48 @@
 
 namespace zonaris::platform {
 
+class GpsdLocationManager;
+
+/// The production platform (see `defaultPlatform`) together with the means to free it.
+///
+/// Work a client has scheduled holds the client, so releasing the last reference of the
+/// application does not free it. `shutdown` does:
+///
+///     zonaris::platform::ProductionPlatform production(options);
+///     auto client = zonaris::Zonaris::initWithAppKey("key", production.platform());
+///     client->start();
+///     ...
+///     client->stop();
+///     client.reset();
+///     production.shutdown();  // every thread joined, every client released
+class ProductionPlatform {
+ public:
+  explicit ProductionPlatform(const DefaultPlatformOptions& options = {});
+  /// Calls `shutdown()` with its default time-out.
+  ~ProductionPlatform();
+  ProductionPlatform(const ProductionPlatform&) = delete;
+  ProductionPlatform& operator=(const ProductionPlatform&) = delete;
+
+  /// The parts to make clients with (`Zonaris::initWithAppKey` keeps a copy that shares them).
+  const Platform& platform() const;
+
+  /// Stops everything the platform runs, in this order: drops the work scheduled on the main
+  /// queue (retries, next samples, beacon steps), stops the tickers (dwell timers) and joins
+  /// the main-queue and ticker threads; closes the connections of the gpsd location managers
+  /// it made and joins their threads; then waits up to `timeout` for the threads that clients
+  /// started for a registration, a download or an evaluation pass (an exchange with the
+  /// service blocks its thread up to libcurl's 60 s time-out). Clients the application no
+  /// longer holds are then released; a client still held stays in memory but gets no more work
+  /// done. True when no thread of the platform is left running. Idempotent. Call it from the
+  /// application's own thread, never from a delegate callback (those run on the platform's
+  /// threads).
+  bool shutdown(std::chrono::milliseconds timeout = std::chrono::seconds(65));
+
+ private:
+  struct Parts;
+  std::unique_ptr<Parts> parts_;
+};
+
 /// Real threads behind the `Dispatcher` interface.
 ///
 /// - `detach` starts a new detached thread per task.
@@ -38,8 +80,8 @@ namespace zonaris::platform {
 /// written to stderr; the thread goes on. The two owned threads start on first use.
 ///
 /// Lifetime: tasks usually hold the client, and the client holds its platform and so this
-/// dispatcher. Call `shutdown()` when the application is done with the library to drop
-/// queued work and release what it holds; the destructor calls it as well.
+/// dispatcher. `shutdown()` drops queued work and releases what it holds; the destructor calls
+/// it as well. Applications use `ProductionPlatform::shutdown`, which calls it.
 class ThreadDispatcher final : public Dispatcher {
  public:
   ThreadDispatcher();

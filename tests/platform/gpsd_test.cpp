@@ -1,0 +1,271 @@
+// The gpsd location service against a fake gpsd on 127.0.0.1 that speaks gpsd's JSON protocol:
+// what a TPV report becomes, how the settings map onto ?WATCH, and reconnection. Real threads
+// and sockets, so the tests wait on condition variables with bounded time-outs.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include "zonaris/platform/gpsd.hpp"
+#include "zonaris/platform/production.hpp"
+
+namespace zonaris::platform {
+namespace {
+
+using namespace std::chrono_literals;
+constexpr auto kWait = 10s;
+
+// A gpsd on 127.0.0.1: greets each client with a VERSION line, records what clients send
+// ("connect", each ?WATCH command, "close"), and answers a watch request with `reports`.
+class FakeGpsd {
+ public:
+  explicit FakeGpsd(std::vector<std::string> reports, int port = 0) : reports_(std::move(reports)) {
+    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int one = 1;
+    ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    socklen_t length = sizeof address;
+    if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::listen(listener_, 4) != 0 ||
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+      ADD_FAILURE() << "cannot listen on 127.0.0.1:" << port;
+    port_ = ntohs(address.sin_port);
+    ::pipe(stopPipe_);
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~FakeGpsd() { kill(); }
+
+  // Drops every connection and stops listening, as a gpsd that was killed.
+  void kill() {
+    if (!thread_.joinable())
+      return;
+    ::write(stopPipe_[1], "x", 1);
+    thread_.join();
+    for (int fd : {listener_, stopPipe_[0], stopPipe_[1]})
+      ::close(fd);
+  }
+  int port() const { return port_; }
+
+  // The transcript once it has `count` entries (what it has after kWait otherwise).
+  std::vector<std::string> transcript(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, kWait, [&] { return transcript_.size() >= count; });
+    return transcript_;
+  }
+
+ private:
+  void note(std::string entry) {
+    std::lock_guard lock(mutex_);
+    transcript_.push_back(std::move(entry));
+    changed_.notify_all();
+  }
+  static void send(int fd, const std::string& line) {
+    const std::string text = line + "\r\n";
+    ::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+  }
+
+  void serve() {
+    std::vector<int> clients;
+    std::string pending;
+    for (;;) {
+      std::vector<pollfd> fds{{stopPipe_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
+      for (int c : clients)
+        fds.push_back({c, POLLIN, 0});
+      ::poll(fds.data(), fds.size(), -1);
+      if (fds[0].revents)
+        break;
+      if (fds[1].revents & POLLIN) {
+        const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        clients.push_back(client);
+        note("connect");
+        send(client, R"({"class":"VERSION","release":"3.22","proto_major":3,"proto_minor":14})");
+      }
+      for (std::size_t i = 2; i < fds.size(); ++i) {
+        if (!fds[i].revents)
+          continue;
+        char buffer[512];
+        const auto n = ::recv(fds[i].fd, buffer, sizeof buffer, 0);
+        if (n <= 0) {
+          note("close");
+          ::close(fds[i].fd);
+          std::erase(clients, fds[i].fd);
+          continue;
+        }
+        pending.append(buffer, static_cast<std::size_t>(n));
+        for (auto end = pending.find(';'); end != std::string::npos; end = pending.find(';')) {
+          const std::string command = pending.substr(0, end);
+          pending.erase(0, end + 1);
+          const bool enable = command.find(R"("enable":true)") != std::string::npos;
+          note(enable ? "watch" : "unwatch");
+          if (enable) {
+            for (const auto& report : reports_)
+              send(fds[i].fd, report);
+          }
+        }
+      }
+    }
+    for (int c : clients)
+      ::close(c);
+  }
+
+  std::vector<std::string> reports_;
+  int listener_ = -1;
+  int port_ = 0;
+  int stopPipe_[2] = {-1, -1};
+  std::thread thread_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> transcript_;
+};
+
+class Recorder final : public LocationManagerDelegate {
+ public:
+  void didUpdateLocations(const std::vector<Location>& l) override {
+    std::lock_guard lock(mutex_);
+    fixes_.insert(fixes_.end(), l.begin(), l.end());
+    changed_.notify_all();
+  }
+  void didRangeBeacons(const std::vector<Beacon>&, const BeaconRegion&) override {}
+  std::vector<Location> fixes(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, kWait, [&] { return fixes_.size() >= count; });
+    return fixes_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Location> fixes_;
+};
+
+std::string isoTime(TimePoint time) {
+  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.000Z", std::chrono::floor<std::chrono::seconds>(time));
+}
+
+struct Fixture {
+  explicit Fixture(int port) {
+    GpsdOptions options{.host = "127.0.0.1", .port = std::to_string(port), .retryMin = 20ms};
+    manager = std::make_shared<GpsdLocationManager>(dispatcher, std::make_shared<StderrLogger>(),
+                                                    options);
+    manager->setDelegate(recorder);
+    manager->setDesiredAccuracy(Accuracy::ThreeKilometers);
+    manager->setDistanceFilter(99999.0);
+    manager->startUpdatingLocation();
+  }
+  void arm() {
+    manager->setDesiredAccuracy(Accuracy::BestForNavigation);
+    manager->setDistanceFilter(kDistanceFilterNone);
+  }
+  void disarm() {
+    manager->setDesiredAccuracy(Accuracy::ThreeKilometers);
+    manager->setDistanceFilter(99999.0);
+  }
+  ~Fixture() {
+    manager->shutdown();
+    dispatcher->shutdown();
+  }
+  std::shared_ptr<ThreadDispatcher> dispatcher = std::make_shared<ThreadDispatcher>();
+  std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+  std::shared_ptr<GpsdLocationManager> manager;
+};
+
+// Every kind of report that must not become a fix, then three that must; the last one
+// delivered shows that everything before it was read.
+TEST(GpsdLocationManager, DeliversOnlyTpvReportsWithAFixTakenAfterTheArming) {
+  const auto later =
+      std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()) + 60s;
+  const std::string t = isoTime(later);
+  const std::string old = isoTime(later - 3600s);
+  FakeGpsd gpsd({
+      R"({"class":"TPV","mode":1,"time":")" + t + R"(","lat":48.1,"lon":11.5})",    // no fix
+      R"({"class":"TPV","time":")" + t + R"(","lat":48.1,"lon":11.5})",             // no mode
+      R"({"class":"TPV","mode":3,"time":")" + t + R"(","lon":11.5,"eph":5})",       // lat NaN
+      R"({"class":"TPV","mode":3,"time":")" + old + R"(","lat":48.1,"lon":11.5})",  // too old
+      R"({"class":"TPV","mode":3,"lat":48.1,"lon":11.5})",                          // no time
+      R"({"class":"SKY","time":")" + t + R"(","hdop":1.2})",
+      R"(this is not JSON)",
+      R"({"class":"TPV","mode":2,"time":")" + t +
+          R"(","lat":48.1,"lon":11.5,"speed":1.5,"eph":7.5,"epx":3.0,"epy":9.0})",
+      R"({"class":"TPV","mode":3,"time":")" + t + R"(","lat":48.2,"lon":11.6,"epx":3,"epy":9})",
+      R"({"class":"TPV","mode":3,"time":")" + t + R"(","lat":48.3,"lon":11.7,"speed":0.0})",
+  });
+  Fixture f(gpsd.port());
+  EXPECT_EQ(gpsd.transcript(2), (std::vector<std::string>{"connect", "unwatch"}));
+  EXPECT_FALSE(f.manager->watching());
+  f.arm();
+  const auto fixes = f.recorder->fixes(3);
+  ASSERT_EQ(fixes.size(), 3u);
+  const struct {
+    double latitude, longitude, speed, accuracy;
+  } expected[] = {{48.1, 11.5, 1.5, 7.5}, {48.2, 11.6, -1.0, 9.0}, {48.3, 11.7, 0.0, -1.0}};
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_DOUBLE_EQ(fixes[i].latitude, expected[i].latitude) << i;
+    EXPECT_DOUBLE_EQ(fixes[i].longitude, expected[i].longitude) << i;
+    EXPECT_DOUBLE_EQ(fixes[i].speed, expected[i].speed) << i;
+    EXPECT_DOUBLE_EQ(fixes[i].horizontalAccuracy, expected[i].accuracy) << i;
+    EXPECT_EQ(fixes[i].timestamp, later) << i;
+  }
+  EXPECT_EQ(f.manager->status().reports, 8u);
+}
+
+// Idle means not watching, armed means watching; after gpsd was killed and started again the
+// manager reconnects by itself, still armed, and delivers; a stop closes the connection.
+TEST(GpsdLocationManager, MapsSettingsOntoWatchAndReconnectsStillArmedAfterGpsdRestarts) {
+  const std::string report = R"({"class":"TPV","mode":3,"time":")" +
+                             isoTime(std::chrono::system_clock::now() + 3600s) +
+                             R"(","lat":48.1,"lon":11.5,"eph":4})";
+  auto gpsd = std::make_unique<FakeGpsd>(std::vector<std::string>{report});
+  const int port = gpsd->port();
+  Fixture f(port);
+  EXPECT_EQ(gpsd->transcript(2), (std::vector<std::string>{"connect", "unwatch"}));
+  f.arm();
+  EXPECT_EQ(f.recorder->fixes(1).size(), 1u);
+  EXPECT_EQ(gpsd->transcript(3), (std::vector<std::string>{"connect", "unwatch", "watch"}));
+
+  gpsd.reset();  // killed
+  gpsd = std::make_unique<FakeGpsd>(std::vector<std::string>{report}, port);
+  EXPECT_EQ(f.recorder->fixes(2).size(), 2u);
+  EXPECT_EQ(gpsd->transcript(2), (std::vector<std::string>{"connect", "watch"}));
+  EXPECT_EQ(f.manager->status().lostConnections, 1u);
+
+  f.disarm();
+  EXPECT_EQ(gpsd->transcript(3).back(), "unwatch");
+  f.manager->stopUpdatingLocation();
+  EXPECT_EQ(gpsd->transcript(4),
+            (std::vector<std::string>{"connect", "watch", "unwatch", "close"}));
+  EXPECT_FALSE(f.manager->status().connected);
+}
+
+TEST(GpsdLocationManager, ReadsGpsdAddresses) {
+  const std::pair<const char*, const char*> good[] = {{"localhost:2947", "localhost:2947"},
+                                                      {"10.0.0.7", "10.0.0.7:2947"},
+                                                      {":3000", "localhost:3000"},
+                                                      {"[::1]:3000", "::1:3000"},
+                                                      {"[fe80::1]", "fe80::1:2947"}};
+  for (const auto& [text, expected] : good) {
+    const auto options = parseGpsdAddress(text);
+    ASSERT_TRUE(options) << text;
+    EXPECT_EQ(options->host + ":" + options->port, expected);
+  }
+  for (const char* bad :
+       {"", "host:", "host:0", "host:65536", "host:12ab", "::1:2947", "[::1", "[::1]x", "a b:1"})
+    EXPECT_FALSE(parseGpsdAddress(bad)) << bad;
+}
+
+}  // namespace
+}  // namespace zonaris::platform
