@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <thread>
 
+#include <zonaris/platform/production.hpp>
 #include <zonaris/zonaris.hpp>
 
 using Name = std::optional<std::string>;
@@ -19,11 +20,13 @@ int main(int argc, char** argv) {
   if (argc > 1)
     options.baseUrl = argv[1];  // for example a local zonaris-service
   auto delegate = std::make_shared<Printer>();
-  auto client =
-      zonaris::Zonaris::initWithAppKey("demo", zonaris::platform::defaultPlatform(options));
+  zonaris::platform::ProductionPlatform production(options);
+  auto client = zonaris::Zonaris::initWithAppKey("demo", production.platform());
   client->setDelegate(delegate);
   client->start();
   std::this_thread::sleep_for(std::chrono::seconds(2));
   client->stop();
-  std::puts("embed: client started and stopped");
+  client.reset();
+  const bool joined = production.shutdown();  // frees the client, joins every thread
+  std::printf("embed: client started and stopped%s\n", joined ? ", threads joined" : "");
 }
