@@ -215,7 +215,7 @@
     ['entry', 'exit', 'dwell'].forEach(function (type) {
       if (!field(score.latency, type)) return;
       var a = field(score.latency, type), b = field(base && base.latency, type);
-      var cells = ['latency ' + type + ' median / p95', seconds(field(a, 'median')) + ' / ' + seconds(field(a, 'p95'))];
+      var cells = [type + ' latency (median / p95)', seconds(field(a, 'median')) + ' / ' + seconds(field(a, 'p95'))];
       if (base) cells.push(b ? seconds(field(b, 'median')) + ' / ' + seconds(field(b, 'p95')) : '–');
       summary += row(cells);
     });
