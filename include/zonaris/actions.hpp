@@ -1,5 +1,7 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -8,7 +10,7 @@ namespace zonaris {
 
 /// A standard message of the service: title, body and image URL. Immutable.
 /// A key the service left out reads as the text "(null)".
-class ZonarisActionBasic {
+class ZONARIS_API ZonarisActionBasic {
  public:
   ZonarisActionBasic() = default;
   ZonarisActionBasic(std::string title, std::string body, std::string url)
@@ -25,7 +27,7 @@ class ZonarisActionBasic {
 };
 
 /// The application's own keys of a message, without the three standard ones. Immutable.
-class ZonarisActionData {
+class ZONARIS_API ZonarisActionData {
  public:
   ZonarisActionData() = default;
   /// `values` should be a JSON object; anything else is kept as an empty object.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -38,7 +40,7 @@ enum class ZonarisCallback {
 /// background thread of the library (one per position fix). Passes of successive fixes can
 /// overlap, so two callbacks may run at once. A callback blocks the library while it runs.
 /// Exceptions must not leave a callback.
-class ZonarisDelegate {
+class ZONARIS_API ZonarisDelegate {
  public:
   virtual ~ZonarisDelegate() = default;
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -12,7 +14,7 @@ namespace zonaris {
 
 /// One dwell window of a fence: staying inside the fence for longer than `dwell_time` seconds
 /// is itself an event. Thread-safe: every field is read and written whole.
-class ZonarisDwell {
+class ZONARIS_API ZonarisDwell {
  public:
   /// An inactive window with no duration (dwell_time -1, active false).
   ZonarisDwell() = default;
@@ -35,7 +37,7 @@ using DwellList = std::vector<std::shared_ptr<ZonarisDwell>>;
 /// towards it. Text fields may hold no value (null) when the service left the key out.
 /// Thread-safe: scalars are atomic, text and the window list are replaced whole under a lock
 /// and read as copies (the window list as a shared snapshot).
-class ZonarisFence {
+class ZONARIS_API ZonarisFence {
  public:
   using Text = std::optional<std::string>;
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 #include <cstdint>
 
 #include "zonaris/platform/store.hpp"
@@ -8,7 +10,7 @@ namespace zonaris {
 
 /// Keeps the installation's id across launches, under the key "installId" of the platform's
 /// key/value store. Stateless: both operations are static.
-class ZonarisUserDefaults {
+class ZONARIS_API ZonarisUserDefaults {
  public:
   static constexpr const char* kInstallIdKey = "installId";
 

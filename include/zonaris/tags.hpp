@@ -1,5 +1,7 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 #include <mutex>
 #include <string>
 
@@ -11,7 +13,7 @@ namespace zonaris {
 ///
 /// The client keeps the tags by reference (`Zonaris::setTags`), so changes the application
 /// makes later are carried by later observations. All operations are thread-safe.
-class ZonarisTags {
+class ZONARIS_API ZonarisTags {
  public:
   ZonarisTags() = default;
   /// `values` should be a JSON object; anything else starts an empty one.

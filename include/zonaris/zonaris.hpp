@@ -1,5 +1,7 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -39,8 +41,8 @@ inline constexpr const char* kZonarisVersion = "2.0.03.30";
 ///
 /// The operations after the application's eight are the client's own steps. They are public so
 /// that simulators and tests can drive them, but an application does not need to call them.
-class Zonaris : public platform::LocationManagerDelegate,
-                public std::enable_shared_from_this<Zonaris> {
+class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
+                            public std::enable_shared_from_this<Zonaris> {
  public:
   static constexpr double kNoDistance = std::numeric_limits<double>::max();
   static constexpr std::int32_t kNoDwellPending = std::numeric_limits<std::int32_t>::max();

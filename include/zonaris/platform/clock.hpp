@@ -1,5 +1,7 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 #include <chrono>
 
 namespace zonaris::platform {
@@ -10,7 +12,7 @@ using TimePoint = std::chrono::system_clock::time_point;
 using Duration = std::chrono::nanoseconds;
 
 /// Date and calendar of the device.
-class Clock {
+class ZONARIS_API Clock {
  public:
   virtual ~Clock() = default;
   /// The current time. Callable from any thread.

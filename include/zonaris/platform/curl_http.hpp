@@ -1,5 +1,7 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 #include <chrono>
 #include <cstddef>
 #include <memory>
@@ -8,7 +10,7 @@
 
 namespace zonaris::platform {
 
-struct CurlHttpOptions {
+struct ZONARIS_API CurlHttpOptions {
   /// Whole-request time-out. Mobile platforms give a request 60 s by default.
   std::chrono::milliseconds timeout{60000};
   /// Largest response body accepted; a larger one is a transport error.
@@ -17,6 +19,6 @@ struct CurlHttpOptions {
 
 /// The production HTTP client over libcurl: one easy handle per request, no signals, TLS peer
 /// and host verification on. Thread-safe.
-std::shared_ptr<HttpClient> makeCurlHttpClient(const CurlHttpOptions& options = {});
+ZONARIS_API std::shared_ptr<HttpClient> makeCurlHttpClient(const CurlHttpOptions& options = {});
 
 }  // namespace zonaris::platform

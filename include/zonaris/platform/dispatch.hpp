@@ -1,5 +1,7 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 #include <functional>
 #include <memory>
 
@@ -10,7 +12,7 @@ namespace zonaris::platform {
 using Task = std::function<void()>;
 
 /// A repeating timer started by `Dispatcher::startTicker`.
-class TickerHandle {
+class ZONARIS_API TickerHandle {
  public:
   virtual ~TickerHandle() = default;
   /// Stops further ticks. A tick already running finishes; no tick starts after this returns.
@@ -22,7 +24,7 @@ class TickerHandle {
 ///
 /// No operation ever runs the task it is given before it returns: work is always deferred.
 /// Tasks must not throw; a dispatcher that meets an escaping exception logs it and goes on.
-class Dispatcher {
+class ZONARIS_API Dispatcher {
  public:
   virtual ~Dispatcher() = default;
   /// Runs `task` on a new thread of its own (a detached thread).

@@ -1,19 +1,21 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace zonaris::platform {
 
-struct HttpRequest {
+struct ZONARIS_API HttpRequest {
   std::string method;  ///< "GET" or "POST"
   std::string url;     ///< absolute URL
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
 };
 
-struct HttpResponse {
+struct ZONARIS_API HttpResponse {
   /// True when no complete HTTP answer arrived (connection refused, time-out, TLS failure,
   /// body over the size cap...).
   bool transportError = false;
@@ -26,7 +28,7 @@ struct HttpResponse {
 
 /// The synchronous send. `send` blocks the calling thread until the answer or a transport
 /// error, and never throws. Callable from any thread, concurrently.
-class HttpClient {
+class ZONARIS_API HttpClient {
  public:
   virtual ~HttpClient() = default;
   virtual HttpResponse send(const HttpRequest& request) = 0;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -12,7 +14,7 @@
 namespace zonaris::platform {
 
 /// One position fix.
-struct Location {
+struct ZONARIS_API Location {
   double latitude = 0.0;            ///< degrees
   double longitude = 0.0;           ///< degrees
   double speed = -1.0;              ///< metres per second as measured by the device; < 0 unknown
@@ -25,7 +27,7 @@ struct Location {
 };
 
 /// One sighting of an iBeacon.
-struct Beacon {
+struct ZONARIS_API Beacon {
   std::string uuid;  ///< proximity UUID in canonical upper-case text form
   std::int32_t major = 0;
   std::int32_t minor = 0;
@@ -35,10 +37,10 @@ struct Beacon {
 
 /// Parses a UUID in its 8-4-4-4-12 hexadecimal text form (either case) and returns its
 /// canonical upper-case text, or nothing when `text` is not a UUID.
-std::optional<std::string> canonicalUUID(std::string_view text);
+ZONARIS_API std::optional<std::string> canonicalUUID(std::string_view text);
 
 /// A region of iBeacons: every beacon with this proximity UUID (no major or minor given).
-struct BeaconRegion {
+struct ZONARIS_API BeaconRegion {
   std::string uuid;  ///< canonical upper-case text
   std::string identifier;
   bool notifyOnEntry = false;
@@ -53,7 +55,7 @@ inline constexpr double kDistanceFilterNone = -1.0;
 
 /// Receives what the location service delivers. Both callbacks arrive on the main queue,
 /// never before the call that caused them has returned.
-class LocationManagerDelegate {
+class ZONARIS_API LocationManagerDelegate {
  public:
   virtual ~LocationManagerDelegate() = default;
   /// Fixes in time order; never empty.
@@ -63,7 +65,7 @@ class LocationManagerDelegate {
 
 /// The device's location service. Calls are made from any of the client's threads; an
 /// implementation guards its own state.
-class LocationManager {
+class ZONARIS_API LocationManager {
  public:
   virtual ~LocationManager() = default;
   /// The delegate is held weakly: a delegate that went away gets nothing.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -19,7 +21,7 @@
 namespace zonaris::platform {
 
 /// Facts about the device.
-class DeviceInfo {
+class ZONARIS_API DeviceInfo {
  public:
   virtual ~DeviceInfo() = default;
   /// The operating system's version text, for example "17.0" or "9.3.5".
@@ -27,7 +29,7 @@ class DeviceInfo {
 };
 
 /// The symbols of the calling thread's stack, one string per frame, innermost first.
-class CallStack {
+class ZONARIS_API CallStack {
  public:
   virtual ~CallStack() = default;
   virtual std::vector<std::string> symbols() const = 0;
@@ -35,7 +37,7 @@ class CallStack {
 
 /// Everything through which the library reaches the outside world. A client keeps its
 /// Platform for its whole life; all parts must be set.
-struct Platform {
+struct ZONARIS_API Platform {
   /// Makes the location service handle; called once, by `Zonaris::initWithAppKey`.
   std::function<std::shared_ptr<LocationManager>()> makeLocationManager;
   std::shared_ptr<HttpClient> http;
@@ -54,7 +56,7 @@ struct Platform {
 };
 
 /// Options of the production platform.
-struct DefaultPlatformOptions {
+struct ZONARIS_API DefaultPlatformOptions {
   /// Folder of the key/value store; created when missing. Empty: $XDG_DATA_HOME/zonaris,
   /// else $HOME/.local/share/zonaris, else ./zonaris-data.
   std::string storeDirectory;
@@ -75,6 +77,6 @@ struct DefaultPlatformOptions {
 /// Scheduled work holds a client, so a client made on it (with its threads) may live until the
 /// process ends; to free clients and threads at a moment of the application's choosing, use
 /// `ProductionPlatform` (zonaris/platform/production.hpp) instead.
-Platform defaultPlatform(const DefaultPlatformOptions& options = {});
+ZONARIS_API Platform defaultPlatform(const DefaultPlatformOptions& options = {});
 
 }  // namespace zonaris::platform

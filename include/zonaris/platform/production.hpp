@@ -1,5 +1,7 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 // The production platform's parts, for applications that assemble a platform of their own
 // (or take `defaultPlatform()` and replace a part) and for tests of the parts themselves.
 
@@ -30,7 +32,7 @@ class GpsdLocationManager;
 ///     client->stop();
 ///     client.reset();
 ///     production.shutdown();  // every thread joined, every client released
-class ProductionPlatform {
+class ZONARIS_API ProductionPlatform {
  public:
   explicit ProductionPlatform(const DefaultPlatformOptions& options = {});
   /// Calls `shutdown()` with its default time-out.
@@ -77,12 +79,14 @@ class ProductionPlatform {
 ///   against a tick waiting for a lock it holds). Invalidating releases the tick function.
 ///
 /// No operation runs its task before it returns. An exception that escapes a task is caught and
-/// written to stderr; the thread goes on. The two owned threads start on first use.
+/// the thread goes on; the failure is written to the logger given to `setLogger` (none by default:
+/// the library writes nothing outside developer mode but its beacon lines). The two owned
+/// threads start on first use.
 ///
 /// Lifetime: tasks usually hold the client, and the client holds its platform and so this
 /// dispatcher. `shutdown()` drops queued work and releases what it holds; the destructor calls
 /// it as well. Applications use `ProductionPlatform::shutdown`, which calls it.
-class ThreadDispatcher final : public Dispatcher {
+class ZONARIS_API ThreadDispatcher final : public Dispatcher {
  public:
   ThreadDispatcher();
   ~ThreadDispatcher() override;
@@ -105,6 +109,12 @@ class ThreadDispatcher final : public Dispatcher {
   /// `timeout` passed. True when none is left running.
   bool waitForDetachedTasks(std::chrono::milliseconds timeout);
 
+  /// Where failures of the dispatcher itself are written (a task's escaped exception, a thread
+  /// that could not start); null, the default, writes them nowhere.
+  void setLogger(std::shared_ptr<Logger> logger);
+
+  class Diagnostics;
+
  private:
   struct State;
   static void mainLoop(std::shared_ptr<State> state);
@@ -125,8 +135,9 @@ class ThreadDispatcher final : public Dispatcher {
 /// re-read the file before changing it, so two stores over the same folder keep each other's
 /// keys. Reads take the file as it is: missing, unreadable or malformed content, a value that is
 /// not an integer or does not fit 64 bits, all read as 0. Thread-safe; never throws; a failed
-/// write is reported on stderr and leaves the earlier value.
-class FileStore final : public KeyValueStore {
+/// write leaves the earlier value and is written to the logger given to `setLogger` (none by
+/// default).
+class ZONARIS_API FileStore final : public KeyValueStore {
  public:
   static constexpr const char* kFileName = "zonaris-store.json";
 
@@ -137,15 +148,18 @@ class FileStore final : public KeyValueStore {
   const std::string& directory() const { return directory_; }
   /// The path of the store's file.
   std::string filePath() const;
+  /// Where failed writes are reported; null, the default, reports them nowhere.
+  void setLogger(std::shared_ptr<Logger> logger);
 
  private:
   std::string directory_;
   mutable std::mutex mutex_;
+  std::shared_ptr<Logger> logger_;
 };
 
 /// Writes each line to stderr (after `prefix`), with one write call per line so that lines
 /// from several threads do not interleave.
-class StderrLogger final : public Logger {
+class ZONARIS_API StderrLogger final : public Logger {
  public:
   explicit StderrLogger(std::string prefix = {});
   void log(std::string_view line) override;
@@ -157,7 +171,7 @@ class StderrLogger final : public Logger {
 
 /// The system clock; the hour of the day in the process's local time zone (TZ, else
 /// /etc/localtime).
-class SystemClock final : public Clock {
+class ZONARIS_API SystemClock final : public Clock {
  public:
   TimePoint now() const override;
   int hourOfDay(TimePoint time) const override;
@@ -167,7 +181,7 @@ class SystemClock final : public Clock {
 /// /usr/lib/os-release), for example "12" or "22.04", which like a phone's system version names
 /// the release the user installed; when there is none, the kernel release from uname (for
 /// example "6.1.0-18-amd64"); "0" when even that fails. Read once, at construction.
-class SystemDeviceInfo final : public DeviceInfo {
+class ZONARIS_API SystemDeviceInfo final : public DeviceInfo {
  public:
   SystemDeviceInfo();
   std::string systemVersion() const override { return version_; }
@@ -179,13 +193,13 @@ class SystemDeviceInfo final : public DeviceInfo {
 /// The calling thread's stack through glibc's backtrace(): one text per frame, innermost first,
 /// starting with the caller of `symbols()`. Names of functions in the executable itself appear
 /// only when it is linked with -rdynamic; otherwise a frame shows its module and address.
-class BacktraceCallStack final : public CallStack {
+class ZONARIS_API BacktraceCallStack final : public CallStack {
  public:
   std::vector<std::string> symbols() const override;
 };
 
 /// What a `FeedLocationManager`'s user (the client) currently asks of the position source.
-struct FeedSettings {
+struct ZONARIS_API FeedSettings {
   bool updating = false;
   Accuracy desiredAccuracy = Accuracy::BestForNavigation;
   double distanceFilter = kDistanceFilterNone;
@@ -207,7 +221,7 @@ struct FeedSettings {
 /// is delivered; they are exposed through `settings()` and the settings listener so that the
 /// source can, for example, power a GPS receiver down while only a coarse position is wanted.
 /// Thread-safe: every operation may be called from any thread.
-class FeedLocationManager final : public LocationManager {
+class ZONARIS_API FeedLocationManager final : public LocationManager {
  public:
   explicit FeedLocationManager(std::shared_ptr<Dispatcher> dispatcher);
 
@@ -231,7 +245,8 @@ class FeedLocationManager final : public LocationManager {
   /// delivered. Returns whether it will be delivered.
   bool pushLocation(const Location& fix);
   /// Offers one ranging round: every ranged region receives the beacons of its UUID (compared
-  /// without regard to case; beacons whose UUID is not a UUID are left out), possibly none.
+  /// without regard to case and delivered as canonical upper-case text; beacons whose UUID is
+  /// not a UUID are left out), possibly none.
   /// Returns the number of regions that will receive a callback.
   std::size_t pushBeacons(const std::vector<Beacon>& beacons);
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "zonaris/export.h"
+
 #include <cstdint>
 #include <string>
 
@@ -7,7 +9,7 @@ namespace zonaris::platform {
 
 /// The application's persistent key/value store. Values survive a restart of the process.
 /// Callable from any thread.
-class KeyValueStore {
+class ZONARIS_API KeyValueStore {
  public:
   virtual ~KeyValueStore() = default;
   /// The integer stored under `key`; 0 when nothing (or something unreadable) is stored.

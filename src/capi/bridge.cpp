@@ -1,0 +1,246 @@
+#include "capi/bridge.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+#include "zonaris/zonaris.hpp"
+
+namespace zonaris::capi {
+
+namespace {
+
+thread_local std::string lastError;
+thread_local const void* currentOwner = nullptr;
+
+// Marks the calling thread as running a callback of `owner` for the life of the scope.
+class OwnerScope {
+ public:
+  explicit OwnerScope(const void* owner) : previous_(currentOwner) { currentOwner = owner; }
+  ~OwnerScope() { currentOwner = previous_; }
+  OwnerScope(const OwnerScope&) = delete;
+  OwnerScope& operator=(const OwnerScope&) = delete;
+
+ private:
+  const void* previous_;
+};
+
+const char* nameOrNull(const std::optional<std::string>& name) {
+  return name ? name->c_str() : nullptr;
+}
+
+}  // namespace
+
+zonaris_status fail(zonaris_status status, std::string_view message) noexcept {
+  try {
+    lastError.assign(message);
+  } catch (...) {
+    lastError.clear();
+  }
+  return status;
+}
+
+bool copyCallbacks(const zonaris_callbacks& in, zonaris_callbacks& out) {
+  constexpr std::size_t minimum = offsetof(zonaris_callbacks, user) + sizeof(void*);
+  if (in.struct_size < minimum)
+    return false;
+  out = zonaris_callbacks{};
+  std::memcpy(&out, &in, std::min(in.struct_size, sizeof(zonaris_callbacks)));
+  out.struct_size = sizeof(zonaris_callbacks);
+  return true;
+}
+
+const void* callbackOwner() {
+  return currentOwner;
+}
+
+template <class Call>
+void CallbackDelegate::call(Call&& call) const {
+  OwnerScope scope(owner_);
+  call(callbacks_);
+}
+
+bool CallbackDelegate::logLine(std::string_view line) const {
+  if (!callbacks_.logLine)
+    return false;
+  const std::string text(line);
+  call([&](const zonaris_callbacks& c) { c.logLine(c.user, text.c_str()); });
+  return true;
+}
+
+bool CallbackDelegate::respondsTo(ZonarisCallback callback) const {
+  const auto& c = callbacks_;
+  switch (callback) {
+    case ZonarisCallback::updatedInitLocation:
+      return c.updatedInitLocation != nullptr;
+    case ZonarisCallback::updatedDistanceToNearestFence:
+      return c.updatedDistanceToNearestFence != nullptr;
+    case ZonarisCallback::updatedBeaconScan:
+      return c.updatedBeaconScan != nullptr;
+    case ZonarisCallback::reportSent:
+      return c.reportSent != nullptr;
+    case ZonarisCallback::eventEnterCallback:
+      return c.eventEnterCallback != nullptr;
+    case ZonarisCallback::eventExitCallback:
+      return c.eventExitCallback != nullptr;
+    case ZonarisCallback::eventDwellCallback:
+      return c.eventDwellCallback != nullptr;
+    case ZonarisCallback::actionBasicCallback:
+      return c.actionBasicCallback != nullptr;
+    case ZonarisCallback::actionDataCallback:
+      return c.actionDataCallback != nullptr;
+    case ZonarisCallback::updatedSpeed:
+      return c.updatedSpeed != nullptr;
+    case ZonarisCallback::updatedAvgSpeed:
+      return c.updatedAvgSpeed != nullptr;
+    case ZonarisCallback::updatedInterval:
+      return c.updatedInterval != nullptr;
+    case ZonarisCallback::updatedGPSAccuracy:
+      return c.updatedGPSAccuracy != nullptr;
+  }
+  return false;
+}
+
+void CallbackDelegate::updatedInitLocation(const platform::Location& l) {
+  const zonaris_location location{l.latitude, l.longitude, l.speed, l.horizontalAccuracy,
+                                  toUnixSeconds(l.timestamp)};
+  call([&](const zonaris_callbacks& c) { c.updatedInitLocation(c.user, &location); });
+}
+
+void CallbackDelegate::updatedDistanceToNearestFence(double distance, bool inside) {
+  call([&](const zonaris_callbacks& c) {
+    c.updatedDistanceToNearestFence(c.user, distance, inside ? 1 : 0);
+  });
+}
+
+void CallbackDelegate::updatedBeaconScan(bool scanning) {
+  call([&](const zonaris_callbacks& c) { c.updatedBeaconScan(c.user, scanning ? 1 : 0); });
+}
+
+void CallbackDelegate::reportSent() {
+  call([&](const zonaris_callbacks& c) { c.reportSent(c.user); });
+}
+
+void CallbackDelegate::eventEnterCallback(const std::optional<std::string>& name) {
+  call([&](const zonaris_callbacks& c) { c.eventEnterCallback(c.user, nameOrNull(name)); });
+}
+
+void CallbackDelegate::eventExitCallback(const std::optional<std::string>& name) {
+  call([&](const zonaris_callbacks& c) { c.eventExitCallback(c.user, nameOrNull(name)); });
+}
+
+void CallbackDelegate::eventDwellCallback(const std::optional<std::string>& name) {
+  call([&](const zonaris_callbacks& c) { c.eventDwellCallback(c.user, nameOrNull(name)); });
+}
+
+void CallbackDelegate::actionBasicCallback(std::shared_ptr<const ZonarisActionBasic> action) {
+  if (!action)
+    return;
+  call([&](const zonaris_callbacks& c) {
+    c.actionBasicCallback(c.user, action->getTitle().c_str(), action->getBody().c_str(),
+                          action->getURL().c_str());
+  });
+}
+
+void CallbackDelegate::actionDataCallback(std::shared_ptr<const ZonarisActionData> action) {
+  if (!action)
+    return;
+  const std::string values =
+      action->values().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  call([&](const zonaris_callbacks& c) { c.actionDataCallback(c.user, values.c_str()); });
+}
+
+void CallbackDelegate::updatedSpeed(float speed) {
+  call([&](const zonaris_callbacks& c) { c.updatedSpeed(c.user, speed); });
+}
+
+void CallbackDelegate::updatedAvgSpeed(float speed) {
+  call([&](const zonaris_callbacks& c) { c.updatedAvgSpeed(c.user, speed); });
+}
+
+void CallbackDelegate::updatedInterval(std::int32_t seconds) {
+  call([&](const zonaris_callbacks& c) { c.updatedInterval(c.user, seconds); });
+}
+
+void CallbackDelegate::updatedGPSAccuracy(float metres) {
+  call([&](const zonaris_callbacks& c) { c.updatedGPSAccuracy(c.user, metres); });
+}
+
+void ForwardingLogger::log(std::string_view line) {
+  std::shared_ptr<const CallbackDelegate> target;
+  std::shared_ptr<platform::Logger> fallback;
+  {
+    std::lock_guard lock(mutex_);
+    if (silent_)
+      return;
+    target = target_;
+    fallback = fallback_;
+  }
+  if (target && target->logLine(line))
+    return;
+  if (fallback)
+    fallback->log(line);
+}
+
+void ForwardingLogger::setTarget(std::shared_ptr<const CallbackDelegate> target) {
+  std::lock_guard lock(mutex_);
+  target_ = std::move(target);
+}
+
+void ForwardingLogger::silence() {
+  std::lock_guard lock(mutex_);
+  silent_ = true;
+  target_.reset();
+  fallback_.reset();
+}
+
+platform::TimePoint fromUnixSeconds(double seconds) {
+  return platform::TimePoint(std::chrono::duration_cast<platform::TimePoint::duration>(
+      std::chrono::duration<double>(seconds)));
+}
+
+double toUnixSeconds(platform::TimePoint time) {
+  return std::chrono::duration<double>(time.time_since_epoch()).count();
+}
+
+}  // namespace zonaris::capi
+
+// ---- Identity -------------------------------------------------------------------------------
+
+extern "C" {
+
+ZONARIS_API const char* zonaris_version(void) {
+  return zonaris::kZonarisVersion;
+}
+
+ZONARIS_API int zonaris_abi_version(void) {
+  return ZONARIS_ABI_VERSION;
+}
+
+ZONARIS_API const char* zonaris_status_text(zonaris_status status) {
+  switch (status) {
+    case ZONARIS_STATUS_OK:
+      return "ok";
+    case ZONARIS_STATUS_INVALID_ARGUMENT:
+      return "invalid argument";
+    case ZONARIS_STATUS_INVALID_STATE:
+      return "invalid state";
+    case ZONARIS_STATUS_UNSUPPORTED:
+      return "unsupported";
+    case ZONARIS_STATUS_IO_ERROR:
+      return "input/output error";
+    case ZONARIS_STATUS_OUT_OF_MEMORY:
+      return "out of memory";
+    case ZONARIS_STATUS_TIMEOUT:
+      return "timeout";
+    case ZONARIS_STATUS_INTERNAL:
+      return "internal error";
+  }
+  return "unknown status";
+}
+
+ZONARIS_API const char* zonaris_last_error(void) {
+  return zonaris::capi::lastError.c_str();
+}
+
+}  // extern "C"

@@ -1,0 +1,101 @@
+#pragma once
+
+// What the C API's entry points share: the calling thread's last error, the guard that keeps
+// every exception inside the library, and the delegate that calls the C callbacks.
+
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include "zonaris/delegate.hpp"
+#include "zonaris/platform/log.hpp"
+#include "zonaris/zonaris.h"
+
+namespace zonaris::capi {
+
+/// Records `message` as the calling thread's last error and returns `status`.
+zonaris_status fail(zonaris_status status, std::string_view message) noexcept;
+
+/// Runs `body` (which returns a zonaris_status) and turns anything it throws into a status.
+template <class Body>
+zonaris_status guarded(Body&& body) noexcept {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    return fail(ZONARIS_STATUS_OUT_OF_MEMORY, "out of memory");
+  } catch (const std::exception& e) {
+    return fail(ZONARIS_STATUS_INTERNAL, e.what());
+  } catch (...) {
+    return fail(ZONARIS_STATUS_INTERNAL, "unexpected failure");
+  }
+}
+
+/// Copies a callbacks struct given by the application, reading no more than its struct_size
+/// says it holds (an older, shorter struct leaves the newer pointers null). False when
+/// `struct_size` is too small to hold even the `user` pointer.
+bool copyCallbacks(const zonaris_callbacks& in, zonaris_callbacks& out);
+
+/// The owner (a client or simulation handle) whose callback the calling thread is running, or
+/// null outside callbacks.
+const void* callbackOwner();
+
+/// Calls the C callbacks. Each delegate operation is wanted exactly when its pointer is set.
+/// Exceptions cannot come back through a C callback, so none is caught here.
+class CallbackDelegate final : public ZonarisDelegate {
+ public:
+  CallbackDelegate(const zonaris_callbacks& callbacks, const void* owner)
+      : callbacks_(callbacks), owner_(owner) {}
+
+  const zonaris_callbacks& callbacks() const { return callbacks_; }
+  /// Passes one log line to logLine; false when there is none.
+  bool logLine(std::string_view line) const;
+
+  bool respondsTo(ZonarisCallback callback) const override;
+  void updatedInitLocation(const platform::Location& location) override;
+  void updatedDistanceToNearestFence(double distance, bool inside) override;
+  void updatedBeaconScan(bool scanning) override;
+  void reportSent() override;
+  void eventEnterCallback(const std::optional<std::string>& name) override;
+  void eventExitCallback(const std::optional<std::string>& name) override;
+  void eventDwellCallback(const std::optional<std::string>& name) override;
+  void actionBasicCallback(std::shared_ptr<const ZonarisActionBasic> action) override;
+  void actionDataCallback(std::shared_ptr<const ZonarisActionData> action) override;
+  void updatedSpeed(float speed) override;
+  void updatedAvgSpeed(float speed) override;
+  void updatedInterval(std::int32_t seconds) override;
+  void updatedGPSAccuracy(float metres) override;
+
+ private:
+  template <class Call>
+  void call(Call&& call) const;
+
+  const zonaris_callbacks callbacks_;
+  const void* owner_;
+};
+
+/// The platform log of a handle: each line goes to the current delegate's logLine, or to
+/// `fallback` (may be null) when the delegate has none. `silence()` drops every later line.
+class ForwardingLogger final : public platform::Logger {
+ public:
+  explicit ForwardingLogger(std::shared_ptr<platform::Logger> fallback)
+      : fallback_(std::move(fallback)) {}
+  void log(std::string_view line) override;
+  void setTarget(std::shared_ptr<const CallbackDelegate> target);
+  void silence();
+
+ private:
+  std::mutex mutex_;
+  std::shared_ptr<platform::Logger> fallback_;
+  std::shared_ptr<const CallbackDelegate> target_;
+  bool silent_ = false;
+};
+
+/// Seconds since 1970 as a time point, and back.
+platform::TimePoint fromUnixSeconds(double seconds);
+double toUnixSeconds(platform::TimePoint time);
+
+}  // namespace zonaris::capi
