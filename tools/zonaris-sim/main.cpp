@@ -2,11 +2,8 @@
 // embedded reference service (sharing the virtual clock) or an external one, and prints every
 // log line and delegate callback as JSON lines on stdout. A short summary goes to stderr.
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -17,109 +14,14 @@
 #include <curl/curl.h>
 #include <fmt/format.h>
 
-#include "counting_http.hpp"
-#include "counting_location.hpp"
 #include "json_lines.hpp"
 #include "score.hpp"
 #include "sim_options.hpp"
-#include "zonaris-service/reference_service.hpp"
-#include "zonaris/platform/curl_http.hpp"
-#include "zonaris/platform/production.hpp"
-#include "zonaris/sim/input_error.hpp"
-#include "zonaris/sim/location_manager.hpp"
-#include "zonaris/sim/sim_platform.hpp"
+#include "sim_run.hpp"
 #include "zonaris/zonaris.hpp"
 
 namespace zonaris::sim_tool {
 namespace {
-
-/// An error in the user's input: reported as one line, exit status 2.
-struct UsageError {
-  std::string message;
-};
-
-/// A new private folder under the system's temporary folder, removed when the run ends.
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::error_code ec;
-    auto base = std::filesystem::temp_directory_path(ec);
-    if (ec)
-      base = "/tmp";
-    std::string pattern = (base / "zonaris-sim-XXXXXX").string();
-    if (::mkdtemp(pattern.data()))
-      path_ = pattern;
-  }
-  ~TemporaryFolder() {
-    if (!path_.empty()) {
-      std::error_code ec;
-      std::filesystem::remove_all(path_, ec);
-    }
-  }
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-/// What the run needs, read and checked before anything starts.
-struct Inputs {
-  std::shared_ptr<const sim::Trace> trace;
-  std::shared_ptr<const sim::BeaconSightings> beacons;
-  platform::TimePoint start;
-  platform::Duration until;
-  std::shared_ptr<ZonarisTags> tags;
-  std::optional<std::string> uuid;
-  std::vector<service_tool::Fence> scoreFences;  ///< with --score
-};
-
-std::variant<Inputs, UsageError> readInputs(const Options& o) {
-  Inputs in;
-  try {
-    in.trace = std::make_shared<const sim::Trace>(sim::Trace::load(o.trace));
-    if (o.beacons)
-      in.beacons =
-          std::make_shared<const sim::BeaconSightings>(sim::BeaconSightings::load(*o.beacons));
-  } catch (const std::exception& e) {
-    return UsageError{e.what()};
-  }
-  if (in.trace->points().empty())
-    return UsageError{o.trace + ": the trace has no points"};
-
-  if (o.start) {
-    auto start = sim::parseLocalTime(*o.start);
-    if (!start)
-      return UsageError{"--start: not a local time YYYY-MM-DDTHH:MM:SS: " + *o.start};
-    in.start = *start;
-  } else {
-    in.start = in.trace->startTime().value_or(sim::defaultStartTime());
-  }
-
-  const double seconds = o.until.value_or(in.trace->duration() + 60.0);
-  in.until = std::chrono::duration_cast<platform::Duration>(std::chrono::duration<double>(seconds));
-
-  if (o.tags) {
-    auto tags = nlohmann::json::parse(*o.tags, nullptr, false);
-    if (tags.is_discarded() || !tags.is_object())
-      return UsageError{"--tags: not a JSON object: " + *o.tags};
-    in.tags = std::make_shared<ZonarisTags>(std::move(tags));
-  }
-  if (o.uuid) {
-    in.uuid = platform::canonicalUUID(*o.uuid);
-    if (!in.uuid)
-      return UsageError{"--uuid: not a UUID: " + *o.uuid};
-  }
-  if (o.score && o.fences) {
-    std::string error;
-    auto fences = readScoreFences(*o.fences, error);
-    if (!fences)
-      return UsageError{error};
-    in.scoreFences = std::move(*fences);
-  }
-  return in;
-}
 
 /// Hands every callback on to the JSON lines and keeps the confirmed events for the score.
 class EventRecorder final : public ZonarisDelegate {
@@ -255,135 +157,35 @@ void printSummary(const Options& o, const Inputs& in, const JsonLinesWriter& wri
 }
 
 int run(const Options& o) {
-  auto inputs = readInputs(o);
-  if (auto* error = std::get_if<UsageError>(&inputs)) {
+  auto opened = SimRun::open(o);
+  if (auto* error = std::get_if<RunError>(&opened)) {
     std::fprintf(stderr, "zonaris-sim: %s\n", error->message.c_str());
-    return kUsageError;
+    return error->status;
   }
-  const Inputs& in = std::get<Inputs>(inputs);
+  SimRun& simRun = *std::get<std::unique_ptr<SimRun>>(opened);
+  const Inputs& in = simRun.inputs();
   const auto wallStart = std::chrono::steady_clock::now();
 
-  // The scheduler exists only once the simulation does, but the service and the output need
-  // its clock from the start; until then the clock stands at the start time.
-  auto scheduler = std::make_shared<std::atomic<sim::Scheduler*>>(nullptr);
-  const platform::TimePoint start = in.start;
-  auto virtualNow = [scheduler, start] {
-    sim::Scheduler* s = scheduler->load();
-    return s ? s->now() : start;
-  };
-
-  std::unique_ptr<service_tool::ReferenceService> service;
-  std::string baseUrl;
-  if (o.fences) {
-    service_tool::ServiceOptions serviceOptions;
-    serviceOptions.fencesFile = *o.fences;
-    serviceOptions.now = virtualNow;
-    service = std::make_unique<service_tool::ReferenceService>(std::move(serviceOptions));
-    if (!service->ok()) {
-      std::fprintf(stderr, "zonaris-sim: %s\n", service->error().c_str());
-      return kUsageError;
-    }
-    if (service->start(0) < 0) {
-      std::fprintf(stderr, "zonaris-sim: cannot start the embedded service: %s\n",
-                   service->error().c_str());
-      return 1;
-    }
-    baseUrl = service->baseUrl();
-  } else {
-    baseUrl = *o.service;
+  auto elapsed = [&simRun] { return simRun.elapsedSeconds(); };
+  JsonLinesWriter writer(stdout, elapsed);
+  auto recorder = std::make_shared<EventRecorder>(writer, elapsed);
+  if (auto error =
+          simRun.start(recorder, [&writer](std::string_view line) { writer.logLine(line); })) {
+    std::fprintf(stderr, "zonaris-sim: %s\n", error->message.c_str());
+    return error->status;
   }
-
-  std::optional<TemporaryFolder> temporaryStore;
-  std::string storeFolder;
-  if (o.store) {
-    storeFolder = *o.store;
-  } else {
-    temporaryStore.emplace();
-    if (temporaryStore->path().empty()) {
-      std::fputs("zonaris-sim: cannot make a temporary folder for the store\n", stderr);
-      return 1;
-    }
-    storeFolder = temporaryStore->path();
-  }
-
-  JsonLinesWriter writer(stdout, [virtualNow, start] {
-    return std::chrono::duration<double>(virtualNow() - start).count();
-  });
-  // The requests are counted as the device makes them, before the simulated network.
-  auto simScheduler = std::make_shared<sim::Scheduler>(in.start);
-  std::shared_ptr<sim::SimNetwork> network;
-  std::shared_ptr<platform::HttpClient> transport = platform::makeCurlHttpClient();
-  if (o.network.active()) {
-    network = std::make_shared<sim::SimNetwork>(transport, simScheduler, o.network);
-    transport = network;
-  }
-  auto http = std::make_shared<CountingHttpClient>(transport, baseUrl);
-  std::shared_ptr<CountingLocationManager> location;
-  std::shared_ptr<EventRecorder> recorder;
-
-  {
-    sim::SimulationOptions options;
-    options.start = in.start;
-    options.scheduler = simScheduler;
-    options.systemVersion = o.systemVersion;
-    options.baseUrl = baseUrl;
-    options.http = http;
-    options.store = std::make_shared<platform::FileStore>(storeFolder);
-    options.logSink = [&writer](std::string_view line) { writer.logLine(line); };
-    auto trace = in.trace;
-    auto beacons = in.beacons;
-    const auto device = o.device;
-    options.makeLocationManager = [trace, beacons, device,
-                                   &location](const std::shared_ptr<sim::Scheduler>& s) {
-      auto replay = std::make_shared<sim::SimLocationManager>(s);
-      replay->setTrace(trace);
-      replay->setDeviceModel(device);
-      if (beacons)
-        replay->setBeaconSightings(beacons);
-      location = std::make_shared<CountingLocationManager>(replay);
-      return std::static_pointer_cast<platform::LocationManager>(location);
-    };
-
-    sim::Simulation simulation(std::move(options));
-    scheduler->store(&simulation.scheduler());
-
-    recorder = std::make_shared<EventRecorder>(writer, [virtualNow, start] {
-      return std::chrono::duration<double>(virtualNow() - start).count();
-    });
-    auto client = Zonaris::initWithAppKey(o.appKey, simulation.platform());
-    if (!client) {
-      std::fputs("zonaris-sim: the simulated platform is incomplete\n", stderr);
-      return 1;
-    }
-    if (in.uuid)
-      client->setUUID(*in.uuid);
-    client->setDevMode(o.devMode);
-    if (in.tags)
-      client->setTags(in.tags);
-    if (o.silence)
-      client->setSilenceWindowStart(o.silence->first, o.silence->second);
-    client->setDelegate(recorder);
-    client->start();
-
-    simulation.runUntil(in.start + in.until);
-
-    // What remains queued holds the client; dropping it with the simulation releases it.
-    client.reset();
-    scheduler->store(nullptr);
-  }
-  simScheduler.reset();
-  if (service)
-    service->stop();
+  simRun.runUntil(simRun.end());
+  simRun.finish();
 
   nlohmann::ordered_json score;
-  if (o.score && !writeScore(o, in, *recorder, *http, location.get(), score)) {
+  if (o.score && !writeScore(o, in, *recorder, simRun.http(), simRun.location(), score)) {
     std::fprintf(stderr, "zonaris-sim: --score: cannot write %s\n", o.score->c_str());
     return 1;
   }
   const double wallSeconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
-  printSummary(o, in, writer, *http, location.get(), network.get(), o.score ? &score : nullptr,
-               wallSeconds);
+  printSummary(o, in, writer, simRun.http(), simRun.location(), simRun.network(),
+               o.score ? &score : nullptr, wallSeconds);
   return 0;
 }
 
