@@ -247,4 +247,24 @@ GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view 
   return result;
 }
 
+std::optional<GeometryBounds> geometryBounds(std::string_view fenceWkt) {
+  geos::Context& context = geos::threadContext();
+  GEOSContextHandle_t ctx = context.get();
+  if (ctx == nullptr)
+    return std::nullopt;
+  context.clearMessages();
+  const geos::ReaderPtr reader(GEOSWKTReader_create_r(ctx), geos::Release{ctx});
+  if (!reader)
+    return std::nullopt;
+  std::string why;
+  const geos::GeomPtr fence = geos::readGeometry(context, reader.get(), fenceWkt, why);
+  GeometryBounds bounds;
+  if (!fence || GEOSGeom_getXMin_r(ctx, fence.get(), &bounds.xmin) == 0 ||
+      GEOSGeom_getXMax_r(ctx, fence.get(), &bounds.xmax) == 0 ||
+      GEOSGeom_getYMin_r(ctx, fence.get(), &bounds.ymin) == 0 ||
+      GEOSGeom_getYMax_r(ctx, fence.get(), &bounds.ymax) == 0)
+    return std::nullopt;
+  return bounds;
+}
+
 }  // namespace zonaris::fences

@@ -31,4 +31,16 @@ struct GeometryDistance {
 /// that is not a point. Safe to call from any number of threads at once.
 GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view pointWkt);
 
+/// The extent of a fence geometry in degrees.
+struct GeometryBounds {
+  double xmin = 0.0;
+  double xmax = 0.0;
+  double ymin = 0.0;
+  double ymax = 0.0;
+};
+
+/// Reads a fence text as `distanceToGeometry` does and gives its extent; nothing exactly when
+/// `distanceToGeometry` would find the fence unreadable.
+std::optional<GeometryBounds> geometryBounds(std::string_view fenceWkt);
+
 }  // namespace zonaris::fences

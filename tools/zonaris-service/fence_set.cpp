@@ -55,8 +55,13 @@ std::optional<std::string> checkElement(const json& e, Fence& out) {
   if (location == e.end() || !location->is_string())
     return "\"location\" is missing or not a string";
   out.location = location->get<std::string>();
-  if (!fences::distanceToGeometry(out.location, "POINT (0 0)").fenceReadable)
+  const auto bounds = fences::geometryBounds(out.location);
+  if (!bounds)
     return "\"location\" is not WKT that GEOS can read";
+  out.xmin = bounds->xmin;
+  out.xmax = bounds->xmax;
+  out.ymin = bounds->ymin;
+  out.ymax = bounds->ymax;
 
   if (auto radius = e.find("radius"); radius != e.end()) {
     auto r = json_read::finite(*radius);

@@ -19,6 +19,11 @@ struct Fence {
   std::int64_t id = 0;
   std::string type;      ///< "point", "beacon" or any other text ("" when absent)
   std::string location;  ///< WKT that GEOS reads
+  /// The extent of `location` in degrees, for the index that picks the fences worth measuring.
+  double xmin = 0.0;
+  double xmax = 0.0;
+  double ymin = 0.0;
+  double ymax = 0.0;
   /// The radius as the client holds it (a 32-bit float widened back), 0 when absent.
   double radius = 0.0;
   std::string uuid;  ///< lower case, beacon fences only

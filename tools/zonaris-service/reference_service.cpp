@@ -1,6 +1,7 @@
 #include "zonaris-service/reference_service.hpp"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cctype>
 #include <charconv>
@@ -195,11 +196,45 @@ std::optional<std::string> checkErrorReport(const json& doc, std::int64_t& insta
   return std::nullopt;
 }
 
+// The longitudes and latitudes a fence's nearest point can have when it lies within `metres`
+// of (lat, lon): one or two boxes (two across the antimeridian), all within -180..180. A metre
+// and a part in a billion are added for the rounding of the haversine.
+std::vector<std::array<double, 4>> boxesAround(double lat, double lon, double metres) {
+  constexpr double kRadius = 6378137.0;
+  constexpr double kDegree = 0.017453292519943295;
+  const double theta = (metres * (1.0 + 1e-9) + 1.0) / kRadius;
+  const double dLat = theta / kDegree + 1e-9;
+  const double ymin = std::max(-90.0, lat - dLat);
+  const double ymax = std::min(90.0, lat + dLat);
+  if (lat + dLat >= 90.0 || lat - dLat <= -90.0)
+    return {{-180.0, 180.0, ymin, ymax}};  // the circle holds a pole: every longitude
+  // The widest longitude a circle of angular radius theta around latitude lat reaches.
+  const double ratio = std::sin(theta) / std::cos(lat * kDegree);
+  if (ratio >= 1.0)
+    return {{-180.0, 180.0, ymin, ymax}};
+  const double dLon = std::asin(ratio) / kDegree * (1.0 + 1e-9) + 1e-9;
+  if (dLon >= 180.0)
+    return {{-180.0, 180.0, ymin, ymax}};
+  std::vector<std::array<double, 4>> boxes = {
+      {std::max(-180.0, lon - dLon), std::min(180.0, lon + dLon), ymin, ymax}};
+  if (lon - dLon < -180.0)
+    boxes.push_back({lon - dLon + 360.0, 180.0, ymin, ymax});
+  if (lon + dLon > 180.0)
+    boxes.push_back({-180.0, lon + dLon - 360.0, ymin, ymax});
+  return boxes;
+}
+
 }  // namespace
 
 struct ReferenceService::Impl {
   std::string error;
   std::vector<Fence> fences;
+  // Candidate selection: the R*Tree in the store holds every fence whose extent lies within
+  // -180..180 and -90..90; the others (WKT allows any number) are always measured, and beacon
+  // fences are decided by the beacons seen, not by geometry.
+  std::vector<std::size_t> unindexed;
+  std::vector<std::size_t> beaconFences;
+  double maxPointRadius = 0.0;
   std::function<std::chrono::system_clock::time_point()> now;
 
   mutable std::mutex storeMutex;  // one request at a time against the database
@@ -214,6 +249,43 @@ struct ReferenceService::Impl {
   std::int64_t nowMs() const {
     const auto t = now ? now() : std::chrono::system_clock::now();
     return std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
+  }
+
+  // The fences, in file order, that can lie within `metres` of (lat, lon); the caller holds
+  // `storeMutex`. Every fence that is not listed is provably farther away.
+  std::optional<std::vector<std::size_t>> candidatesNear(double lat, double lon,
+                                                         double metres) const {
+    std::vector<std::size_t> picked = unindexed;
+    for (const auto& box : boxesAround(lat, lon, metres)) {
+      auto found = store->fencesInBox(box[0], box[1], box[2], box[3]);
+      if (!found)
+        return std::nullopt;
+      for (std::int64_t index : *found)
+        picked.push_back(static_cast<std::size_t>(index));
+    }
+    std::sort(picked.begin(), picked.end());
+    picked.erase(std::unique(picked.begin(), picked.end()), picked.end());
+    return picked;
+  }
+
+  bool loadIndex() {
+    std::vector<ServiceStore::FenceBox> boxes;
+    for (std::size_t i = 0; i < fences.size(); ++i) {
+      const Fence& f = fences[i];
+      if (f.type == "beacon")
+        beaconFences.push_back(i);
+      if (f.type == "point")
+        maxPointRadius = std::max(maxPointRadius, f.radius);
+      if (f.xmin >= -180.0 && f.xmax <= 180.0 && f.ymin >= -90.0 && f.ymax <= 90.0)
+        boxes.push_back({static_cast<std::int64_t>(i), f.xmin, f.xmax, f.ymin, f.ymax});
+      else
+        unindexed.push_back(i);
+    }
+    if (!store->loadFenceBoxes(boxes)) {
+      error = "cannot index the fences: " + store->lastError();
+      return false;
+    }
+    return true;
   }
 
   ServiceResponse storeFailure() const {
@@ -264,17 +336,23 @@ struct ReferenceService::Impl {
     if (!radius || !validRadius(*radius))
       return badRequest(
           fmt::format("\"radius\" must be a number of metres from 0 to {}", kMaxRadiusMetres));
+    std::vector<std::size_t> candidates;
     {
       std::lock_guard lock(storeMutex);
       if (auto refused = checkInstall(*install))
         return *refused;
+      auto near = candidatesNear(*lat, *lon, *radius);
+      if (!near)
+        return storeFailure();
+      candidates = std::move(*near);
     }
+    // Only the candidates are measured; the answer is the same as measuring every fence.
     const auto point = fmt::format("POINT ({:.16g} {:.16g})", *lon, *lat);
     json out = json::array();
-    for (const auto& fence : fences) {
-      auto measured = fences::distanceToGeometry(fence.location, point);
+    for (std::size_t i : candidates) {
+      auto measured = fences::distanceToGeometry(fences[i].location, point);
       if (measured.metres && *measured.metres <= *radius)
-        out.push_back(fence.record);
+        out.push_back(fences[i].record);
     }
     return answer(200, out);
   }
@@ -288,12 +366,23 @@ struct ReferenceService::Impl {
     if (!observation)
       return badRequest(error);
 
-    // Measuring needs no lock: the fences never change.
-    std::vector<bool> inside;
-    inside.reserve(fences.size());
-    for (const auto& fence : fences) {
-      inside.push_back(fence.takesPart && isInside(fence, observation->latitude,
-                                                   observation->longitude, observation->beacons));
+    // A fence can hold the device only when it lies within its radius (0 but for "point"
+    // fences) of it; beacon fences go by the beacons seen. Measuring needs no lock: the fences
+    // never change.
+    std::vector<std::size_t> candidates;
+    {
+      std::lock_guard lock(storeMutex);
+      auto near = candidatesNear(observation->latitude, observation->longitude, maxPointRadius);
+      if (!near)
+        return storeFailure();
+      candidates = std::move(*near);
+    }
+    candidates.insert(candidates.end(), beaconFences.begin(), beaconFences.end());
+    std::vector<bool> inside(fences.size(), false);
+    for (std::size_t i : candidates) {
+      const Fence& fence = fences[i];
+      inside[i] = fence.takesPart && isInside(fence, observation->latitude, observation->longitude,
+                                              observation->beacons);
     }
 
     std::lock_guard lock(storeMutex);
@@ -372,6 +461,8 @@ ReferenceService::ReferenceService(ServiceOptions options) : impl_(std::make_uni
     return;
   impl_->fences = std::move(*fences);
   impl_->store = ServiceStore::open(options.dbPath, impl_->error);
+  if (impl_->store && !impl_->loadIndex())
+    impl_->store.reset();
 }
 
 ReferenceService::~ReferenceService() {

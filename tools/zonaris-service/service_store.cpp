@@ -233,6 +233,50 @@ std::optional<std::int64_t> ServiceStore::addErrorReport(std::int64_t installId,
   return sqlite3_last_insert_rowid(db_);
 }
 
+bool ServiceStore::loadFenceBoxes(const std::vector<FenceBox>& boxes) {
+  if (!exec("DROP TABLE IF EXISTS temp.fence_boxes") ||
+      !exec("CREATE VIRTUAL TABLE temp.fence_boxes USING rtree(id, xmin, xmax, ymin, ymax)") ||
+      !begin())
+    return false;
+  Statement add(db_, "INSERT INTO temp.fence_boxes VALUES (?, ?, ?, ?, ?)");
+  if (!add) {
+    fail();
+    rollback();
+    return false;
+  }
+  for (const FenceBox& box : boxes) {
+    sqlite3_reset(add.get());
+    if (!add.bind(1, box.index) || sqlite3_bind_double(add.get(), 2, box.xmin) != SQLITE_OK ||
+        sqlite3_bind_double(add.get(), 3, box.xmax) != SQLITE_OK ||
+        sqlite3_bind_double(add.get(), 4, box.ymin) != SQLITE_OK ||
+        sqlite3_bind_double(add.get(), 5, box.ymax) != SQLITE_OK || add.step() != SQLITE_DONE) {
+      fail();
+      rollback();
+      return false;
+    }
+  }
+  return commit();
+}
+
+std::optional<std::vector<std::int64_t>> ServiceStore::fencesInBox(double xmin, double xmax,
+                                                                   double ymin, double ymax) {
+  Statement s(db_,
+              "SELECT id FROM temp.fence_boxes WHERE xmax >= ? AND xmin <= ? AND ymax >= ? AND "
+              "ymin <= ?");
+  if (!s || sqlite3_bind_double(s.get(), 1, xmin) != SQLITE_OK ||
+      sqlite3_bind_double(s.get(), 2, xmax) != SQLITE_OK ||
+      sqlite3_bind_double(s.get(), 3, ymin) != SQLITE_OK ||
+      sqlite3_bind_double(s.get(), 4, ymax) != SQLITE_OK)
+    return failed();
+  std::vector<std::int64_t> found;
+  int rc;
+  while ((rc = s.step()) == SQLITE_ROW)
+    found.push_back(s.column(0));
+  if (rc != SQLITE_DONE)
+    return failed();
+  return found;
+}
+
 std::optional<std::int64_t> ServiceStore::count(std::string_view table) {
   bool known = false;
   for (auto t : kTables)

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "zonaris-service/event_rules.hpp"
 
@@ -48,6 +49,19 @@ class ServiceStore {
   bool addEvent(std::int64_t observationId, std::int64_t fenceId, std::string_view type);
   std::optional<std::int64_t> addErrorReport(std::int64_t installId, std::int64_t atMs,
                                              std::string_view body);
+
+  /// The extents of the fences, by their position in the fences file, for `fencesInBox`. Kept
+  /// in a temporary R*Tree of this connection (never in the database file); replaces what was
+  /// loaded before. Linear in the number of boxes: one transaction, one statement.
+  struct FenceBox {
+    std::int64_t index;
+    double xmin, xmax, ymin, ymax;
+  };
+  bool loadFenceBoxes(const std::vector<FenceBox>& boxes);
+  /// The positions of the loaded fences whose extent meets the box, in any order. The R*Tree
+  /// keeps 32-bit coordinates rounded outwards, so nothing that meets the box is missed.
+  std::optional<std::vector<std::int64_t>> fencesInBox(double xmin, double xmax, double ymin,
+                                                       double ymax);
 
   /// Row count of a table, for tests and diagnostics (nothing on an unknown table).
   std::optional<std::int64_t> count(std::string_view table);
