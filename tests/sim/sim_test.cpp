@@ -1,17 +1,26 @@
 // The simulated platform: the virtual-time scheduler, reading traces and beacon sightings as
-// users write them, and the simulated location service as a client meets it.
+// users write them, the simulated location service as a client meets it, the device model and
+// the simulated network.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <fmt/format.h>
+
+#include "support/recording_delegate.hpp"
+#include "support/recording_server.hpp"
+#include "zonaris/platform/curl_http.hpp"
 #include "zonaris/sim/beacon_sightings.hpp"
 #include "zonaris/sim/input_error.hpp"
 #include "zonaris/sim/location_manager.hpp"
+#include "zonaris/sim/network.hpp"
 #include "zonaris/sim/scheduler.hpp"
 #include "zonaris/sim/sim_platform.hpp"
 #include "zonaris/sim/trace.hpp"
+#include "zonaris/zonaris.hpp"
 
 namespace zonaris::sim {
 namespace {
@@ -196,6 +205,17 @@ TEST(BeaconSightings, ReadsAFileAndShowsEachSightingFromItsStartUntilBeforeItsEn
   EXPECT_EQ(s.sightings()[1].beacon.accuracy, -1.0);
   EXPECT_EQ(minorsAt(5.0, shop), (std::vector<int>{2, 3}));  // file order
   EXPECT_EQ(minorsAt(10.0, shop), (std::vector<int>{3}));
+  // Overlapping rows of one beacon come as one entry: the best usable accuracy, in the place of
+  // the first row.
+  const auto overlapping =
+      BeaconSightings::parseCsv("0,9," + shop + ",1,2,-1,0\n0,9," + shop + ",1,3,2,1\n0,9," + shop +
+                                    ",1,2,4.5,3\n" + "0,9," + shop + ",1,2,6,3\n",
+                                "overlap.csv")
+          .at(1.0, shop);
+  ASSERT_EQ(overlapping.size(), 2u);
+  EXPECT_EQ(overlapping[0].minor, 2);
+  EXPECT_EQ(overlapping[0].accuracy, 4.5);
+  EXPECT_EQ(overlapping[0].proximity, 3);
   EXPECT_EQ(minorsAt(1.0, "74278bda-b644-4520-8f0c-720eaf059935"), (std::vector<int>{7}));
   EXPECT_THROW(BeaconSightings::load(ZONARIS_TEST_DATA_DIR "/no_such_file.csv"), InputError);
 }
@@ -206,12 +226,16 @@ class RecordingListener final : public platform::LocationManagerDelegate {
   explicit RecordingListener(const Scheduler& scheduler) : scheduler_(scheduler) {}
   void didUpdateLocations(const std::vector<platform::Location>& locations) override {
     fixTimes.push_back(std::chrono::duration<double>(scheduler_.elapsed()).count());
-    last = locations.at(0);
+    batchSizes.push_back(locations.size());
+    last = locations.back();
+    all.insert(all.end(), locations.begin(), locations.end());
   }
   void didRangeBeacons(const std::vector<platform::Beacon>&,
                        const platform::BeaconRegion&) override {}
   std::vector<double> fixTimes;
+  std::vector<std::size_t> batchSizes;
   platform::Location last;
+  std::vector<platform::Location> all;
 
  private:
   const Scheduler& scheduler_;
@@ -261,6 +285,229 @@ TEST_F(SimLocationManagerTest, CoarseSettingDeliversOnlyAfterMovingFartherThanTh
   // further: standing still, the device gets nothing more.
   scheduler->runFor(1000s);
   EXPECT_EQ(listener->fixTimes, (std::vector<double>{1, 46, 91}));
+}
+
+struct Timing {
+  const char* name;
+  DeviceModel model;
+  std::vector<double> times;  // of the callbacks in the first 8.5 s, armed from the start
+  std::size_t batch;          // fixes in each
+};
+
+class DeviceTiming : public SimLocationManagerTest, public ::testing::WithParamInterface<Timing> {};
+
+TEST_P(DeviceTiming, FirstFixAfterTheDelayThenOneASecondInBatches) {
+  manager->setDeviceModel(GetParam().model);
+  fine();
+  manager->startUpdatingLocation();
+  scheduler->runFor(8500ms);
+  EXPECT_EQ(listener->fixTimes, GetParam().times);
+  EXPECT_EQ(listener->batchSizes,
+            std::vector<std::size_t>(GetParam().times.size(), GetParam().batch));
+  // Each fix of a batch was taken at its own second, the last one as it is delivered.
+  EXPECT_EQ(listener->last.timestamp, scheduler->start() + 1s * GetParam().times.back());
+  EXPECT_EQ(listener->all.front().timestamp, scheduler->start() + GetParam().model.fixDelay);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sim, DeviceTiming,
+    ::testing::Values(Timing{"Ideal", {}, {1, 2, 3, 4, 5, 6, 7, 8}, 1},
+                      Timing{"FixDelay", {.fixDelay = 5s}, {5, 6, 7, 8}, 1},
+                      Timing{"Batches", {.batch = 3}, {3, 6}, 3},
+                      Timing{"DelayAndBatches", {.fixDelay = 5s, .batch = 2}, {6, 8}, 2}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(SimLocationManagerTest, StaleFirstRepeatsTheReceiversLastFixOnSharpening) {
+  manager->setDeviceModel({.fixDelay = 2s, .staleFirst = true});
+  fine();
+  manager->startUpdatingLocation();
+  scheduler->runFor(3500ms);  // fixes at 2 and 3 s
+  manager->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
+  manager->setDistanceFilter(99999.0);
+  scheduler->runFor(10s);
+  fine();  // at 13.5 s: the fix of 3 s first, at once; the receiver's own 2 s later
+  scheduler->runFor(3s);
+  EXPECT_EQ(listener->fixTimes, (std::vector<double>{2, 3, 13.5, 15.5, 16.5}));
+  const auto& stale = listener->all[2];
+  EXPECT_EQ(stale.timestamp, scheduler->start() + 3s);
+  EXPECT_EQ(stale.latitude, listener->all[1].latitude);
+  EXPECT_EQ(stale.horizontalAccuracy, kStaleFixAccuracy);
+}
+
+// Every fix of `seconds` seconds standing at (45, 7) with 6 m accuracy.
+std::vector<platform::Location> standingFixes(const DeviceModel& model, int seconds) {
+  auto scheduler = std::make_shared<Scheduler>(defaultStartTime());
+  auto manager = std::make_shared<SimLocationManager>(scheduler);
+  auto listener = std::make_shared<RecordingListener>(*scheduler);
+  manager->setTrace(std::make_shared<const Trace>(Trace::parseCsv("0,45,7,6\n", "still.csv")));
+  manager->setDelegate(listener);
+  manager->setDeviceModel(model);
+  manager->startUpdatingLocation();
+  scheduler->runFor(1s * seconds);
+  return listener->all;
+}
+
+TEST(DeviceModel, NoiseAndOutliersFollowTheSeedAndTheirClaims) {
+  const platform::Location truth{45.0, 7.0};
+  auto errors = [&](const std::vector<platform::Location>& fixes) {
+    std::vector<double> metres;
+    for (const auto& f : fixes)
+      metres.push_back(f.distanceFrom(truth));
+    return metres;
+  };
+  const int n = 2000;
+  const auto noisy = errors(standingFixes({.seed = 7, .noise = 10.0}, n));
+  EXPECT_EQ(noisy, errors(standingFixes({.seed = 7, .noise = 10.0}, n)));
+  EXPECT_NE(noisy, errors(standingFixes({.seed = 8, .noise = 10.0}, n)));
+  // Two axes of 10 m each: the error's mean length is 10 * sqrt(pi / 2) m.
+  double mean = 0.0;
+  for (double e : noisy)
+    mean += e / n;
+  EXPECT_NEAR(mean, 10.0 * std::sqrt(std::acos(-1.0) / 2.0), 0.6);
+  EXPECT_NEAR(standingFixes({.noise = 10.0}, 1).at(0).horizontalAccuracy, std::hypot(6.0, 15.096),
+              1e-9);
+
+  const auto fixes = standingFixes({.seed = 7, .outlierRate = 0.05}, n);
+  int jumps = 0;
+  for (const auto& f : fixes) {
+    const double e = f.distanceFrom(truth);
+    EXPECT_EQ(f.horizontalAccuracy, 6.0);  // an outlier claims a good fix
+    EXPECT_TRUE(e == 0.0 || (e > 199.0 && e < 801.0)) << e;
+    jumps += e > 0.0;
+  }
+  EXPECT_GT(jumps, 60);
+  EXPECT_LT(jumps, 140);
+}
+
+TEST(SimNetwork, ALatencyHoldsOnlyTheCallingChainAndTheMainQueueBehindIt) {
+  struct Answer final : platform::HttpClient {
+    platform::HttpResponse send(const platform::HttpRequest&) override {
+      return {false, 200, {}, {}};
+    }
+  };
+  for (const auto kind : {OutageKind::Unreachable, OutageKind::Unavailable}) {
+    auto s = std::make_shared<Scheduler>(defaultStartTime());
+    SimDispatcher d(s);
+    Order order;
+    auto stamp = [&](const std::string& what) {
+      order.push_back(fmt::format("{} {}", s->elapsed() / 1ms, what));
+    };
+    SimNetwork net(std::make_shared<Answer>(), s, {300ms, {{1.0, 2.0}}, kind});
+    auto send = [&] {
+      const auto r = net.send({});
+      return fmt::format("answer {}{}", r.status, r.transportError ? " transport error" : "");
+    };
+    d.detach([&] {
+      stamp("send");
+      stamp(send());
+    });
+    d.mainAfter(100ms, [&] { stamp("main"); });
+    s->postAfter(100ms, [&] { stamp("detached"); });
+    // In the outage, and on the main queue: the next main task waits for it, others do not.
+    d.mainAfter(1000ms, [&] { stamp("main " + send()); });
+    d.mainAfter(1100ms, [&] { stamp("next main"); });
+    s->postAfter(1100ms, [&] { stamp("detached"); });
+    s->runFor(2500ms);
+    const std::string refused = kind == OutageKind::Unreachable ? "0 transport error" : "503";
+    EXPECT_EQ(order, (Order{"0 send", "100 main", "100 detached", "300 answer 200", "1100 detached",
+                            "1300 main answer " + refused, "1300 next main"}));
+    EXPECT_FALSE(s->sleepFor(1s)) << "outside a task there is nothing to hold";
+  }
+  EXPECT_EQ(parseOutage("600-7800.5"), (Outage{600, 7800.5}));
+  for (const char* bad : {"60", "60-60", "-5-60", "a-60", "60-", "60-inf"})
+    EXPECT_FALSE(parseOutage(bad)) << bad;
+}
+
+class NetworkedClient : public ::testing::Test {
+ protected:
+  /// Every exchange the client makes, as "<virtual seconds> <path> <status>".
+  class Tap final : public platform::HttpClient {
+   public:
+    Tap(std::shared_ptr<platform::HttpClient> inner, const Scheduler& s, std::string base)
+        : inner_(std::move(inner)), s_(s), base_(std::move(base)) {}
+    platform::HttpResponse send(const platform::HttpRequest& request) override {
+      const auto t = s_.elapsed() / 1s;
+      auto r = inner_->send(request);
+      std::string path = request.url.substr(base_.size());
+      path = path.substr(0, path.find('?'));
+      std::lock_guard lock(mutex);
+      lines.push_back(
+          fmt::format("{} {} {}", t, path, r.transportError ? "-" : std::to_string(r.status)));
+      return r;
+    }
+    std::mutex mutex;
+    std::vector<std::string> lines;
+
+   private:
+    std::shared_ptr<platform::HttpClient> inner_;
+    const Scheduler& s_;
+    std::string base_;
+  };
+
+  void run(const DeviceModel& device, const NetworkModel& network, platform::Duration duration) {
+    server.respond("POST", "/install", {201, R"({"id": 9})"});
+    server.respond("POST", "/install/error", {200, ""});
+    server.respond("POST", "/observation", {200, R"({"id": 1, "events": []})"});
+    // The walk starts in a fence of 100 m.
+    server.respond("GET", "/install/location", {200, R"j([{"id": 3, "name": "Start", "type":
+        "point", "radius": 100, "location": "POINT (7 45)", "_event_types": ["entry"],
+        "_dwell_windows": []}])j"});
+    auto scheduler = std::make_shared<Scheduler>(defaultStartTime());
+    tap = std::make_shared<Tap>(
+        std::make_shared<SimNetwork>(platform::makeCurlHttpClient(), scheduler, network),
+        *scheduler, server.baseUrl());
+    SimulationOptions options;
+    options.scheduler = scheduler;
+    options.baseUrl = server.baseUrl();
+    options.http = tap;
+    options.device = device;
+    options.trace =
+        std::make_shared<const Trace>(Trace::load(ZONARIS_TEST_DATA_DIR "/north_walk.csv"));
+    Simulation simulation(std::move(options));
+    auto client = Zonaris::initWithAppKey("k", simulation.platform());
+    client->setDelegate(delegate);
+    client->start();
+    simulation.runFor(duration);
+  }
+
+  test::RecordingServer server;
+  std::shared_ptr<Tap> tap;
+  std::shared_ptr<test::RecordingDelegate> delegate = std::make_shared<test::RecordingDelegate>();
+};
+
+TEST_F(NetworkedClient, OutagesRetryRegistrationAndDownloadEvery30SecondsAndTheNextPassResends) {
+  for (const auto kind : {OutageKind::Unreachable, OutageKind::Unavailable}) {
+    tap.reset();
+    run({}, {{}, {{0, 65}, {91, 125}, {152, 153}}, kind}, 170s);
+    const std::string down = kind == OutageKind::Unreachable ? "-" : "503";
+    std::vector<std::string> expected;
+    for (int t : {0, 30, 60})
+      expected.insert(expected.end(), {fmt::format("{} /install {}", t, down),
+                                       fmt::format("{} /install/error {}", t, down)});
+    expected.insert(expected.end(),
+                    {"90 /install 201", "91 /install/location " + down, "91 /install/error " + down,
+                     "121 /install/location " + down, "121 /install/error " + down,
+                     "151 /install/location 200", "152 /observation " + down});
+    // Unreachable: the observation failed and the next pass (15 s and a fix later) sends it
+    // again. A 503 answer counts as sent, as the client decides: the fence it entered locally
+    // after the download is never reported again.
+    if (kind == OutageKind::Unreachable)
+      expected.insert(expected.end(), {"152 /install/error -", "168 /observation 200"});
+    EXPECT_EQ(tap->lines, expected);
+  }
+}
+
+TEST_F(NetworkedClient, StaleFirstFixIsTakenAndItsSpeedMeasuredAsNoTimeAtAll) {
+  run({.fixDelay = 5s, .staleFirst = true}, {300ms, {}, OutageKind::Unreachable}, 200s);
+  // The first pass after the download takes the stale fix: the reference fix itself, again.
+  const auto accuracies = delegate->calls("updatedGPSAccuracy");
+  const auto speeds = delegate->calls("updatedSpeed");
+  ASSERT_GE(speeds.size(), 3u);
+  EXPECT_EQ(accuracies.at(0)[0], kStaleFixAccuracy);
+  EXPECT_EQ(speeds[0][0], 0.0) << "no time between the fixes counts as one second";
+  EXPECT_GT(speeds[2][0].get<double>(), 1.0) << "later stale fixes are a sample apart";
+  EXPECT_EQ(server.count("POST", "/install/error"), 0u) << "no speed fault";
+  EXPECT_EQ(tap->lines.at(0), "0 /install 201");  // the answer, 300 ms later
 }
 
 }  // namespace
