@@ -1,0 +1,276 @@
+/* Drives the C API across its boundary, as a C application would: statuses for wrong
+ * arguments, callbacks from the library's threads, destroy joining them, and a simulated walk.
+ * usage: capi_test EXAMPLES_DIR */
+#define _POSIX_C_SOURCE 200809L
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include "zonaris/zonaris.h"
+#include "zonaris/zonaris_sim.h"
+
+static int failures = 0;
+
+#define CHECK(condition)                                                      \
+  do {                                                                        \
+    if (!(condition)) {                                                       \
+      fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #condition); \
+      ++failures;                                                             \
+    }                                                                         \
+  } while (0)
+
+static zonaris_callbacks callbacks_with(void* user) {
+  zonaris_callbacks c;
+  memset(&c, 0, sizeof c);
+  c.struct_size = sizeof c;
+  c.user = user;
+  return c;
+}
+
+/* ---- Wrong arguments come back as statuses --------------------------------------------------- */
+
+static void wrong_arguments(zonaris_client* client) {
+  zonaris_location far_north = {91.0, 0.0, -1.0, 5.0, 0.0};
+  zonaris_callbacks too_short = callbacks_with(NULL);
+  zonaris_client* none = client;
+  int accepted = 7;
+  struct {
+    const char* what;
+    zonaris_status got, want;
+  } table[] = {
+      {"init without key", zonaris_init_with_app_key(NULL, NULL, &none),
+       ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"init without out-pointer", zonaris_init_with_app_key("k", NULL, NULL),
+       ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"uuid on null", zonaris_set_uuid(NULL, "5A4BCFCE-174E-4BAC-A814-092E77F6B7E5"),
+       ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"uuid not a uuid", zonaris_set_uuid(client, "5A4BCFCE-174E"),
+       ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"uuid null text", zonaris_set_uuid(client, NULL), ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"uuid lower case", zonaris_set_uuid(client, "5a4bcfce-174e-4bac-a814-092e77f6b7e5"),
+       ZONARIS_STATUS_OK},
+      {"tags not an object", zonaris_set_tags(client, "[1,2]"), ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"tags not JSON", zonaris_set_tags(client, "{\"a\":"), ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"tags object", zonaris_set_tags(client, "{\"tier\":\"gold\"}"), ZONARIS_STATUS_OK},
+      {"tags cleared", zonaris_set_tags(client, NULL), ZONARIS_STATUS_OK},
+      {"dev mode on null", zonaris_set_dev_mode(NULL, 1), ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"silence on null", zonaris_set_silence_window(NULL, 22, 6), ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"start null", zonaris_start(NULL), ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"stop null", zonaris_stop(NULL), ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"delegate on null", zonaris_set_delegate(NULL, NULL), ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"callbacks too short", (too_short.struct_size = 4, zonaris_set_delegate(client, &too_short)),
+       ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"fix out of range", zonaris_push_location(client, &far_north, &accepted),
+       ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"fix null", zonaris_push_location(client, NULL, NULL), ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"beacons null with count", zonaris_push_beacons(client, NULL, 2),
+       ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"no beacons", zonaris_push_beacons(client, NULL, 0), ZONARIS_STATUS_OK},
+      {"destroy null", zonaris_destroy(NULL, 0), ZONARIS_STATUS_OK},
+  };
+  size_t i;
+  for (i = 0; i < sizeof table / sizeof table[0]; ++i) {
+    if (table[i].got != table[i].want) {
+      fprintf(stderr, "%s: got %s (%s), want %s\n", table[i].what,
+              zonaris_status_text(table[i].got), zonaris_last_error(),
+              zonaris_status_text(table[i].want));
+      ++failures;
+    }
+  }
+  CHECK(accepted == 0);
+  CHECK(none == NULL);
+  CHECK(strcmp(zonaris_last_error(), "") != 0);
+}
+
+/* ---- Callbacks come from the library's threads; destroy joins them --------------------------- */
+
+typedef struct {
+  pthread_mutex_t mutex;
+  pthread_t application;
+  zonaris_client* client;
+  int lines, lines_off_thread;
+  zonaris_status destroy_inside;
+} Watch;
+
+static void on_log(void* user, const char* line) {
+  Watch* w = (Watch*)user;
+  zonaris_status inside = zonaris_destroy(w->client, 0);
+  pthread_mutex_lock(&w->mutex);
+  ++w->lines;
+  if (!pthread_equal(pthread_self(), w->application)) {
+    ++w->lines_off_thread;
+    w->destroy_inside = inside;
+  }
+  pthread_mutex_unlock(&w->mutex);
+  (void)line;
+}
+
+static int lines_off_thread(Watch* w) {
+  int n;
+  pthread_mutex_lock(&w->mutex);
+  n = w->lines_off_thread;
+  pthread_mutex_unlock(&w->mutex);
+  return n;
+}
+
+static void callbacks_and_destroy(const char* store) {
+  zonaris_platform_options options;
+  zonaris_callbacks c;
+  zonaris_client* client = NULL;
+  Watch* w = (Watch*)calloc(1, sizeof(Watch));
+  struct timespec tick = {0, 10 * 1000 * 1000};
+  int waited;
+
+  memset(&options, 0, sizeof options);
+  options.struct_size = sizeof options;
+  options.base_url = "http://127.0.0.1:9"; /* closed: registration fails at once */
+  options.store_directory = store;
+  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
+  if (!client)
+    return;
+  pthread_mutex_init(&w->mutex, NULL);
+  w->application = pthread_self();
+  w->client = client;
+  c = callbacks_with(w);
+  c.logLine = on_log;
+  CHECK(zonaris_set_delegate(client, &c) == ZONARIS_STATUS_OK);
+  CHECK(zonaris_set_dev_mode(client, 1) == ZONARIS_STATUS_OK);
+  CHECK(zonaris_start(client) == ZONARIS_STATUS_OK); /* registers on a thread of its own */
+  /* The registration thread logs its failure; wait for it (bounded). */
+  for (waited = 0; waited < 1000 && lines_off_thread(w) == 0; ++waited)
+    nanosleep(&tick, NULL);
+  CHECK(lines_off_thread(w) > 0);
+  CHECK(w->lines > lines_off_thread(w)); /* "Zonaris started" came on this thread */
+  CHECK(w->destroy_inside == ZONARIS_STATUS_INVALID_STATE);
+  CHECK(zonaris_stop(client) == ZONARIS_STATUS_OK);
+  CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  /* Every thread is joined: freeing what the callbacks use is safe now (ASan would see it). */
+  pthread_mutex_destroy(&w->mutex);
+  free(w);
+}
+
+static void gpsd_client_takes_no_pushed_fixes(const char* store) {
+  zonaris_platform_options options;
+  zonaris_client* client = NULL;
+  zonaris_location fix = {52.52, 13.40, -1.0, 5.0, 0.0};
+  memset(&options, 0, sizeof options);
+  options.struct_size = sizeof options;
+  options.base_url = "http://127.0.0.1:9";
+  options.store_directory = store;
+  options.position = ZONARIS_POSITION_GPSD;
+  options.gpsd_host = "127.0.0.1";
+  options.gpsd_port = 9; /* nobody: the source keeps retrying until destroyed */
+  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
+  CHECK(zonaris_push_location(client, &fix, NULL) == ZONARIS_STATUS_INVALID_STATE);
+  CHECK(zonaris_push_beacons(client, NULL, 0) == ZONARIS_STATUS_INVALID_STATE);
+  CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  options.gpsd_port = 70000;
+  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_INVALID_ARGUMENT);
+  CHECK(client == NULL);
+}
+
+/* ---- A simulated walk yields its events ----------------------------------------------------- */
+
+typedef struct {
+  char events[512];
+  int messages;
+  double last_t;
+  zonaris_simulation* simulation;
+} Walk;
+
+static void note(Walk* walk, const char* type, const char* fence) {
+  size_t used = strlen(walk->events);
+  snprintf(walk->events + used, sizeof walk->events - used, "%s%s %s", used ? ", " : "", type,
+           fence ? fence : "(null)");
+  walk->last_t = zonaris_simulation_elapsed(walk->simulation);
+}
+static void on_enter(void* user, const char* fence) {
+  note((Walk*)user, "entry", fence);
+}
+static void on_exit(void* user, const char* fence) {
+  note((Walk*)user, "exit", fence);
+}
+static void on_dwell(void* user, const char* fence) {
+  note((Walk*)user, "dwell", fence);
+}
+static void on_basic(void* user, const char* title, const char* body, const char* url) {
+  ++((Walk*)user)->messages;
+  (void)title, (void)body, (void)url;
+}
+
+static void simulated_walk(const char* examples) {
+  char trace[1024], fences[1024];
+  const char* args[] = {"--trace", trace, "--fences", fences, NULL};
+  const char* no_trace[] = {"--fences", fences, NULL};
+  const char* scored[] = {"--trace", trace, "--fences", fences, "--score", "s.json", NULL};
+  const char* bad_trace[] = {"--trace", fences, "--fences", fences, NULL};
+  Walk walk;
+  zonaris_callbacks c = callbacks_with(&walk);
+  zonaris_simulation* simulation = NULL;
+
+  snprintf(trace, sizeof trace, "%s/walk.csv", examples);
+  snprintf(fences, sizeof fences, "%s/fences.json", examples);
+  CHECK(zonaris_simulation_create(no_trace, NULL, &simulation) == ZONARIS_STATUS_INVALID_ARGUMENT);
+  CHECK(zonaris_simulation_create(scored, NULL, &simulation) == ZONARIS_STATUS_UNSUPPORTED);
+  CHECK(zonaris_simulation_create(bad_trace, NULL, &simulation) == ZONARIS_STATUS_INVALID_ARGUMENT);
+  CHECK(strstr(zonaris_simulation_last_error(), "fences.json") != NULL);
+  CHECK(zonaris_simulation_run(NULL) == ZONARIS_STATUS_INVALID_ARGUMENT);
+
+  memset(&walk, 0, sizeof walk);
+  c.eventEnterCallback = on_enter;
+  c.eventExitCallback = on_exit;
+  c.eventDwellCallback = on_dwell;
+  c.actionBasicCallback = on_basic;
+  CHECK(zonaris_simulation_create(args, &c, &simulation) == ZONARIS_STATUS_OK);
+  if (!simulation)
+    return;
+  walk.simulation = simulation;
+  CHECK(zonaris_simulation_run_for(simulation, 600.0) == ZONARIS_STATUS_OK);
+  CHECK(strcmp(walk.events, "entry Home, exit Home") == 0);
+  CHECK(zonaris_simulation_run_for(simulation, -1.0) == ZONARIS_STATUS_INVALID_ARGUMENT);
+  CHECK(zonaris_simulation_run_until(simulation, "noon") == ZONARIS_STATUS_INVALID_ARGUMENT);
+  CHECK(zonaris_simulation_run(simulation) == ZONARIS_STATUS_OK);
+  CHECK(strcmp(walk.events, "entry Home, exit Home, entry Corner Bakery, dwell Corner Bakery") ==
+        0);
+  CHECK(walk.messages == 3);
+  CHECK(walk.last_t == 1071.0);
+  CHECK(zonaris_simulation_elapsed(simulation) == 1260.0);
+  CHECK(zonaris_simulation_destroy(simulation) == ZONARIS_STATUS_OK);
+  if (failures)
+    fprintf(stderr, "events: %s\n", walk.events);
+}
+
+int main(int argc, char** argv) {
+  char store[] = "/tmp/zonaris-capi-XXXXXX";
+  char command[256];
+  if (argc < 2 || !mkdtemp(store)) {
+    fprintf(stderr, "usage: capi_test EXAMPLES_DIR\n");
+    return 2;
+  }
+  CHECK(zonaris_abi_version() == ZONARIS_ABI_VERSION);
+  CHECK(strlen(zonaris_version()) > 0);
+  CHECK(strcmp(zonaris_status_text(ZONARIS_STATUS_UNSUPPORTED), "unsupported") == 0);
+
+  {
+    zonaris_client* client = NULL;
+    zonaris_platform_options options;
+    memset(&options, 0, sizeof options);
+    options.struct_size = sizeof options;
+    options.base_url = "http://127.0.0.1:9";
+    options.store_directory = store;
+    CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
+    wrong_arguments(client);
+    CHECK(zonaris_destroy(client, -1) == ZONARIS_STATUS_OK);
+  }
+  callbacks_and_destroy(store);
+  gpsd_client_takes_no_pushed_fixes(store);
+  simulated_walk(argv[1]);
+
+  snprintf(command, sizeof command, "rm -rf '%s'", store);
+  if (system(command) != 0)
+    ++failures;
+  printf("capi_test: %d failure(s)\n", failures);
+  return failures ? 1 : 0;
+}
