@@ -10,6 +10,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libjs-leaflet libjs-chart.js chromium
   libgps-dev gpsd gpsd-clients
+  python3-pytest
 )
 
 missing=()

@@ -1,0 +1,353 @@
+"""Zonaris from Python, through the library's C API (ctypes; no compiled extension).
+
+    client = zonaris.Client("my-key", eventEnterCallback=print)   # the production client
+    client.start(); client.push_location(52.52, 13.40); ...; client.close()
+
+    run = zonaris.Simulation(trace="walk.csv", fences="fences.json").run()
+    for event in run.events: print(event.t, event.type, event.fence)
+
+The library is found through $ZONARIS_LIBRARY (and $ZONARIS_SIMULATION_LIBRARY for the
+simulation), a file or a folder; else the build trees of the source tree; else the system.
+"""
+import ctypes
+import json
+import time
+from dataclasses import dataclass, field
+from typing import Any, Callable, Dict, List, Optional
+
+from . import _native
+
+__all__ = ["Client", "Simulation", "SimulationResult", "Event", "Message", "CallbackRecord",
+           "ZonarisError", "version", "abi_version", "ABI_VERSION"]
+
+#: The ABI this package was written for (ZONARIS_ABI_VERSION of zonaris/zonaris.h).
+ABI_VERSION = 1
+CALLBACK_NAMES = [name for name in _native.CALLBACK_TYPES if name != "logLine"]
+
+
+class ZonarisError(Exception):
+    """A call of the C API did not return ZONARIS_STATUS_OK."""
+
+    def __init__(self, status: int, status_text: str, message: str):
+        super().__init__(f"{status_text}: {message}" if message else status_text)
+        self.status, self.status_text, self.message = status, status_text, message
+
+
+def _check(status, last_error):
+    if status != 0:
+        lib = _native.client_library()
+        raise ZonarisError(status, lib.zonaris_status_text(status).decode(),
+                           last_error().decode("utf-8", "replace"))
+
+
+def version() -> str:
+    """The library's version."""
+    return _native.client_library().zonaris_version().decode()
+
+
+def abi_version() -> int:
+    """The ABI version of the loaded library; ABI_VERSION when this package fits it."""
+    return _native.client_library().zonaris_abi_version()
+
+
+def _text(value: Optional[bytes]) -> Optional[str]:
+    return None if value is None else value.decode("utf-8", "replace")
+
+
+def _location(pointer) -> Dict[str, float]:
+    l = pointer.contents
+    return {"latitude": l.latitude, "longitude": l.longitude,
+            "horizontalAccuracy": l.horizontal_accuracy, "speed": l.speed,
+            "timestamp": l.timestamp}
+
+
+# How each callback's C arguments become Python values.
+_CONVERT: Dict[str, Callable[..., list]] = {
+    "updatedInitLocation": lambda location: [_location(location)],
+    "updatedDistanceToNearestFence": lambda distance, inside: [distance, bool(inside)],
+    "updatedBeaconScan": lambda scanning: [bool(scanning)],
+    "reportSent": lambda: [],
+    "eventEnterCallback": lambda name: [_text(name)],
+    "eventExitCallback": lambda name: [_text(name)],
+    "eventDwellCallback": lambda name: [_text(name)],
+    "actionBasicCallback": lambda title, body, url: [
+        {"title": _text(title), "body": _text(body), "url": _text(url)}],
+    "actionDataCallback": lambda values: [{"values": json.loads(_text(values))}],
+    "updatedSpeed": lambda speed: [speed],
+    "updatedAvgSpeed": lambda speed: [speed],
+    "updatedInterval": lambda seconds: [seconds],
+    "updatedGPSAccuracy": lambda metres: [metres],
+    "logLine": lambda line: [_text(line)],
+}
+
+
+def _callbacks(handlers: Dict[str, Callable], on_error: Callable[[BaseException], None]):
+    """A zonaris_callbacks struct calling `handlers` (name -> callable), and the ctypes function
+    objects it points to, which must stay alive as long as the library may call them."""
+    struct = _native.Callbacks()
+    struct.struct_size = ctypes.sizeof(_native.Callbacks)
+    keep = []
+    for name, handler in handlers.items():
+        if handler is None:
+            continue
+        if name not in _native.CALLBACK_TYPES:
+            raise TypeError(f"unknown callback: {name}")
+
+        def trampoline(user, *args, _name=name, _handler=handler):
+            try:  # an exception must not unwind through the library
+                _handler(*_CONVERT[_name](*args))
+            except BaseException as error:  # noqa: B036 - reported, never raised into C
+                on_error(error)
+
+        function = _native.CALLBACK_TYPES[name](trampoline)
+        setattr(struct, name, function)
+        keep.append(function)
+    return struct, keep
+
+
+def _report(error: BaseException):
+    import sys
+    import traceback
+    traceback.print_exception(type(error), error, error.__traceback__, file=sys.stderr)
+
+
+class Client:
+    """The production client (real threads, HTTPS, a file store).
+
+    Callbacks are keyword arguments named like the delegate's operations
+    (eventEnterCallback=..., actionBasicCallback=..., updatedInterval=..., logLine=...). They
+    are called on the library's threads (updatedInitLocation on its main-queue thread, the
+    others on a thread per position fix), so guard what they share. Exceptions they raise are
+    printed to stderr and go no further. Positions are pushed with push_location (position
+    "feed", the default) or come from gpsd (position="gpsd", gpsd_host, gpsd_port).
+    close() (or leaving a with-block) releases the client and joins its threads.
+    """
+
+    def __init__(self, app_key: str, *, base_url: Optional[str] = None,
+                 store_directory: Optional[str] = None, position: str = "feed",
+                 gpsd_host: Optional[str] = None, gpsd_port: int = 0,
+                 on_callback_error: Callable[[BaseException], None] = _report,
+                 **callbacks: Callable):
+        self._lib = _native.client_library()
+        if position not in ("feed", "gpsd"):
+            raise ValueError("position is 'feed' or 'gpsd'")
+        options = _native.PlatformOptions(
+            ctypes.sizeof(_native.PlatformOptions),
+            base_url.encode() if base_url else None,
+            store_directory.encode() if store_directory else None,
+            1 if position == "gpsd" else 0,
+            gpsd_host.encode() if gpsd_host else None, gpsd_port)
+        handle = ctypes.c_void_p()
+        self._handle = None
+        self._keep: List[Any] = []
+        self._on_error = on_callback_error
+        self._call(self._lib.zonaris_init_with_app_key, app_key.encode(), ctypes.byref(options),
+                   ctypes.byref(handle))
+        self._handle = handle
+        if callbacks:
+            self.set_delegate(**callbacks)
+
+    def _call(self, function, *args):
+        _check(function(*args), self._lib.zonaris_last_error)
+
+    def _live(self):
+        if self._handle is None:
+            raise ZonarisError(2, "invalid state", "the client is closed")
+        return self._handle
+
+    # ---- The application's operations ---------------------------------------------------------
+    def set_uuid(self, uuid: str):
+        self._call(self._lib.zonaris_set_uuid, self._live(), uuid.encode())
+
+    def set_dev_mode(self, on: bool):
+        self._call(self._lib.zonaris_set_dev_mode, self._live(), 1 if on else 0)
+
+    def set_tags(self, tags: Optional[Dict[str, Any]]):
+        text = None if tags is None else json.dumps(tags).encode()
+        self._call(self._lib.zonaris_set_tags, self._live(), text)
+
+    def set_silence_window(self, start: int, stop: int):
+        self._call(self._lib.zonaris_set_silence_window, self._live(), start, stop)
+
+    def set_delegate(self, **callbacks: Callable):
+        """Replaces all callbacks; none given removes them."""
+        struct, keep = _callbacks(callbacks, self._on_error)
+        self._call(self._lib.zonaris_set_delegate, self._live(),
+                   ctypes.byref(struct) if callbacks else None)
+        # The old function objects stay referenced: a callback may still be finishing.
+        self._keep.extend(keep)
+
+    def start(self):
+        self._call(self._lib.zonaris_start, self._live())
+
+    def stop(self):
+        self._call(self._lib.zonaris_stop, self._live())
+
+    # ---- Feeding positions --------------------------------------------------------------------
+    def push_location(self, latitude: float, longitude: float, *, accuracy: float = 5.0,
+                      speed: float = -1.0, timestamp: Optional[float] = None) -> bool:
+        """Offers a fix; True when it will be delivered to the client."""
+        fix = _native.Location(latitude, longitude, speed, accuracy,
+                               time.time() if timestamp is None else timestamp)
+        accepted = ctypes.c_int(0)
+        self._call(self._lib.zonaris_push_location, self._live(), ctypes.byref(fix),
+                   ctypes.byref(accepted))
+        return bool(accepted.value)
+
+    def push_beacons(self, beacons: List[Dict[str, Any]]):
+        """Offers one ranging round: dicts with uuid, major, minor, accuracy, proximity."""
+        array = (_native.Beacon * len(beacons))(*[
+            _native.Beacon(b["uuid"].encode(), b.get("major", 0), b.get("minor", 0),
+                           b.get("accuracy", -1.0), b.get("proximity", 0)) for b in beacons])
+        self._call(self._lib.zonaris_push_beacons, self._live(), array, len(beacons))
+
+    def close(self, timeout: float = 65.0):
+        """Releases the client and joins its threads; no callback runs afterwards."""
+        if self._handle is not None:
+            self._call(self._lib.zonaris_destroy, self._handle, int(timeout * 1000))
+            self._handle = None
+            self._keep.clear()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+
+@dataclass
+class Event:
+    t: float      #: virtual seconds since the start
+    type: str     #: "entry", "exit" or "dwell"
+    fence: Optional[str]
+
+
+@dataclass
+class Message:
+    t: float
+    kind: str     #: "basic" (title, body, url) or "data" (values)
+    title: Optional[str] = None
+    body: Optional[str] = None
+    url: Optional[str] = None
+    values: Dict[str, Any] = field(default_factory=dict)
+
+
+@dataclass
+class CallbackRecord:
+    t: float
+    name: str     #: the delegate operation, or "logLine" for a log line
+    args: list
+
+
+@dataclass
+class SimulationResult:
+    events: List[Event]
+    messages: List[Message]
+    callbacks: List[CallbackRecord]  #: every callback and log line, in order
+
+    @property
+    def log(self) -> List[str]:
+        return [record.args[0] for record in self.callbacks if record.name == "logLine"]
+
+
+_EVENT_TYPES = {"eventEnterCallback": "entry", "eventExitCallback": "exit",
+                "eventDwellCallback": "dwell"}
+
+
+def _option_words(options: Dict[str, Any]) -> List[str]:
+    """zonaris-sim's command line for keyword options: dev_mode=True -> --dev-mode,
+    silence=(17, 19) -> --silence 17 19, tags={...} -> --tags JSON."""
+    words = []
+    for key, value in options.items():
+        if value is None or value is False:
+            continue
+        flag = "--" + key.replace("_", "-")
+        if value is True:
+            words.append(flag)
+        elif isinstance(value, (list, tuple)):
+            words += [flag] + [str(v) for v in value]
+        elif isinstance(value, dict):
+            words += [flag, json.dumps(value)]
+        else:
+            words += [flag, str(value)]
+    return words
+
+
+class Simulation:
+    """The client in virtual time along a trace, as zonaris-sim runs it: trace=..., and
+    fences=... (the embedded reference service) or service=URL, beacons=..., and any other
+    option of zonaris-sim as a keyword (uuid, tags, silence, dev_mode, start, until, app_key,
+    seed, noise, ...). Callbacks arrive on the calling thread, inside run()."""
+
+    def __init__(self, trace: str, fences: Optional[str] = None, beacons: Optional[str] = None,
+                 **options: Any):
+        self._lib = _native.simulation_library()
+        self._records: List[CallbackRecord] = []
+        self._handle = None
+        self._error: Optional[BaseException] = None
+        words = _option_words(dict(trace=trace, fences=fences, beacons=beacons, **options))
+        argv = (ctypes.c_char_p * (len(words) + 1))(*[w.encode() for w in words], None)
+
+        def record(name):  # lines logged while the simulation is made come at 0
+            return lambda *args: self._records.append(CallbackRecord(
+                self._lib.zonaris_simulation_elapsed(self._handle) if self._handle else 0.0,
+                name, list(args)))
+
+        def keep_first_error(error):
+            self._error = self._error or error
+
+        struct, self._keep = _callbacks({name: record(name) for name in _native.CALLBACK_TYPES},
+                                        keep_first_error)
+        handle = ctypes.c_void_p()
+        self._call(self._lib.zonaris_simulation_create, argv, ctypes.byref(struct),
+                   ctypes.byref(handle))
+        self._handle = handle
+
+    def _call(self, function, *args):
+        _check(function(*args), self._lib.zonaris_simulation_last_error)
+        if self._error is not None:
+            error, self._error = self._error, None
+            raise error
+
+    def run(self, seconds: Optional[float] = None, until: Optional[str] = None
+            ) -> SimulationResult:
+        """Runs for `seconds` virtual seconds, or until the local time `until`
+        ("YYYY-MM-DDTHH:MM:SS"), or to the end the options give; returns everything so far."""
+        if self._handle is None:
+            raise ZonarisError(2, "invalid state", "the simulation is closed")
+        if seconds is not None:
+            self._call(self._lib.zonaris_simulation_run_for, self._handle, float(seconds))
+        elif until is not None:
+            self._call(self._lib.zonaris_simulation_run_until, self._handle, until.encode())
+        else:
+            self._call(self._lib.zonaris_simulation_run, self._handle)
+        return self.result()
+
+    def result(self) -> SimulationResult:
+        events, messages = [], []
+        for r in self._records:
+            if r.name in _EVENT_TYPES:
+                events.append(Event(r.t, _EVENT_TYPES[r.name], r.args[0]))
+            elif r.name == "actionBasicCallback":
+                messages.append(Message(r.t, "basic", **r.args[0]))
+            elif r.name == "actionDataCallback":
+                messages.append(Message(r.t, "data", values=r.args[0]["values"]))
+        return SimulationResult(events, messages, list(self._records))
+
+    def close(self):
+        """Releases the client, the simulated platform and the embedded service."""
+        if self._handle is not None:
+            self._call(self._lib.zonaris_simulation_destroy, self._handle)
+            self._handle = None
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+    def __del__(self):
+        try:
+            self.close()
+        except Exception:  # noqa: BLE001 - nothing to report to at interpreter exit
+            pass
