@@ -38,6 +38,11 @@ for kind in "${kinds[@]}"; do
     # Offline run: a closed local port stands in for the service, the store goes to scratch.
     scratch=$(mktemp -d)
     XDG_DATA_HOME="$scratch" timeout 60 build/embed/embed http://127.0.0.1:9
+    # The same from C99 through the C API and libzonaris.so.
+    cmake -S examples/c -B build/c -DCMAKE_PREFIX_PATH="$PWD/build/prefix" \
+      -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+    cmake --build build/c -j "$jobs"
+    XDG_DATA_HOME="$scratch" timeout 60 build/c/zonaris-c-example http://127.0.0.1:9 >/dev/null
     rm -rf "$scratch"
   fi
 done
