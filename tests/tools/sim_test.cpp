@@ -1,10 +1,12 @@
 // zonaris-sim run as a process: the bundled day against the embedded service, the JSON-lines
-// contract against a scripted service, and the refusals of bad input.
+// contract against a scripted service, a realistic device with its score, and the refusals of
+// bad input; and a soak of a whole day of outages in process, scored against the truth.
 
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -16,10 +18,15 @@
 #include <regex>
 #include <sstream>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "support/recording_server.hpp"
+#include "zonaris-service/reference_service.hpp"
+#include "zonaris-sim/score.hpp"
+#include "zonaris/sim/sim_platform.hpp"
+#include "zonaris/zonaris.hpp"
 
 #ifdef ZONARIS_SIM_BIN
 
@@ -253,21 +260,194 @@ TEST_P(SimRefuses, WithOneErrorLineAndStatusTwo) {
 
 INSTANTIATE_TEST_SUITE_P(
     BadCommandLines, SimRefuses,
-    ::testing::Values(BadInput{"UnknownOption", "@ok --speed 3", "--speed"},
-                      BadInput{"NoTrace", "--fences @fences", "--trace"},
-                      BadInput{"MissingTraceFile", "--trace @missing --fences @fences",
-                               "no-such-file"},
-                      BadInput{"MalformedTrace", "--trace @bad --fences @fences", "bad.gpx"},
-                      BadInput{"NoService", "--trace @trace", "--service"},
-                      BadInput{"BothServices", "@ok --service http://127.0.0.1:9", "--service"},
-                      BadInput{"MalformedFences", "--trace @trace --fences @bad", "bad.gpx"},
-                      BadInput{"MalformedBeacons", "@ok --beacons @bad", "bad.gpx"},
-                      BadInput{"TagsNotAnObject", "@ok --tags [1,2]", "--tags"},
-                      BadInput{"NotAUuid", "@ok --uuid beacon", "--uuid"},
-                      BadInput{"SilenceHourOutOfRange", "@ok --silence 22 24", "--silence"},
-                      BadInput{"SilenceWithOneHour", "@ok --silence 22", "--silence"},
-                      BadInput{"MalformedStart", "@ok --start 2026-02-30T08:00:00", "--start"}),
+    ::testing::Values(
+        BadInput{"UnknownOption", "@ok --speed 3", "--speed"},
+        BadInput{"NoTrace", "--fences @fences", "--trace"},
+        BadInput{"MissingTraceFile", "--trace @missing --fences @fences", "no-such-file"},
+        BadInput{"MalformedTrace", "--trace @bad --fences @fences", "bad.gpx"},
+        BadInput{"NoService", "--trace @trace", "--service"},
+        BadInput{"BothServices", "@ok --service http://127.0.0.1:9", "--service"},
+        BadInput{"MalformedFences", "--trace @trace --fences @bad", "bad.gpx"},
+        BadInput{"MalformedBeacons", "@ok --beacons @bad", "bad.gpx"},
+        BadInput{"TagsNotAnObject", "@ok --tags [1,2]", "--tags"},
+        BadInput{"NotAUuid", "@ok --uuid beacon", "--uuid"},
+        BadInput{"SilenceHourOutOfRange", "@ok --silence 22 24", "--silence"},
+        BadInput{"SilenceWithOneHour", "@ok --silence 22", "--silence"},
+        BadInput{"MalformedStart", "@ok --start 2026-02-30T08:00:00", "--start"},
+        BadInput{"OutageBackwards", "@ok --outage 50-20", "--outage"},
+        BadInput{"UnknownOutageKind", "@ok --outage-kind down", "--outage-kind"},
+        BadInput{"OutlierShareOverOne", "@ok --outliers 2", "--outliers"},
+        BadInput{"ScoreWithoutFences",
+                 "--trace @trace --service http://127.0.0.1:9 --score @missing", "--score"}),
     [](const auto& info) { return std::string(info.param.name); });
+
+TEST(SimScore, ARealisticWalkIsReproducibleAndTheTimelineMarksWhatTheScoreFound) {
+  // Jumps away from home now and then, and the service is away for the whole bakery visit.
+  const std::string args =
+      "--trace examples/walk.csv --fences examples/fences.json --seed 3 --noise 4 --outliers 0.1 "
+      "--fix-delay 3 --stale-first --batch 2 --latency 250 --outage 850-1150 --score @score";
+  Scratch scratch;
+  const std::string scoreFile = scratch.path("score.json");
+  const Outcome first = sim(args, scratch, {{"@score", scoreFile}});
+  ASSERT_EQ(first.status, 0) << first.err;
+  const std::string firstScore = slurp(scoreFile);
+  const Outcome second = sim(args, scratch, {{"@score", scoreFile}});
+  EXPECT_TRUE(first.out == second.out && firstScore == slurp(scoreFile)) << "same seed, same bytes";
+
+  const json score = json::parse(firstScore);
+  for (const char* key : {"truth", "matched", "missed", "false", "latency", "hours", "fixes",
+                          "requests_per_hour", "lost_visits", "baseline_15s"})
+    EXPECT_TRUE(score.contains(key)) << key;
+  // Home (from the start) and left; the bakery entered and, inside the outage, dwelled in.
+  EXPECT_EQ(score["truth"].size(), 4u);
+  ASSERT_EQ(score["missed"].size(), 1u);
+  EXPECT_EQ(score["missed"][0]["in_outage"], true);
+  EXPECT_GE(score["matched"].back()["t"], 1150.0) << "the bakery heard of once the service is back";
+  EXPECT_GE(score["false"].size(), 1u) << "the jumps";
+  EXPECT_EQ(score["baseline_15s"]["fixes"]["per_hour"], 240.0);
+
+  const std::string timeline = std::string("'") + ZONARIS_TIMELINE_BIN + "' --score '" + scoreFile +
+                               "' <'" + scratch.path("out") + "' >'" + scratch.path("timeline") +
+                               "'";
+  ASSERT_EQ(std::system(timeline.c_str()), 0);
+  std::istringstream lines(slurp(scratch.path("timeline")));
+  std::size_t falseMarks = 0, missedLines = 0;
+  for (std::string line; std::getline(lines, line);) {
+    falseMarks += line.find("<- false") != std::string::npos;
+    missedLines += line.find("MISSED") != std::string::npos;
+  }
+  EXPECT_EQ(falseMarks, score["false"].size());
+  EXPECT_EQ(missedLines, score["missed"].size());
+}
+
+// A day at three places 600 m apart, with a flapping service for an hour and a two-hour outage.
+TEST(SimSoak, ADayOfOutagesLosesOnlyVisitsTheServiceCouldNeverSee) {
+  constexpr double hour = 3600, minute = 60;
+  struct Place {
+    double east, north;
+  };
+  const Place a{0, 0}, b{600, 0}, c{0, 600};
+  std::string csv;
+  double t = 0;
+  Place here = a;
+  // "lon lat" of a place, on the 6378137 m sphere around (48.1, 11.5).
+  auto lonLat = [](Place p) {
+    const double degrees = 180.0 / std::acos(-1.0), r = 6378137.0;
+    return fmt::format("{:.7f} {:.7f}", 11.5 + p.east / (r * std::cos(48.1 / degrees)) * degrees,
+                       48.1 + p.north / r * degrees);
+  };
+  auto point = [&](Place p) {
+    const auto ll = lonLat(p);
+    const auto blank = ll.find(' ');
+    csv += fmt::format("{},{},{}\n", t, ll.substr(blank + 1), ll.substr(0, blank));
+  };
+  auto stayUntil = [&](double end) {
+    point(here);
+    t = end;
+    point(here);
+  };
+  auto walkTo = [&](Place p) {
+    t += std::hypot(p.east - here.east, p.north - here.north) / 1.4;
+    here = p;
+  };
+  stayUntil(7 * hour);
+  walkTo(b), stayUntil(7 * hour + 30 * minute), walkTo(a), stayUntil(7 * hour + 50 * minute);
+  walkTo(b), stayUntil(10 * hour + 20 * minute);
+  walkTo(c), stayUntil(11 * hour), walkTo(a), stayUntil(14 * hour);  // in the long outage
+  walkTo(c), stayUntil(15 * hour), walkTo(b), stayUntil(18 * hour), walkTo(a), stayUntil(24 * hour);
+  std::vector<sim::Outage> outages;
+  for (int k = 0; k < 12; ++k)  // down 2 of every 5 minutes
+    outages.push_back({7 * hour + (5 * k + 3) * minute, 7 * hour + (5 * k + 5) * minute});
+  outages.push_back({10 * hour, 12 * hour});
+
+  auto fence = [&](int id, const char* name, Place p, json windows) {
+    return json{{"id", id},
+                {"name", name},
+                {"type", "point"},
+                {"radius", 60},
+                {"location", "POINT (" + lonLat(p) + ")"},
+                {"_event_types", {"entry", "exit", "dwell"}},
+                {"_dwell_windows", windows}};
+  };
+  const json fences =
+      json::array({fence(1, "A", a, json::array({1800})), fence(2, "B", b, json::array({600})),
+                   fence(3, "C", c, json::array())});
+
+  auto scheduler = std::make_shared<sim::Scheduler>(*sim::parseLocalTime("2026-01-05T00:00:00"));
+  service_tool::ServiceOptions serviceOptions;
+  serviceOptions.fences = fences;
+  serviceOptions.now = [scheduler] { return scheduler->now(); };
+  service_tool::ReferenceService service(serviceOptions);
+  ASSERT_GT(service.start(0), 0) << service.error();
+
+  struct Heard final : ZonarisDelegate {
+    explicit Heard(const sim::Scheduler& s) : s(s) {}
+    void record(const std::optional<std::string>& name, const char* type) {
+      std::lock_guard lock(mutex);
+      events.push_back(
+          {0, name.value_or(""), type, std::chrono::duration<double>(s.elapsed()).count()});
+    }
+    void eventEnterCallback(const std::optional<std::string>& n) override { record(n, "entry"); }
+    void eventExitCallback(const std::optional<std::string>& n) override { record(n, "exit"); }
+    void eventDwellCallback(const std::optional<std::string>& n) override { record(n, "dwell"); }
+    const sim::Scheduler& s;
+    std::mutex mutex;
+    std::vector<sim_tool::FenceEvent> events;
+  };
+  auto heard = std::make_shared<Heard>(*scheduler);
+  sim_tool::ScoreInputs inputs;
+  inputs.trace = std::make_shared<const sim::Trace>(sim::Trace::parseCsv(csv, "soak.csv"));
+  inputs.seconds = 24 * hour;
+  inputs.outages = outages;
+  std::size_t mostQueued = 0;
+  {
+    sim::SimulationOptions options;
+    options.scheduler = scheduler;
+    options.baseUrl = service.baseUrl();
+    options.trace = inputs.trace;
+    options.network = {{}, outages, sim::OutageKind::Unreachable};
+    sim::Simulation simulation(std::move(options));
+    auto client = Zonaris::initWithAppKey("soak", simulation.platform());
+    client->setDelegate(heard);
+    client->start();
+    for (int h = 0; h < 24; ++h) {
+      simulation.runFor(std::chrono::hours(1));
+      mostQueued = std::max(mostQueued, scheduler->pending());
+    }
+  }
+  EXPECT_LT(mostQueued, 20u) << "work queued up during the outages";
+
+  std::string error;
+  inputs.fences = *service_tool::parseFences(fences, "soak", error);
+  sim_tool::RunRecord run;
+  run.confirmed = heard->events;
+  const auto score = sim_tool::score(inputs, run);
+  EXPECT_EQ(score["false"].size(), 0u) << "an event confirmed twice, or one that never happened";
+  // Every crossing whose state still holds when the service is back is confirmed, unless the
+  // application already believes that state (the end of a visit it never heard of).
+  auto believed = [&](const json& id, double at) {
+    bool inside = false;
+    for (const auto& e : score["matched"])
+      if (e["id"] == id && e["type"] != "dwell" && e["t"] <= at)
+        inside = e["type"] == "entry";
+    return inside;
+  };
+  for (const auto& missed : score["missed"]) {
+    if (missed["type"] == "dwell")
+      continue;
+    const double at = missed["true_t"];
+    double back = at;
+    for (const auto& o : outages)
+      back = o.contains(at) ? o.end : back;
+    bool undone = false;
+    for (const auto& e : score["truth"])
+      undone = undone ||
+               (e["id"] == missed["id"] && e["type"] != "dwell" && e["t"] > at && e["t"] <= back);
+    EXPECT_TRUE(undone || believed(missed["id"], back + 600) == (missed["type"] == "entry"))
+        << missed.dump();
+  }
+  EXPECT_EQ(score["lost_visits"], 1) << "the visit to C, begun and ended in the long outage";
+}
 
 }  // namespace
 }  // namespace zonaris::test
