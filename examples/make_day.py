@@ -18,11 +18,21 @@ The day (local time, Tuesday 2026-03-10):
   18:55 drive home, stay until 19:30
 
 Run from anywhere: python3 examples/make_day.py
+
+Noisy variants. `python3 examples/make_day.py --noise 10 [--outliers 0.005] [--seed 1] [--out FILE]`
+writes only a variant of day.gpx (default: examples/day-noise10.gpx) whose positions carry
+Gaussian noise of that many metres per axis and, for the given share of points, jumps of 200 to
+800 m, as a recorded track would. The hdop says so for the noisy points (1.51 x noise / 5 m,
+combined with the original) and not for the jumps. Replaying such a trace shows how a recorded
+track looks to the client; for a ground-truth score, replay the clean day.gpx with zonaris-sim's
+device model (--noise, --outliers) instead, since the score takes the trace as the truth.
 """
 
+import argparse
 import json
 import math
 import os
+import random
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
@@ -219,7 +229,37 @@ def write_walk_csv(day, path):
         f.write("\n".join(rows) + "\n")
 
 
+def noisy(day, noise, outliers, seed):
+    """The day's points with noise and jumps; the same seed gives the same file."""
+    rng = random.Random(seed)
+    points = []
+    for t, x, y, hdop, speed in day.points:
+        if rng.random() < outliers:
+            distance, bearing = rng.uniform(200.0, 800.0), rng.uniform(0.0, 2.0 * math.pi)
+            points.append((t, x + distance * math.sin(bearing), y + distance * math.cos(bearing),
+                           hdop, speed))
+        else:
+            radius = math.hypot(hdop * 5.0, 1.5096 * noise) / 5.0
+            points.append((t, x + rng.gauss(0.0, noise), y + rng.gauss(0.0, noise), radius, speed))
+    variant = Day()
+    variant.points = points
+    return variant
+
+
 def main():
+    parser = argparse.ArgumentParser(description="Writes the bundled example day, or a noisy variant.")
+    parser.add_argument("--noise", type=float, help="metres of Gaussian noise per axis (variant)")
+    parser.add_argument("--outliers", type=float, default=0.0, help="share of points thrown off")
+    parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--out", help="file of the variant (default examples/day-noiseN.gpx)")
+    args = parser.parse_args()
+    if args.noise is not None or args.outliers:
+        noise = args.noise or 0.0
+        out = args.out or os.path.join(HERE, "day-noise%g.gpx" % noise)
+        write_gpx(noisy(build_day()[0], noise, args.outliers, args.seed), out)
+        print("%s: the day with %g m noise, %g outliers, seed %d" % (out, noise, args.outliers, args.seed))
+        return
+
     day, arrival, departure = build_day()
     write_gpx(day, os.path.join(HERE, "day.gpx"))
     with open(os.path.join(HERE, "fences.json"), "w") as f:
