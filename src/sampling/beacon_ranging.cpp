@@ -12,6 +12,13 @@
 // timers and ranging results on the main queue. The flags are atomics; the scan in progress
 // (`mCurrentBeacons_`) is only touched under `fieldsMutex_`, and nothing is logged or asked of
 // the platform while that lock is held.
+//
+// Switching is ordered by the client's monitor: a scan's start (check the switch, set scanning,
+// start ranging), a scan's end (check, clear scanning, stop ranging) and switching off (clear
+// the switch, clear scanning, stop ranging) each run whole under it. Without that, switching
+// off between a scan's check and its start of ranging would leave the device ranging for good
+// with the switch off, since every later timer and switch-off then sees the switch already off.
+// So whenever the switch is off and no switch is under way, ranging is off.
 #include <chrono>
 #include <cstddef>
 #include <string>
@@ -100,6 +107,7 @@ void Zonaris::stopUpdateBeacons() {
     return;
   }
   devLog("Stop updating beacons");
+  std::lock_guard order(monitor_);
   if (!mBeaconEnabled_.exchange(false))
     return;
   mBeaconScanning_.store(false);
@@ -108,26 +116,32 @@ void Zonaris::stopUpdateBeacons() {
 }
 
 void Zonaris::startScanBeacons() {
-  if (!mBeaconEnabled_.load())
-    return;
-  alwaysLog("Started scan");
   {
-    std::lock_guard lock(fieldsMutex_);
-    mCurrentBeacons_.clear();
+    std::lock_guard order(monitor_);
+    if (!mBeaconEnabled_.load())
+      return;
+    alwaysLog("Started scan");
+    {
+      std::lock_guard lock(fieldsMutex_);
+      mCurrentBeacons_.clear();
+    }
+    mBeaconScanning_.store(true);
+    if (auto region = mBeaconRegion())
+      mLocationManager_->startRangingBeacons(*region);
   }
-  mBeaconScanning_.store(true);
-  if (auto region = mBeaconRegion())
-    mLocationManager_->startRangingBeacons(*region);
   mainAfterGuarded("stopScanBeacons", kScanDuration, [](Zonaris& self) { self.stopScanBeacons(); });
 }
 
 void Zonaris::stopScanBeacons() {
-  if (!mBeaconEnabled_.load())
-    return;
-  alwaysLog("Stopped scan");
-  mBeaconScanning_.store(false);
-  if (auto region = mBeaconRegion())
-    mLocationManager_->stopRangingBeacons(*region);
+  {
+    std::lock_guard order(monitor_);
+    if (!mBeaconEnabled_.load())
+      return;
+    alwaysLog("Stopped scan");
+    mBeaconScanning_.store(false);
+    if (auto region = mBeaconRegion())
+      mLocationManager_->stopRangingBeacons(*region);
+  }
 
   // The scan's list is left in place; the next scan empties it when it starts.
   const auto scanned = mCurrentBeacons();

@@ -6,9 +6,11 @@
 #include <limits>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 #include <GeographicLib/Geodesic.hpp>
 
+#include "support/fake_location_manager.hpp"
 #include "support/recording_delegate.hpp"
 #include "support/recording_server.hpp"
 #include "zonaris/sim/location_manager.hpp"
@@ -349,6 +351,38 @@ TEST_F(BeaconJourney, RangesNearTheDoorAndTheNextObservationCarriesItsBeacons) {
   EXPECT_EQ(withDoorBeacons.front(),
             *std::lower_bound(observed.begin(), observed.end(), scans[0] + 10));
   EXPECT_TRUE(simulation->simLocationManager()->rangedRegions().empty());
+}
+
+// Switching on and off from several threads at once (evaluation passes overlapping with stop):
+// whenever the last switch was off, the device ends up not ranging. Run under ThreadSanitizer.
+TEST(BeaconSwitches, RangingEndsOffWheneverTheLastSwitchWasOff) {
+  auto manager = std::make_shared<FakeLocationManager>();
+  sim::SimulationOptions options;
+  options.makeLocationManager = [manager](const auto&) { return manager; };
+  sim::Simulation simulation(std::move(options));
+  auto client = Zonaris::initWithAppKey("demo-key", simulation.platform());
+  client->setUUID(kUuid);
+  for (int round = 0; round < 100; ++round) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&client] {
+        for (int i = 0; i < 25; ++i) {
+          client->startUpdateBeacons();
+          client->stopUpdateBeacons();  // every thread's last switch is off
+        }
+      });
+    }
+    for (auto& thread : threads)
+      thread.join();
+    const auto calls = manager->calls();
+    const auto last = std::find_if(calls.rbegin(), calls.rend(), [](const std::string& c) {
+      return c.find("RangingBeacons(") != std::string::npos;
+    });
+    ASSERT_NE(last, calls.rend());
+    ASSERT_EQ(last->rfind("stopRangingBeacons(", 0), 0u) << "still ranging after round " << round;
+    ASSERT_FALSE(client->mBeaconScanning());
+    manager->clearCalls();
+  }
 }
 
 }  // namespace
