@@ -117,9 +117,13 @@ std::size_t FeedLocationManager::pushBeacons(const std::vector<Beacon>& beacons)
     const auto regionUUID = canonicalUUID(region.uuid);
     std::vector<Beacon> matching;
     for (const auto& beacon : beacons) {
-      const auto uuid = canonicalUUID(beacon.uuid);
-      if (uuid && uuid == regionUUID)
-        matching.push_back(beacon);
+      auto uuid = canonicalUUID(beacon.uuid);
+      if (!uuid || uuid != regionUUID)
+        continue;
+      // Delivered in the canonical upper-case form, so that a beacon pushed in two cases is one
+      // beacon to the scan and one text on the wire.
+      matching.push_back(beacon);
+      matching.back().uuid = std::move(*uuid);
     }
     dispatcher_->mainAfter(Duration::zero(),
                            [delegate, matching = std::move(matching), region = std::move(region)] {

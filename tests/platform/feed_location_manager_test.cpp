@@ -14,8 +14,12 @@ using namespace std::chrono_literals;
 
 struct Recorder final : LocationManagerDelegate {
   void didUpdateLocations(const std::vector<Location>& l) override { fixes += l.size(); }
-  void didRangeBeacons(const std::vector<Beacon>&, const BeaconRegion&) override {}
+  void didRangeBeacons(const std::vector<Beacon>& b, const BeaconRegion&) override {
+    for (const auto& beacon : b)
+      uuids.push_back(beacon.uuid);
+  }
   std::size_t fixes = 0;
+  std::vector<std::string> uuids;
 };
 
 // A fix `metres` north of a fixed point (one degree of latitude is about 111.2 km there).
@@ -60,6 +64,21 @@ TEST(FeedLocationManager, FollowsStartStopAndItsFilterAndDeliversOnlyOnTheMainQu
     EXPECT_EQ(delivered, expected) << filter;
     manager.stopUpdatingLocation();  // a restart forgets the last fix
   }
+}
+
+// One beacon pushed in two cases reaches the client as one canonical text, so that its scan
+// keeps one entry and the wire carries upper case.
+TEST(FeedLocationManager, DeliversBeaconUUIDsInCanonicalUpperCase) {
+  auto scheduler = std::make_shared<sim::Scheduler>(sim::defaultStartTime());
+  FeedLocationManager manager(std::make_shared<sim::SimDispatcher>(scheduler));
+  auto recorder = std::make_shared<Recorder>();
+  manager.setDelegate(recorder);
+  manager.startRangingBeacons({"E2C56DB5-DFFB-48D2-B060-D0F5A71096E0", "beacon_region"});
+  manager.pushBeacons({{"e2c56db5-dffb-48d2-b060-d0f5a71096e0", 1, 2, 1.0, 2},
+                       {"E2C56DB5-dffb-48D2-B060-D0F5A71096E0", 1, 2, 1.0, 2},
+                       {"not a uuid", 1, 2, 1.0, 2}});
+  scheduler->runFor(0s);
+  EXPECT_EQ(recorder->uuids, std::vector<std::string>(2, "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0"));
 }
 
 }  // namespace
