@@ -136,7 +136,8 @@ std::vector<std::string> Zonaris::callStackSymbols() const {
 
 void Zonaris::reportUnexpected(const char* what, const char* message) noexcept {
   try {
-    alwaysLog(fmt::format("Zonaris: unexpected failure in {}: {}", what, message));
+    // Like every line but the beacon lines, written only in developer mode.
+    devLog(fmt::format("Zonaris: unexpected failure in {}: {}", what, message));
     sendException("Unexpected failure", callStackSymbols(),
                   nlohmann::json::array({{{"name", "operation"}, {"value", what}},
                                          {{"name", "message"}, {"value", message}}}));

@@ -104,14 +104,26 @@ bool fsyncRetrying(int fd) {
   return true;
 }
 
-void reportWriteFailure(const std::string& key, const char* step, const std::string& why) {
-  std::fprintf(stderr, "zonaris: could not store \"%s\" (%s): %s\n", key.c_str(), step,
-               why.c_str());
+// Called with the store's mutex held, which also guards `logger`.
+void reportWriteFailure(const std::shared_ptr<Logger>& logger, const std::string& key,
+                        const char* step, const std::string& why) noexcept {
+  if (!logger)
+    return;
+  try {
+    logger->log("zonaris: could not store \"" + key + "\" (" + step + "): " + why);
+  } catch (...) {
+    // A logger that fails has nowhere to report to.
+  }
 }
 
 }  // namespace
 
 FileStore::FileStore(std::string directory) : directory_(std::move(directory)) {}
+
+void FileStore::setLogger(std::shared_ptr<Logger> logger) {
+  std::lock_guard lock(mutex_);
+  logger_ = std::move(logger);
+}
 
 std::string FileStore::filePath() const {
   return directory_ + "/" + kFileName;
@@ -131,14 +143,14 @@ std::int64_t FileStore::getLong(const std::string& key) const {
 }
 
 void FileStore::setLong(const std::string& key, std::int64_t value) {
+  std::lock_guard lock(mutex_);
   try {
-    std::lock_guard lock(mutex_);
     std::error_code ec;
     std::filesystem::create_directories(directory_, ec);  // an error shows at open below
 
     Fd folder(::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder.get() < 0)
-      return reportWriteFailure(key, "open folder", errnoText());
+      return reportWriteFailure(logger_, key, "open folder", errnoText());
     // Serialises writers across processes too; released when `folder` closes. Without it (a
     // file system that refuses flock) the in-process mutex still orders this process's writes.
     while (::flock(folder.get(), LOCK_EX) != 0 && errno == EINTR) {
@@ -154,24 +166,24 @@ void FileStore::setLong(const std::string& key, std::int64_t value) {
     const std::string temp = filePath() + kTempSuffix;
     Fd file(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (file.get() < 0)
-      return reportWriteFailure(key, "create", errnoText());
+      return reportWriteFailure(logger_, key, "create", errnoText());
     if (!writeAll(file.get(), text) || !fsyncRetrying(file.get()) || !file.close()) {
       const std::string why = errnoText();
       ::unlink(temp.c_str());
-      return reportWriteFailure(key, "write", why);
+      return reportWriteFailure(logger_, key, "write", why);
     }
     if (::rename(temp.c_str(), filePath().c_str()) != 0) {
       const std::string why = errnoText();
       ::unlink(temp.c_str());
-      return reportWriteFailure(key, "rename", why);
+      return reportWriteFailure(logger_, key, "rename", why);
     }
     // Makes the rename itself durable.
     if (!fsyncRetrying(folder.get()))
-      reportWriteFailure(key, "sync folder", errnoText());
+      reportWriteFailure(logger_, key, "sync folder", errnoText());
   } catch (const std::exception& e) {
-    reportWriteFailure(key, "unexpected", e.what());
+    reportWriteFailure(logger_, key, "unexpected", e.what());
   } catch (...) {
-    reportWriteFailure(key, "unexpected", "unknown");
+    reportWriteFailure(logger_, key, "unexpected", "unknown");
   }
 }
 

@@ -2,8 +2,8 @@
 // thread, both started on first use.
 #include <algorithm>
 #include <condition_variable>
-#include <cstdio>
 #include <exception>
+#include <string>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -20,19 +20,54 @@ constexpr Duration kMinTickInterval = std::chrono::milliseconds(1);
 // Longer delays and intervals are cut to this, so that due times cannot overflow the clock.
 constexpr Duration kMaxDelay = std::chrono::hours(24 * 365 * 100);
 
-void reportEscape(const char* where, const char* what) noexcept {
-  // stdio locks the stream, so concurrent reports do not interleave within a line.
-  std::fprintf(stderr, "zonaris: an exception escaped a %s task: %s\n", where, what);
-}
+}  // namespace
 
-void runCaught(const Task& task, const char* where) noexcept {
+// The dispatcher's own failures go to the logger given to setLogger, if any; never to stderr
+// behind the application's back.
+class ThreadDispatcher::Diagnostics {
+ public:
+  void set(std::shared_ptr<Logger> logger) {
+    std::lock_guard lock(mutex_);
+    logger_ = std::move(logger);
+  }
+  // Call without holding the dispatcher's lock: a logger may post work of its own.
+  void report(const std::string& line) const noexcept {
+    try {
+      std::shared_ptr<Logger> logger;
+      {
+        std::lock_guard lock(mutex_);
+        logger = logger_;
+      }
+      if (logger)
+        logger->log(line);
+    } catch (...) {
+      // A logger that fails has nowhere to report to.
+    }
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::shared_ptr<Logger> logger_;
+};
+
+namespace {
+
+void runCaught(const ThreadDispatcher::Diagnostics& diagnostics, const Task& task,
+               const char* where) noexcept {
+  const auto escaped = [&](const char* what) {
+    try {
+      diagnostics.report(std::string("zonaris: an exception escaped a ") + where +
+                         " task: " + what);
+    } catch (...) {
+    }
+  };
   try {
     if (task)
       task();
   } catch (const std::exception& e) {
-    reportEscape(where, e.what());
+    escaped(e.what());
   } catch (...) {
-    reportEscape(where, "unknown exception");
+    escaped("unknown exception");
   }
 }
 
@@ -122,6 +157,7 @@ struct ThreadDispatcher::State {
   std::thread mainThread;
   std::thread tickerThread;
   std::size_t detachedRunning = 0;
+  Diagnostics diagnostics;
 };
 
 ThreadDispatcher::ThreadDispatcher() : state_(std::make_shared<State>()) {}
@@ -140,7 +176,7 @@ void ThreadDispatcher::detach(Task task) {
   }
   try {
     std::thread([state, task = std::move(task)]() mutable {
-      runCaught(task, "detached");
+      runCaught(state->diagnostics, task, "detached");
       task = nullptr;  // release the captures before reporting the task finished
       {
         std::lock_guard lock(state->mutex);
@@ -149,7 +185,8 @@ void ThreadDispatcher::detach(Task task) {
       state->detachedDone.notify_all();
     }).detach();
   } catch (const std::system_error& e) {
-    std::fprintf(stderr, "zonaris: could not start a thread, task dropped: %s\n", e.what());
+    state->diagnostics.report(std::string("zonaris: could not start a thread, task dropped: ") +
+                              e.what());
     {
       std::lock_guard lock(state->mutex);
       --state->detachedRunning;
@@ -160,21 +197,23 @@ void ThreadDispatcher::detach(Task task) {
 
 void ThreadDispatcher::mainAfter(Duration delay, Task task) {
   const auto due = SteadyClock::now() + std::clamp(delay, Duration::zero(), kMaxDelay);
+  std::string failure;
   {
     std::lock_guard lock(state_->mutex);
     if (state_->stopping)
       return;  // `task` is released on return, outside the lock
-    if (!state_->mainThread.joinable()) {
-      try {
+    try {
+      if (!state_->mainThread.joinable())
         state_->mainThread = std::thread(&ThreadDispatcher::mainLoop, state_);
-      } catch (const std::system_error& e) {
-        std::fprintf(stderr, "zonaris: could not start the main queue, task dropped: %s\n",
-                     e.what());
-        return;
-      }
+      state_->mainQueue.push_back({due, state_->nextSequence++, std::move(task)});
+      std::push_heap(state_->mainQueue.begin(), state_->mainQueue.end(), Later{});
+    } catch (const std::system_error& e) {
+      failure = e.what();
     }
-    state_->mainQueue.push_back({due, state_->nextSequence++, std::move(task)});
-    std::push_heap(state_->mainQueue.begin(), state_->mainQueue.end(), Later{});
+  }
+  if (!failure.empty()) {
+    state_->diagnostics.report("zonaris: could not start the main queue, task dropped: " + failure);
+    return;
   }
   state_->mainWake.notify_one();
 }
@@ -182,6 +221,7 @@ void ThreadDispatcher::mainAfter(Duration delay, Task task) {
 std::shared_ptr<TickerHandle> ThreadDispatcher::startTicker(Duration interval, Task tick) {
   auto ticker = std::make_shared<Ticker>(interval, std::move(tick));
   bool queued = false;
+  std::string failure;
   {
     std::lock_guard lock(state_->mutex);
     if (!state_->stopping) {
@@ -193,10 +233,12 @@ std::shared_ptr<TickerHandle> ThreadDispatcher::startTicker(Duration interval, T
         std::push_heap(state_->tickers.begin(), state_->tickers.end(), Later{});
         queued = true;
       } catch (const std::system_error& e) {
-        std::fprintf(stderr, "zonaris: could not start the ticker thread: %s\n", e.what());
+        failure = e.what();
       }
     }
   }
+  if (!failure.empty())
+    state_->diagnostics.report("zonaris: could not start the ticker thread: " + failure);
   if (queued)
     state_->tickerWake.notify_one();
   else
@@ -228,6 +270,10 @@ void ThreadDispatcher::shutdown() {
   joinOrDetach(tickerThread);
 }
 
+void ThreadDispatcher::setLogger(std::shared_ptr<Logger> logger) {
+  state_->diagnostics.set(std::move(logger));
+}
+
 bool ThreadDispatcher::waitForDetachedTasks(std::chrono::milliseconds timeout) {
   std::unique_lock lock(state_->mutex);
   return state_->detachedDone.wait_for(lock, timeout,
@@ -250,7 +296,7 @@ void ThreadDispatcher::mainLoop(std::shared_ptr<State> state) {
     Task task = std::move(state->mainQueue.back().task);
     state->mainQueue.pop_back();
     lock.unlock();
-    runCaught(task, "main-queue");
+    runCaught(state->diagnostics, task, "main-queue");
     task = nullptr;  // may drop the last reference to the dispatcher; see joinOrDetach
     lock.lock();
   }
@@ -275,7 +321,7 @@ void ThreadDispatcher::tickerLoop(std::shared_ptr<State> state) {
 
     auto tick = entry.ticker->current();
     if (tick)
-      runCaught(*tick, "ticker");
+      runCaught(state->diagnostics, *tick, "ticker");
     const bool keep = tick != nullptr;
     tick.reset();
 
