@@ -86,21 +86,17 @@ TEST_F(FileStoreTest, AWriterKilledMidWriteLeavesTheLastOrTheNextValue) {
     const std::int64_t stored = FileStore(dir).getLong(kKey);
     EXPECT_TRUE(stored == base + confirmed || stored == base + confirmed + 1)
         << "round " << round << ": stored " << stored << ", confirmed " << base + confirmed;
-  }
-}
 
-TEST_F(FileStoreTest, ASecondClientOverTheSameFolderFindsTheIdAndSamplesAtOnce) {
-  sim::SimulationOptions options;
-  options.store = std::make_shared<FileStore>(dir);
-  sim::Simulation first(options);
-  ASSERT_TRUE(Zonaris::initWithAppKey("demo-key", first.platform()));
-  ZonarisUserDefaults::setInstallId(*options.store, 42);
-  options.store = std::make_shared<FileStore>(dir);  // as a new process would open it
-  sim::Simulation second(options);
-  auto client = Zonaris::initWithAppKey("demo-key", second.platform());
-  client->start();
-  EXPECT_EQ(client->mInstallId(), 42);
-  EXPECT_TRUE(client->mUpdatingLocation()) << "a known install samples without registering";
+    // A client started after the crash, as a new process would, finds an id and samples at
+    // once: it never registers a second time.
+    sim::SimulationOptions options;
+    options.store = std::make_shared<FileStore>(dir);
+    sim::Simulation restarted(options);
+    auto client = Zonaris::initWithAppKey("demo-key", restarted.platform());
+    client->start();
+    EXPECT_EQ(client->mInstallId(), stored);
+    EXPECT_TRUE(client->mUpdatingLocation()) << "round " << round << " registers again";
+  }
 }
 
 }  // namespace
