@@ -141,9 +141,11 @@ static void callbacks_and_destroy(const char* store) {
   /* The registration thread logs its failure; wait for it (bounded). */
   for (waited = 0; waited < 1000 && lines_off_thread(w) == 0; ++waited)
     nanosleep(&tick, NULL);
-  CHECK(lines_off_thread(w) > 0);
-  CHECK(w->lines > lines_off_thread(w)); /* "Zonaris started" came on this thread */
+  pthread_mutex_lock(&w->mutex);
+  CHECK(w->lines_off_thread > 0);
+  CHECK(w->lines > w->lines_off_thread); /* "Zonaris started" came on this thread */
   CHECK(w->destroy_inside == ZONARIS_STATUS_INVALID_STATE);
+  pthread_mutex_unlock(&w->mutex);
   CHECK(zonaris_stop(client) == ZONARIS_STATUS_OK);
   CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
   /* Every thread is joined: freeing what the callbacks use is safe now (ASan would see it). */
