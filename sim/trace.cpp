@@ -101,7 +101,9 @@ std::optional<IsoTime> parseIsoTime(std::string_view text) {
   using namespace std::chrono;
   const year_month_day date{year{y}, month{static_cast<unsigned>(mo)},
                             day{static_cast<unsigned>(d)}};
-  if (!date.ok() || h > 23 || mi > 59 || s > 60)
+  // Time points count nanoseconds in 64 bits, which reach from 1677 to 2262; a year outside
+  // 1700 to 2200 is refused rather than overflowing.
+  if (!date.ok() || y < 1700 || y > 2200 || h > 23 || mi > 59 || s > 60)
     return std::nullopt;
   std::size_t pos = 19;
   nanoseconds fraction{0};
