@@ -24,6 +24,22 @@
 
 namespace zonaris {
 
+namespace sampling {
+class EfficientPolicy;
+}  // namespace sampling
+
+/// When the client takes its position samples.
+enum class SamplingPolicy : std::uint8_t {
+  /// The design's rule: half the time to reach the nearest fence at the averaged speed, cut to
+  /// the next dwell deadline, between 15 and 600 seconds. The default.
+  Design,
+  /// Fewer fixes for the same events: measures from inside a fence to its boundary, lets the
+  /// interval grow while the device stands still (and asks the location service to wake the
+  /// client when it moves), and samples right after each dwell deadline. What a pass decides
+  /// and sends is unchanged; only the moments of the samples differ. See the README.
+  Efficient,
+};
+
 /// The library's version, sent with every error report.
 inline constexpr const char* kZonarisVersion = "2.0.03.30";
 
@@ -71,6 +87,10 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
   void start();
   /// Switches beacon ranging off, disarms sampling and stops the location service.
   void stop();
+  /// Chooses when samples are taken (default `SamplingPolicy::Design`). Best set before
+  /// `start`; a change takes effect from the next accepted fix on.
+  void setSamplingPolicy(SamplingPolicy policy);
+  SamplingPolicy samplingPolicy() const { return samplingPolicy_.load(); }
 
   // ---- Registration and reports -----------------------------------------------------------
 
@@ -183,6 +203,8 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
   // Turns an exception that reached a thread entry into an error report.
   void reportUnexpected(const char* what, const char* message) noexcept;
   std::vector<std::string> callStackSymbols() const;
+  // The efficient policy's state while that policy is in force, else null.
+  std::shared_ptr<sampling::EfficientPolicy> efficientPolicy() const;
 
   // The delegate sending rule: resolve the weak reference, ask whether the operation is
   // implemented, resolve again and call. Nothing is cached between calls.
@@ -224,6 +246,10 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
   BeaconRecords mBeacons_;
   std::vector<platform::Beacon> mCurrentBeacons_;
   std::shared_ptr<platform::TickerHandle> mDwellTimer_;
+
+  // Sampling beyond the design: the policy in force and the efficient policy's own state.
+  std::atomic<SamplingPolicy> samplingPolicy_{SamplingPolicy::Design};
+  std::shared_ptr<sampling::EfficientPolicy> efficient_;
 
   // The client's own monitor: held around each walk over a fence's dwell windows and around
   // the publication of the beacon list.

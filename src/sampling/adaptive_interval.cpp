@@ -4,6 +4,12 @@
 // reach the nearest fence, cut to the time left before the next dwell deadline and held
 // between MIN_INTERVAL and MAX_INTERVAL. All speed arithmetic is single precision, as the
 // speeds are 32-bit floats.
+//
+// Under `SamplingPolicy::Efficient` the same steps run, with the same speed statistics,
+// callbacks and log lines; only the interval comes from the efficient policy
+// (sampling/efficient_policy.hpp), and a scheduled sample is skipped when another one was
+// taken since it was scheduled.
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
@@ -11,6 +17,7 @@
 
 #include <fmt/format.h>
 
+#include "sampling/efficient_policy.hpp"
 #include "zonaris/zonaris.hpp"
 
 namespace zonaris {
@@ -37,6 +44,22 @@ std::int32_t saturatedInt32(double x) {
 
 }  // namespace
 
+void Zonaris::setSamplingPolicy(SamplingPolicy policy) {
+  {
+    std::lock_guard lock(fieldsMutex_);
+    if (policy == SamplingPolicy::Efficient && !efficient_)
+      efficient_ = std::make_shared<sampling::EfficientPolicy>();
+  }
+  samplingPolicy_.store(policy);
+}
+
+std::shared_ptr<sampling::EfficientPolicy> Zonaris::efficientPolicy() const {
+  if (samplingPolicy_.load() != SamplingPolicy::Efficient)
+    return nullptr;
+  std::lock_guard lock(fieldsMutex_);
+  return efficient_;
+}
+
 void Zonaris::calculateIntervalAndAccuracy() {
   const LocationPtr init = mInitLocation();
   const LocationPtr current = mCurrentLocation();
@@ -62,19 +85,43 @@ void Zonaris::calculateIntervalAndAccuracy() {
 
   const double minDist = mMinDist_.load();
   devLog(fmt::format("Min Dist        = {:f}m", minDist));
-  const std::int32_t bySpeed =
-      saturatedInt32(std::floor(minDist / static_cast<double>(mAverageSpeed_.load()) * 0.5));
+  const auto efficient = efficientPolicy();
+  std::int32_t bySpeed = 0;
+  std::int32_t beforeDwell = 0;
+  // The smallest interval the bounds allow: the design's minimum, or under the efficient
+  // policy the sample right after a dwell deadline that comes sooner.
+  std::int32_t lowest = MIN_INTERVAL;
+  if (!efficient) {
+    bySpeed =
+        saturatedInt32(std::floor(minDist / static_cast<double>(mAverageSpeed_.load()) * 0.5));
+    beforeDwell = getTimeBeforeDwell();
+  } else {
+    sampling::PassFacts facts;
+    facts.averageSpeed = mAverageSpeed_.load();
+    facts.clearance = minDist;
+    // Inside a polygon the nearest distance is 0; the policy measures the way out instead.
+    const FencesPtr fences = mFences();
+    if (current && fences && !(minDist > 0.0))
+      facts.clearance = sampling::boundaryClearance(*fences, current->longitude, current->latitude);
+    facts.ranging = mBeaconEnabled_.load();
+    facts.fixAge =
+        current ? std::chrono::duration<double>(platform_.clock->now() - current->timestamp).count()
+                : 0.0;
+    facts.beforeDwell = getTimeBeforeDwell();
+    bySpeed = efficient->spacing(facts);
+    beforeDwell = sampling::EfficientPolicy::dwellCap(facts.beforeDwell);
+    lowest = std::clamp(beforeDwell, 1, MIN_INTERVAL);
+  }
   devLog(fmt::format("Interval(sp)    = {}", bySpeed));
-  const std::int32_t beforeDwell = getTimeBeforeDwell();
   std::int32_t interval = bySpeed < beforeDwell ? bySpeed : beforeDwell;
   devLog(fmt::format("Interval(dw)    = {}", interval));
 
   if (interval > MAX_INTERVAL) {
     interval = MAX_INTERVAL;
     devLog(fmt::format("Interval is too big. Set to MAX_INTERVAL = {}", MAX_INTERVAL));
-  } else if (interval < MIN_INTERVAL) {
-    interval = MIN_INTERVAL;
-    devLog(fmt::format("Interval is too small. Set to MIN_INTERVAL = {}", MIN_INTERVAL));
+  } else if (interval < lowest) {
+    interval = lowest;
+    devLog(fmt::format("Interval is too small. Set to MIN_INTERVAL = {}", lowest));
   }
 
   // Compared in single precision: 1000.00001 m still counts as 1000.
@@ -93,8 +140,17 @@ void Zonaris::calculateIntervalAndAccuracy() {
                  [&](ZonarisDelegate& d) { d.updatedGPSAccuracy(accuracy); });
 
   devLog(fmt::format("Update location after {} second(s)", interval));
+  if (!efficient) {
+    mainAfterGuarded("updateLocation", std::chrono::seconds(interval),
+                     [](Zonaris& self) { self.updateLocation(); });
+    return;
+  }
+  // A sample taken meanwhile (woken by movement) has scheduled its own successor.
   mainAfterGuarded("updateLocation", std::chrono::seconds(interval),
-                   [](Zonaris& self) { self.updateLocation(); });
+                   [efficient, ticket = efficient->accepted()](Zonaris& self) {
+                     if (efficient->accepted() == ticket)
+                       self.updateLocation();
+                   });
 }
 
 }  // namespace zonaris

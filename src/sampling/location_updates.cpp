@@ -1,6 +1,7 @@
 // Arming one position sample and accepting the one fix it yields.
 #include <fmt/format.h>
 
+#include "sampling/efficient_policy.hpp"
 #include "zonaris/zonaris.hpp"
 
 namespace zonaris {
@@ -18,12 +19,19 @@ void Zonaris::updateLocation() {
 void Zonaris::didUpdateLocations(const std::vector<platform::Location>& locations) {
   // Only the first delivery after arming is used; exchange() makes that hold even when two
   // deliveries race.
-  if (locations.empty() || !mUpdatingLocation_.exchange(false))
+  const auto efficient = efficientPolicy();
+  if (locations.empty() || !mUpdatingLocation_.exchange(false)) {
+    // Under the efficient policy a delivery between samples is the location service saying
+    // that a still device moved: it is not used, but the next sample is taken now.
+    if (efficient && !locations.empty() && efficient->wake(locations.back()))
+      updateLocation();
     return;
-  mLocationManager_->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
-  mLocationManager_->setDistanceFilter(kIdleDistanceFilter);
-
+  }
   auto fix = std::make_shared<const platform::Location>(locations.back());
+  mLocationManager_->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
+  mLocationManager_->setDistanceFilter(efficient ? efficient->acceptFix(*fix)
+                                                 : kIdleDistanceFilter);
+
   devLog("-----------------------------------------------------------------");
   devLog(fmt::format("New location: {:f}, {:f}, {:f}, {:f}", fix->latitude, fix->longitude,
                      fix->speed, fix->horizontalAccuracy));

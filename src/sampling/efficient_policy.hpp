@@ -1,0 +1,105 @@
+#pragma once
+
+// The efficient sampling policy: when to take the next position sample so that far fewer fixes
+// are taken than by the design's rule, while every pass still decides and sends exactly what
+// the design says.
+//
+// Three things set the next sample's moment:
+// - the clearance: the distance from the device to the nearest fence boundary, measured from
+//   inside a fence too (the design's nearest distance is 0 inside a polygon, which pins the
+//   interval at its minimum for a whole stay);
+// - stillness: fixes that stay within their accuracies of the first fix of a stop let the
+//   interval grow with the length of the stop, up to the maximum; meanwhile the idle setting of
+//   the location service carries a distance filter (`kWakeFilter`), so that the service wakes
+//   the client as soon as the device moves, and the client samples at once;
+// - the next dwell deadline: the sample comes right after the tick that fires a window, never
+//   later.
+// A fix that is already old when it arrives (a location service's cached first fix) says little
+// about where the device is now, so the next sample follows after the minimum interval.
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+
+#include "zonaris/fence.hpp"
+#include "zonaris/platform/location.hpp"
+
+namespace zonaris::sampling {
+
+/// The idle distance filter while the device stands still, in metres: movement beyond it makes
+/// the location service deliver a coarse position, which the client does not use as a fix.
+inline constexpr double kWakeFilter = 25.0;
+/// Such a delivery wakes the client (it samples at once) when it lies farther than this plus
+/// its own accuracy from the centre of the stop, in metres.
+inline constexpr double kWakeDistance = 30.0;
+/// A first delivery beyond this distance from the centre, in metres, is a jump no device makes
+/// between two deliveries of a fine filter; it wakes the client only when the next delivery is
+/// also away from the centre (an outlier is followed by a delivery back at the centre).
+inline constexpr double kWakeJump = 150.0;
+/// The design's idle distance filter, which in practice never delivers.
+inline constexpr double kIdleFilter = 99999.0;
+/// A stop counts once its fixes have stayed together this long (seconds).
+inline constexpr double kStillAfter = 30.0;
+/// Fixes older than this when they arrive (seconds) are followed by a sample after the minimum
+/// interval.
+inline constexpr double kFreshFor = 20.0;
+
+/// The distance from (lon, lat) to the nearest fence boundary, in metres: outside a fence its
+/// distance as a pass adjusts it, inside a "point" or "beacon" fence its depth, inside any other
+/// geometry the distance to the geometry's boundary. The largest double without a fence.
+double boundaryClearance(const FenceList& fences, double longitude, double latitude);
+
+/// The floor of `x` as a signed 32-bit number, saturating at both ends; NaN becomes 0.
+std::int32_t saturatedSeconds(double x);
+
+/// What the interval is computed from after a pass.
+struct PassFacts {
+  double clearance = 0.0;        ///< metres to the nearest boundary (`boundaryClearance`)
+  float averageSpeed = 0.5f;     ///< the client's averaged speed, m/s
+  bool ranging = false;          ///< beacon ranging is on: beacon events need passes
+  std::int32_t beforeDwell = 0;  ///< seconds before the next dwell window can fire
+  double fixAge = 0.0;           ///< seconds from the current fix's timestamp to now
+};
+
+/// The efficient policy's state for one client. Thread-safe.
+class EfficientPolicy {
+ public:
+  /// An accepted fix, before its pass runs. Returns the distance filter of the idle setting.
+  double acceptFix(const platform::Location& fix);
+
+  /// A delivery that arrived while no sample was armed. True when it should arm one now: the
+  /// device stood still and the location service says it moved.
+  bool wake(const platform::Location& delivered);
+
+  /// Seconds until the next sample by distance and stillness, before the dwell cap.
+  std::int32_t spacing(const PassFacts& facts) const;
+
+  /// Seconds from the pass to the sample that follows the next dwell window's tick (the window
+  /// fires on the tick after the one that brings its remaining time to 0).
+  static std::int32_t dwellCap(std::int32_t beforeDwell);
+
+  /// Fixes accepted so far: a scheduled sample whose count has moved on is not taken, so that a
+  /// wake never leaves two sampling chains behind.
+  std::uint64_t accepted() const { return accepted_.load(); }
+
+  /// How long the device has stood still, in seconds (0 while it moves).
+  double stillFor() const;
+
+ private:
+  mutable std::mutex mutex_;
+  // The current stop: the mean of its fixes (a noisy fix weighs less the longer the stop), their
+  // mean accuracy, its first fix's time and how long it has lasted.
+  bool still_ = false;
+  bool started_ = false;
+  double latitude_ = 0.0;
+  double longitude_ = 0.0;
+  double accuracy_ = 0.0;
+  int fixes_ = 0;
+  platform::TimePoint since_{};
+  double stillFor_ = 0.0;
+  bool jumped_ = false;  // the last delivery was a jump away from the stop
+  std::atomic<std::uint64_t> accepted_{0};
+};
+
+}  // namespace zonaris::sampling
