@@ -92,6 +92,12 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
   app.add_option("--outage-kind", outageKind,
                  "what an exchange meets in an outage: unreachable (no answer) or 503")
       ->capture_default_str();
+  std::string sampling = "design";
+  app.add_option("--sampling", sampling,
+                 "when the client samples: design (the design's rule) or efficient (fewer "
+                 "fixes, see the README)")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"design", "efficient"}));
   auto* scoreOpt = app.add_option(
       "--score", score, "write the ground-truth score of the run to FILE (JSON; needs --fences)");
 
@@ -150,6 +156,7 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
     return EarlyExit{kUsageError,
                      "zonaris-sim: --outage-kind: not \"unreachable\" or \"503\": " + outageKind};
   o.network.outageKind = *kind;
+  o.sampling = sampling == "efficient" ? SamplingPolicy::Efficient : SamplingPolicy::Design;
   if (scoreOpt->count()) {
     if (!o.fences)
       return EarlyExit{kUsageError,

@@ -9,6 +9,7 @@
 
 #include "zonaris/sim/location_manager.hpp"
 #include "zonaris/sim/network.hpp"
+#include "zonaris/zonaris.hpp"
 
 namespace zonaris::sim_tool {
 
@@ -31,7 +32,8 @@ struct Options {
   // The device and the network (defaults: the ideal device, a network that takes no time).
   sim::DeviceModel device;    ///< --seed, --fix-delay, --stale-first, --noise, --outliers, --batch
   sim::NetworkModel network;  ///< --latency, --outage, --outage-kind
-  std::optional<std::string> score;  ///< --score FILE
+  std::optional<std::string> score;                  ///< --score FILE
+  SamplingPolicy sampling = SamplingPolicy::Design;  ///< --sampling design|efficient
 };
 
 /// What the command line asks for: a run, or an early exit with a status and a text (the help

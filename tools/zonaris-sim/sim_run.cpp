@@ -153,6 +153,7 @@ std::optional<RunError> SimRun::start(std::shared_ptr<ZonarisDelegate> delegate,
   if (inputs_.uuid)
     client_->setUUID(*inputs_.uuid);
   client_->setDevMode(options_.devMode);
+  client_->setSamplingPolicy(options_.sampling);
   if (inputs_.tags)
     client_->setTags(inputs_.tags);
   if (options_.silence)
