@@ -53,17 +53,20 @@ class ZONARIS_API ZonarisFence {
   void setType(Text value) {
     write(type_, std::move(value));
     shapeRevision_.fetch_add(1);
+    shapeChanges_.fetch_add(1);
   }
   /// The geometry as WKT text.
   Text location() const { return read(location_); }
   void setLocation(Text value) {
     write(location_, std::move(value));
     shapeRevision_.fetch_add(1);
+    shapeChanges_.fetch_add(1);
   }
   float radius() const { return radius_.load(); }
   void setRadius(float value) {
     radius_.store(value);
     shapeRevision_.fetch_add(1);
+    shapeChanges_.fetch_add(1);
   }
   Text uuid() const { return read(uuid_); }
   void setUuid(Text value) { write(uuid_, std::move(value)); }
@@ -84,7 +87,10 @@ class ZONARIS_API ZonarisFence {
     dwell_events_ = std::move(list);
   }
   bool entered() const { return entered_.load(); }
-  void setEntered(bool value) { entered_.store(value); }
+  void setEntered(bool value) {
+    if (entered_.exchange(value) != value)
+      enteredChanges_.fetch_add(1);
+  }
   bool dwelled() const { return dwelled_.load(); }
   void setDwelled(bool value) { dwelled_.store(value); }
   std::int32_t dwell_time() const { return dwell_time_.load(); }
@@ -93,6 +99,11 @@ class ZONARIS_API ZonarisFence {
   /// The catalogue's geometry cache keeps the count it was built with and measures a fence
   /// whose count has moved on from its text again, so such a change is never missed.
   std::uint32_t shapeRevision() const { return shapeRevision_.load(); }
+  /// Process-wide counts of changes to any fence's shape (`location`, `type`, `radius`) and to
+  /// any fence's `entered` flag, each counted after the change is made. While neither count
+  /// moves, a cache may rely on what it read of the fences before it read the counts.
+  static std::uint64_t shapeChanges() { return shapeChanges_.load(); }
+  static std::uint64_t enteredChanges() { return enteredChanges_.load(); }
 
  private:
   Text read(const Text& field) const {
@@ -115,7 +126,8 @@ class ZONARIS_API ZonarisFence {
   std::atomic<std::int32_t> minor_{-1};
   Text time_zone_{""};
   std::shared_ptr<const DwellList> dwell_events_ = std::make_shared<const DwellList>();
-  // Next to `entered_`: a pass that skips a fence reads both.
+  inline static std::atomic<std::uint64_t> shapeChanges_{0};
+  inline static std::atomic<std::uint64_t> enteredChanges_{0};
   std::atomic<std::uint32_t> shapeRevision_{0};
   std::atomic<bool> entered_{false};
   std::atomic<bool> dwelled_{false};

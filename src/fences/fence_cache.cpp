@@ -75,8 +75,16 @@ double contribution(FenceKind kind, float radius, double metres) {
   return d <= 0.0 ? std::fabs(d) : d;
 }
 
-double FenceCache::lowerBoundMetres(double lon, double lat, double xmin, double xmax, double ymin,
-                                    double ymax) {
+namespace {
+
+double smallerCosine(double ymin, double ymax) {
+  return std::max(0.0,
+                  std::min(std::cos(ymin * kDegreesToRadians), std::cos(ymax * kDegreesToRadians)));
+}
+
+// The bound below, with the device's cosine and the box's smaller cosine worked out once.
+double boundMetres(double lon, double lat, double cosLat, double xmin, double xmax, double ymin,
+                   double ymax, double cosBox) {
   // The haversine's a = sin²(Δlat/2) + cos(lat1)·cos(lat2)·sin²(Δlon/2) is a sum of two terms
   // that are each no smaller than with the smallest latitude gap, the smallest cosine of the
   // box's latitudes (cosine is concave on -90..90, so an end) and the smallest longitude gap
@@ -93,15 +101,27 @@ double FenceCache::lowerBoundMetres(double lon, double lat, double xmin, double 
   }
   const double s1 = std::sin(latGap * kDegreesToRadians * 0.5);
   const double s2 = std::sin(lonGap * kDegreesToRadians * 0.5);
-  const double cosBox = std::max(
-      0.0, std::min(std::cos(ymin * kDegreesToRadians), std::cos(ymax * kDegreesToRadians)));
-  const double cosDevice = std::max(0.0, std::cos(lat * kDegreesToRadians));
-  double a = (s1 * s1 + cosDevice * cosBox * s2 * s2) * (1.0 - 1e-9);
+  double a = (s1 * s1 + cosLat * cosBox * s2 * s2) * (1.0 - 1e-9);
   a = std::clamp(a, 0.0, 1.0);
   const double metres = 2.0 * std::asin(std::sqrt(a)) * kSphereRadius;
   // The pass's own haversine loses up to centimetres near antipodes, and GEOS's nearest point
   // may sit an ulp outside the envelope: a metre and a part in a billion cover both.
   return metres * (1.0 - 1e-9) - 1.0;
+}
+
+// The latitude gap alone: the arc between two points is never shorter than the difference of
+// their latitudes. Cheaper, and often enough to set a box aside.
+double latitudeBoundMetres(double lat, double ymin, double ymax) {
+  const double latGap = lat < ymin ? ymin - lat : (lat > ymax ? lat - ymax : 0.0);
+  return latGap * kDegreesToRadians * kSphereRadius * (1.0 - 1e-9) - 1.0;
+}
+
+}  // namespace
+
+double FenceCache::lowerBoundMetres(double lon, double lat, double xmin, double xmax, double ymin,
+                                    double ymax) {
+  return boundMetres(lon, lat, std::max(0.0, std::cos(lat * kDegreesToRadians)), xmin, xmax, ymin,
+                     ymax, smallerCosine(ymin, ymax));
 }
 
 std::shared_ptr<const FenceCache> FenceCache::build(const FenceList& fences) {
@@ -134,8 +154,10 @@ void FenceCache::buildIndex() {
   GEOSContextHandle_t ctx = context_.get();
   for (std::uint32_t i = 0; i < fences_.size(); ++i) {
     const Fence& fence = fences_[i];
-    if (!fence.geometry)
+    if (!fence.geometry) {
+      unreadable_.push_back(i);
       continue;
+    }
     Box box{};
     const bool bounded = GEOSGeom_getXMin_r(ctx, fence.geometry.get(), &box.xmin) != 0 &&
                          GEOSGeom_getXMax_r(ctx, fence.geometry.get(), &box.xmax) != 0 &&
@@ -152,6 +174,7 @@ void FenceCache::buildIndex() {
       alwaysMeasure_.push_back(i);
       continue;
     }
+    box.cosMin = smallerCosine(box.ymin, box.ymax);
     entries_.push_back({box, reach, i});
   }
   if (entries_.empty())
@@ -167,7 +190,7 @@ void FenceCache::buildIndex() {
   };
   auto emptyNode = [](std::uint32_t first, bool leaf) {
     constexpr double inf = std::numeric_limits<double>::infinity();
-    return Node{{inf, -inf, inf, -inf}, -inf, first, 0, leaf};
+    return Node{{inf, -inf, inf, -inf, 0.0}, -inf, first, 0, leaf};
   };
   strOrder(entries_);
   std::vector<Node> level;
@@ -175,6 +198,7 @@ void FenceCache::buildIndex() {
     Node node = emptyNode(at, true);
     for (std::uint32_t e = at; e < entries_.size() && e < at + kFanout; ++e, ++node.count)
       unite(node, entries_[e].box, entries_[e].reach);
+    node.box.cosMin = smallerCosine(node.box.ymin, node.box.ymax);
     level.push_back(node);
   }
   while (true) {
@@ -188,6 +212,7 @@ void FenceCache::buildIndex() {
       Node node = emptyNode(first + at, false);
       for (std::uint32_t c = at; c < level.size() && c < at + kFanout; ++c, ++node.count)
         unite(node, level[c].box, level[c].reach);
+      node.box.cosMin = smallerCosine(node.box.ymin, node.box.ymax);
       parents.push_back(node);
     }
     level = std::move(parents);
@@ -202,12 +227,12 @@ std::optional<double> FenceCache::measure(const geos::Context& context, std::siz
 
 std::vector<FenceCache::Measured> FenceCache::measureCandidates(const geos::Context& context,
                                                                 const geos::DevicePoint& device,
-                                                                const FenceList& fences) const {
+                                                                const FenceList* fences) const {
   std::vector<Measured> out;
   double nearest = kNoDistance;
   auto consider = [&](std::uint32_t i) {
     const Fence& fence = fences_[i];
-    if (fences[i]->shapeRevision() != fence.revision)
+    if (fences != nullptr && (*fences)[i]->shapeRevision() != fence.revision)
       return;
     const auto metres = measure(context, i, device);
     out.push_back({i, metres});
@@ -226,12 +251,20 @@ std::vector<FenceCache::Measured> FenceCache::measureCandidates(const geos::Cont
   } else if (!nodes_.empty()) {
     // Best first: the smallest bound is opened next, and the walk ends at the first bound that
     // is above 0 and no less than the nearest distance measured so far.
-    auto key = [&](const Box& box, double reach) {
-      return lowerBoundMetres(lon, lat, box.xmin, box.xmax, box.ymin, box.ymax) - reach;
-    };
     auto skippable = [&](double bound) { return bound > 0.0 && bound >= nearest; };
+    const double cosLat = std::max(0.0, std::cos(lat * kDegreesToRadians));
+    auto key = [&](const Box& box, double reach) {
+      const double byLatitude = latitudeBoundMetres(lat, box.ymin, box.ymax) - reach;
+      if (skippable(byLatitude))
+        return byLatitude;
+      return boundMetres(lon, lat, cosLat, box.xmin, box.xmax, box.ymin, box.ymax, box.cosMin) -
+             reach;
+    };
     using Item = std::pair<double, std::uint32_t>;  // bound; node, or entry after the nodes
-    std::priority_queue<Item, std::vector<Item>, std::greater<>> open;
+    std::vector<Item> storage;
+    storage.reserve(64);
+    std::priority_queue<Item, std::vector<Item>, std::greater<>> open(std::greater<>(),
+                                                                      std::move(storage));
     const Node& root = nodes_.back();
     open.emplace(key(root.box, root.reach), static_cast<std::uint32_t>(nodes_.size() - 1));
     const auto entryBase = static_cast<std::uint32_t>(nodes_.size());
@@ -256,6 +289,30 @@ std::vector<FenceCache::Measured> FenceCache::measureCandidates(const geos::Cont
   std::sort(out.begin(), out.end(),
             [](const Measured& a, const Measured& b) { return a.index < b.index; });
   return out;
+}
+
+std::shared_ptr<const FenceCache::FlagSummary> FenceCache::flagSummary(
+    const FenceList& fences) const {
+  // The counts first: a change made while the fences are read moves them on, and the next
+  // pass reads the fences again.
+  const std::uint64_t shapeChanges = ZonarisFence::shapeChanges();
+  const std::uint64_t enteredChanges = ZonarisFence::enteredChanges();
+  {
+    const std::lock_guard lock(summaryMutex_);
+    if (summary_ && summary_->shapeChanges == shapeChanges &&
+        summary_->enteredChanges == enteredChanges)
+      return summary_;
+  }
+  auto summary = std::make_shared<FlagSummary>(FlagSummary{shapeChanges, enteredChanges, true, {}});
+  for (std::uint32_t i = 0; i < fences.size(); ++i) {
+    if (fences[i]->shapeRevision() != fences_[i].revision)
+      summary->shapesCurrent = false;
+    if (fences[i]->entered())
+      summary->entered.push_back(i);
+  }
+  const std::lock_guard lock(summaryMutex_);
+  summary_ = summary;
+  return summary;
 }
 
 std::size_t FenceCache::indexBytes() const {

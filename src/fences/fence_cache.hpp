@@ -61,11 +61,26 @@ class FenceCache {
   /// Measures, in index order, every fence whose decision can matter to a pass at `device`:
   /// those that may hold the device, may be the nearest, or (beacons) may lie within 150 m.
   /// Every readable fence left out is provably outside, provably no nearer than the nearest of
-  /// those listed, and (beacons) provably 150 m away or more. Fences whose revision in `fences`
-  /// has moved on are left out too; the caller measures them from their text.
+  /// those listed, and (beacons) provably 150 m away or more. With `fences`, those whose
+  /// revision has moved on are left out too; the caller measures them from their text.
   std::vector<Measured> measureCandidates(const geos::Context& context,
                                           const geos::DevicePoint& device,
-                                          const FenceList& fences) const;
+                                          const FenceList* fences) const;
+
+  /// The unreadable fences, in index order.
+  const std::vector<std::uint32_t>& unreadable() const { return unreadable_; }
+
+  /// What the fences' own state looked like when last read: whether every shape is still the
+  /// one the cache read, and which fences are entered (in index order). Read again only when a
+  /// fence's shape or `entered` flag changed since (anywhere in the process); in a steady
+  /// state a pass therefore reads no flag of a fence it skips.
+  struct FlagSummary {
+    std::uint64_t shapeChanges;
+    std::uint64_t enteredChanges;
+    bool shapesCurrent;
+    std::vector<std::uint32_t> entered;
+  };
+  std::shared_ptr<const FlagSummary> flagSummary(const FenceList& fences) const;
 
   /// The raw distance to one readable fence from its cached geometry.
   std::optional<double> measure(const geos::Context& context, std::size_t i,
@@ -89,6 +104,7 @@ class FenceCache {
   };
   struct Box {
     double xmin, xmax, ymin, ymax;
+    double cosMin;  // the smaller cosine of its two latitudes
   };
   // A node of the packed envelope tree: its children are nodes [first, first + count), or
   // entries when `leaf`. `reach` is the largest amount by which a fence below it can be nearer
@@ -116,6 +132,9 @@ class FenceCache {
   std::vector<Entry> entries_;                // indexed fences, in tree order
   std::vector<Node> nodes_;                   // the root is the last node
   std::vector<std::uint32_t> alwaysMeasure_;  // readable fences the index cannot bound
+  std::vector<std::uint32_t> unreadable_;
+  mutable std::mutex summaryMutex_;
+  mutable std::shared_ptr<const FlagSummary> summary_;
   // GEOS 3.11 does not promise that reading one geometry from several threads at once is safe
   // (its prepared geometries are known not to be), so measurements on the shared geometries
   // are serialised. They are the few candidates of a pass: microseconds.

@@ -1,6 +1,7 @@
 // The fence walk of an evaluation pass, measuring every fence or only the cache's candidates.
 #include "fences/fence_pass.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <optional>
 
@@ -59,8 +60,45 @@ PassResult measureEveryFence(const FenceList& fences, const std::string& pointWk
   return pass;
 }
 
-std::optional<PassResult> measureCandidates(const FenceList& fences, const FenceCache& cache,
-                                            const std::string& pointWkt, PassHost& host) {
+// Every shape as the cache read it and developer mode off (as if it were switched on after
+// this pass): only the unreadable fences, the candidates and the entered fences are visited,
+// in list order. A fence that is none of these is outside, and not entered: it adds nothing.
+PassResult measureSteady(const FenceList& fences, const FenceCache& cache,
+                         const std::string& pointWkt, PassHost& host, const geos::Context& context,
+                         const geos::DevicePoint& device, const FenceCache::FlagSummary& summary) {
+  const auto measured = cache.measureCandidates(context, device, nullptr);
+  const auto& unreadable = cache.unreadable();
+  const auto& entered = summary.entered;
+  constexpr std::uint32_t kDone = std::numeric_limits<std::uint32_t>::max();
+  std::size_t u = 0;
+  std::size_t m = 0;
+  std::size_t e = 0;
+  PassResult pass;
+  while (true) {
+    const std::uint32_t nextU = u < unreadable.size() ? unreadable[u] : kDone;
+    const std::uint32_t nextM = m < measured.size() ? measured[m].index : kDone;
+    const std::uint32_t nextE = e < entered.size() ? entered[e] : kDone;
+    const std::uint32_t i = std::min({nextU, nextM, nextE});
+    if (i == kDone)
+      break;
+    ZonarisFence& fence = *fences[i];
+    if (nextU == i) {
+      account(pass, fence, cache.kind(i), host.calculateDistance(std::string(), pointWkt), host,
+              false);
+    } else if (nextM == i) {
+      account(pass, fence, cache.kind(i), measured[m].metres.value_or(kNoDistance), host, false);
+    } else {
+      pass.report = true;  // entered, and provably outside: an exit to confirm
+    }
+    u += nextU == i;
+    m += nextM == i;
+    e += nextE == i;
+  }
+  return pass;
+}
+
+std::optional<PassResult> measureWithCache(const FenceList& fences, const FenceCache& cache,
+                                           const std::string& pointWkt, PassHost& host) {
   geos::Context& context = geos::threadContext();
   GEOSContextHandle_t ctx = context.get();
   if (ctx == nullptr)
@@ -74,7 +112,11 @@ std::optional<PassResult> measureCandidates(const FenceList& fences, const Fence
   if (!device)
     return std::nullopt;  // every fence reports the point; the full walk does exactly that
 
-  const auto measured = cache.measureCandidates(context, *device, fences);
+  const auto summary = cache.flagSummary(fences);
+  if (summary->shapesCurrent && !host.devMode())
+    return measureSteady(fences, cache, pointWkt, host, context, *device, *summary);
+
+  const auto measured = cache.measureCandidates(context, *device, &fences);
   auto next = measured.begin();
   PassResult pass;
   for (std::size_t i = 0; i < fences.size(); ++i) {
@@ -115,7 +157,7 @@ std::optional<PassResult> measureCandidates(const FenceList& fences, const Fence
 PassResult evaluateFences(const FenceList& fences, const FenceCache* cache,
                           const std::string& pointWkt, PassHost& host) {
   if (cache != nullptr && cache->size() == fences.size()) {
-    if (auto pass = measureCandidates(fences, *cache, pointWkt, host))
+    if (auto pass = measureWithCache(fences, *cache, pointWkt, host))
       return *pass;
   }
   return measureEveryFence(fences, pointWkt, host);

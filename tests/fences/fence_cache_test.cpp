@@ -254,7 +254,8 @@ TEST(FenceCacheTest, CachedWalkDecidesExactlyAsMeasuringEveryFence) {
       RecordingHost got;
       want.dev = got.dev = generate.chance(0.1);
       want.reset = got.reset = generate.chance(0.2);
-      for (std::size_t i = 0; i < specs.size(); ++i) {
+      // Half the passes keep the flags the last one left, as a device standing still does.
+      for (std::size_t i = 0; p % 2 == 0 && i < specs.size(); ++i) {
         const bool entered = generate.chance(0.3);
         const bool dwelled = generate.chance(0.1);
         reference[i]->setEntered(entered);
