@@ -1,0 +1,178 @@
+// The sampling policies in virtual time against a recording server: the design's policy is the
+// default to the byte, and the efficient one samples right after every dwell deadline, wakes
+// when a still device moves off, and takes far fewer fixes.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <mutex>
+#include <optional>
+
+#include "support/recording_delegate.hpp"
+#include "support/recording_server.hpp"
+#include "zonaris/sim/sim_platform.hpp"
+#include "zonaris/zonaris.hpp"
+
+namespace zonaris::test {
+namespace {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+// A square of about 222 m around (0, 0) on the equator, and a point fence of 60 m at (0, 0).
+const json kSquare = {{"id", 1},
+                      {"name", "Square"},
+                      {"type", "polygon"},
+                      {"radius", 0},
+                      {"location",
+                       "POLYGON ((-0.001 -0.001, 0.001 -0.001, 0.001 0.001, "
+                       "-0.001 0.001, -0.001 -0.001))"},
+                      {"_event_types", {"entry", "exit", "dwell"}},
+                      {"_dwell_windows", {20, 45, 100, 250, 700, 1900}}};
+const json kDisc = {{"id", 2},
+                    {"name", "Disc"},
+                    {"type", "point"},
+                    {"radius", 60},
+                    {"location", "POINT (0 0)"},
+                    {"_event_types", {"entry", "exit", "dwell"}},
+                    {"_dwell_windows", {30, 400}}};
+
+using Stamped = std::vector<std::pair<double, std::string>>;
+
+struct Day {
+  Stamped log;                    // every line with its virtual time, developer mode on
+  std::vector<json> callbacks;    // every delegate call
+  std::vector<std::string> sent;  // every request: method, target and body
+  std::vector<double> firings;    // when a dwell window fired (within a quarter second)
+  int fixes = 0;
+
+  // The virtual time of the first line starting with `prefix` at or after `t`, or -1.
+  double first(const std::string& prefix, double t) const {
+    for (const auto& [at, line] : log) {
+      if (at >= t && line.rfind(prefix, 0) == 0)
+        return at;
+    }
+    return -1.0;
+  }
+};
+
+// Runs a client on a CSV trace for `seconds`; with `policy` unset the client keeps its default.
+// Every observation is answered with a "dwell" for each fence. Notes when each dwell window
+// fires by watching the fences' counts every quarter second.
+Day run(const std::string& csv, int seconds, std::optional<SamplingPolicy> policy,
+        platform::Duration fixDelay = 1s) {
+  RecordingServer server;
+  server.respond("POST", "/install/error", {200, ""});
+  server.respond("GET", "/install/location", {200, json::array({kSquare, kDisc}).dump()});
+  server.respond("POST", "/observation",
+                 {200, R"({"id": 1, "events": [{"location_id": 1, "event_type": "dwell"},
+                                               {"location_id": 2, "event_type": "dwell"}]})"});
+  Day day;
+  std::mutex mutex;
+  sim::SimulationOptions options;
+  options.baseUrl = server.baseUrl();
+  options.trace = std::make_shared<const sim::Trace>(sim::Trace::parseCsv(csv, "trace.csv"));
+  options.device.fixDelay = fixDelay;
+  sim::Simulation* clock = nullptr;
+  options.logSink = [&](std::string_view line) {
+    std::lock_guard lock(mutex);
+    day.log.emplace_back(clock ? clock->elapsedSeconds() : 0.0, std::string(line));
+    if (line.rfind("New location: ", 0) == 0)
+      ++day.fixes;
+  };
+  sim::Simulation simulation(std::move(options));
+  clock = &simulation;
+  simulation.store().setLong("installId", 7);
+  auto delegate = std::make_shared<RecordingDelegate>();
+  auto client = Zonaris::initWithAppKey("demo-key", simulation.platform());
+  client->setDevMode(true);
+  client->setDelegate(delegate);
+  if (policy)
+    client->setSamplingPolicy(*policy);
+  client->start();
+
+  // A window of D seconds fires on the tick that brings the fence's count to D + 1.
+  std::map<std::pair<std::int64_t, std::int32_t>, bool> fired;
+  for (int quarter = 0; quarter < seconds * 4; ++quarter) {
+    simulation.runFor(250ms);
+    for (const auto& fence : *client->mFences()) {
+      for (const auto& window : *fence->dwell_events()) {
+        auto& done = fired[{fence->id(), window->dwell_time()}];
+        if (!done && fence->dwell_time() > window->dwell_time()) {
+          done = true;
+          day.firings.push_back(simulation.elapsedSeconds());
+        }
+      }
+    }
+  }
+  client->stop();
+  day.callbacks = delegate->calls();
+  for (const auto& r : server.requests())
+    day.sent.push_back(r.method + " " + r.target + " " + r.body);
+  return day;
+}
+
+// Still for 40 minutes, then a walk east at 1.4 m/s, out of the disc after 43 s and out of the
+// square after 79 s.
+constexpr const char* kStayThenLeave = "0,0,0\n2400,0,0\n2700,0,0.003777\n";
+
+TEST(SamplingPolicy, DesignIsTheDefaultToTheByte) {
+  const Day byDefault = run(kStayThenLeave, 2900, std::nullopt);
+  const Day design = run(kStayThenLeave, 2900, SamplingPolicy::Design);
+  EXPECT_EQ(design.log, byDefault.log);
+  EXPECT_EQ(design.callbacks, byDefault.callbacks);
+  EXPECT_EQ(design.sent, byDefault.sent);
+  EXPECT_EQ(design.firings, byDefault.firings);
+
+  // The same day under the efficient policy: every window fires, with a fraction of the fixes,
+  // and the departure wakes a sample well before the walk leaves the square.
+  const Day efficient = run(kStayThenLeave, 2900, SamplingPolicy::Efficient);
+  EXPECT_EQ(efficient.firings.size(), design.firings.size());
+  EXPECT_LE(efficient.fixes * 3, design.fixes);
+  const double departureSample = efficient.first("New location: ", 2400.0);
+  EXPECT_GT(departureSample, 2400.0);
+  EXPECT_LT(departureSample, 2400.0 + 60.0);
+}
+
+struct DeadlineCase {
+  const char* name;
+  std::string csv;  // where the device is
+  SamplingPolicy policy;
+  int fixDelay;   // seconds
+  double latest;  // seconds from a window firing to the pass that reports it
+};
+
+class DwellDeadlines : public ::testing::TestWithParam<DeadlineCase> {};
+
+// Every window of both fences fires during a 35-minute stay; each is reported by the next pass,
+// which the efficient policy takes right after the firing tick whatever the stay looks like.
+TEST_P(DwellDeadlines, EveryFiredWindowIsReportedInTime) {
+  const auto& c = GetParam();
+  const Day day = run(c.csv, 2100, c.policy, std::chrono::seconds(c.fixDelay));
+  // All six windows of the square, and both of the disc when the device is in it.
+  const bool inDisc = c.csv.find("0.00095") == std::string::npos;
+  ASSERT_EQ(day.firings.size(), inDisc ? 8u : 6u);
+  for (const double fired : day.firings) {
+    // The count is read a quarter second late at most; the pass comes after the tick.
+    const double pass = day.first("Handle fences", fired - 0.25);
+    ASSERT_GE(pass, 0.0) << "no pass after the window that fired at " << fired;
+    EXPECT_LE(pass - fired, c.latest) << "window fired at " << fired;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Stays, DwellDeadlines,
+    ::testing::Values(
+        // The design's rule caps the interval at the deadline but not below 15 s.
+        DeadlineCase{"DesignDeep", "0,0,0\n3000,0,0\n", SamplingPolicy::Design, 1, 17.0},
+        DeadlineCase{"EfficientDeep", "0,0,0\n3000,0,0\n", SamplingPolicy::Efficient, 1, 2.25},
+        DeadlineCase{"EfficientSlowFix", "0,0,0\n3000,0,0\n", SamplingPolicy::Efficient, 5, 6.25},
+        // 5 m inside the square's east edge, outside the disc.
+        DeadlineCase{"EfficientNearEdge", "0,0,0.00095\n3000,0,0.00095\n",
+                     SamplingPolicy::Efficient, 1, 2.25},
+        // Pacing up and down inside both fences.
+        DeadlineCase{"EfficientPacing", "0,0,0\n30,0,0.0003\n60,0,0\n90,0,0.0003\n3000,0,0\n",
+                     SamplingPolicy::Efficient, 1, 2.25}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace zonaris::test
