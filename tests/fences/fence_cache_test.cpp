@@ -5,12 +5,14 @@
 // whose download attaches the cache.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <bit>
 #include <cmath>
 #include <cstdint>
 #include <limits>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fmt/format.h>
@@ -284,6 +286,45 @@ TEST(FenceCacheTest, CachedWalkDecidesExactlyAsMeasuringEveryFence) {
   }
   EXPECT_GE(passes, kCatalogues * kPassesPerCatalogue);
   EXPECT_GT(skipped, passes);  // on average more than one fence per pass was never measured
+}
+
+// Overlapping passes share one cache (its geometries, its flag summary) while another thread
+// flips flags, as confirmations do; ThreadSanitizer and AddressSanitizer watch the sharing.
+TEST(FenceCacheTest, OverlappingPassesShareTheCache) {
+  Generator generate(99);
+  std::vector<Generator::Spec> specs;
+  while (specs.size() < 40) {
+    auto more = generate.catalogue();
+    specs.insert(specs.end(), more.begin(), more.end());
+  }
+  const FenceList list = makeList(specs);
+  const auto cache = fences::FenceCache::build(list);
+  std::vector<std::string> points;
+  for (int i = 0; i < 50; ++i) {
+    const auto [lon, lat] = generate.device();
+    points.push_back(fences::devicePointWkt(lon, lat));
+  }
+  std::atomic<bool> stop = false;
+  std::thread confirmations([&] {
+    for (std::size_t i = 0; !stop; i = (i + 1) % list.size())
+      list[i]->setEntered(!list[i]->entered());
+  });
+  std::vector<std::thread> passes;
+  std::atomic<int> walked = 0;
+  for (int t = 0; t < 3; ++t) {
+    passes.emplace_back([&, t] {
+      for (std::size_t i = static_cast<std::size_t>(t); i < points.size(); i += 3) {
+        RecordingHost host;
+        fences::evaluateFences(list, cache.get(), points[i], host);
+        walked.fetch_add(1);
+      }
+    });
+  }
+  for (auto& pass : passes)
+    pass.join();
+  stop = true;
+  confirmations.join();
+  EXPECT_EQ(walked.load(), 50);
 }
 
 // The bound the index skips by, against the distance a pass computes, where it is tightest:
