@@ -297,7 +297,8 @@ std::string chromium() {
 }
 
 /// Headless Chromium on a file, offline: a private profile in `scratch`, no background
-/// networking, and every host name unresolvable.
+/// networking, every host name unresolvable and every request sent to a closed local port (the
+/// browser's own update and account checks included).
 Outcome browse(const Scratch& scratch, const std::string& browser, std::vector<std::string> what,
                const std::string& url) {
   std::vector<std::string> args = {browser,
@@ -311,6 +312,7 @@ Outcome browse(const Scratch& scratch, const std::string& browser, std::vector<s
                                    "--disable-sync",
                                    "--disable-extensions",
                                    "--host-resolver-rules=MAP * ~NOTFOUND",
+                                   "--proxy-server=127.0.0.1:9",
                                    "--user-data-dir=" + scratch.path("profile"),
                                    "--hide-scrollbars",
                                    "--window-size=1400,1000",

@@ -1,10 +1,10 @@
 // Reading a run's JSON lines into what the report draws.
 //
-// Without dev mode the lines carry every delegate callback and the few lines the client always
-// logs ("Started scan", "Stopped scan", unexpected failures). That is enough for the timeline,
-// the events and their messages; a fix's position then comes from the trace at its time. Dev
-// mode adds the exact fixes ("New location: ..."), the fence id of each event, the message data
-// dropped in the silence window, failed observations and the error reports.
+// Without dev mode the lines carry every delegate callback and the beacon lines the client
+// always logs ("Started scan", "Stopped scan"). That is enough for the timeline, the events and
+// their messages; a fix's position then comes from the trace at its time. Dev mode adds the
+// exact fixes ("New location: ..."), the fence id of each event, the message data dropped in the
+// silence window, failed observations, the error reports and unexpected failures.
 #include "run_log.hpp"
 
 #include <cmath>
@@ -181,7 +181,8 @@ class Reader {
           fix->source = "trace";
       }
     } else if (name == "updatedInterval") {
-      if (args.size() != 1 || !args[0].is_number_integer())
+      if (args.size() != 1 || !args[0].is_number_integer() ||
+          args[0].get<std::int64_t>() != args[0].get<std::int32_t>())
         fail("updatedInterval needs [seconds]");
       fixNow().interval = args[0].get<std::int32_t>();
     } else if (name == "updatedGPSAccuracy") {
