@@ -81,7 +81,8 @@ const DistanceCase kDistances[] = {
     {"GarbageFence", "not a geometry", "POINT (0 0)", kFar, {"geometry1"}},
     {"NaNCoordinate", "POINT (nan 0)", "POINT (0 0)", kFar, {"geometry1"}},
     {"DeeplyNestedFence", nested(100000), "POINT (0 0)", kFar, {"geometry1"}},
-    {"EnormousFence", "LINESTRING (0 0" + repeat(", 0.000001 0.000001", 60000) + ")", "POINT (0 0)", kFar, {"geometry1"}},
+    {"LongBoundaryIsMeasured", "LINESTRING (1 0" + repeat(", 1.000001 0.000001", 60000) + ")", "POINT (0 0)", kMetresPerDegree, {}},
+    {"FenceLargerThanAResponse", "POINT (0 0)" + std::string(std::size_t{16} << 20, ' '), "POINT (0 0)", kFar, {"geometry1"}},
     {"DevicePointIsALine", "POINT (0 0)", "LINESTRING (0 0, 1 1)", kFar, {"geometry2"}},
     {"BothBroken", "garbage", "", kFar, {"geometry1", "geometry2"}},
 };
