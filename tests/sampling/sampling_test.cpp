@@ -359,6 +359,9 @@ TEST(BeaconSwitches, RangingEndsOffWheneverTheLastSwitchWasOff) {
   auto manager = std::make_shared<FakeLocationManager>();
   sim::SimulationOptions options;
   options.makeLocationManager = [manager](const auto&) { return manager; };
+  // "Started scan" is written between a scan's check of the switch and its start of ranging:
+  // giving up the processor there lets a switch-off slip in when nothing orders them.
+  options.logSink = [](std::string_view) { std::this_thread::yield(); };
   sim::Simulation simulation(std::move(options));
   auto client = Zonaris::initWithAppKey("demo-key", simulation.platform());
   client->setUUID(kUuid);
