@@ -20,6 +20,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/scratch.hpp"
+
 #if defined(ZONARIS_AGENT_BIN) && defined(ZONARIS_SERVICE_BIN)
 
 namespace zonaris::test {
@@ -28,11 +30,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-
-std::string slurp(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 /// A program in a process group of its own, its output in files; killed with its children at
 /// the end of the test whatever happens.
@@ -107,25 +104,12 @@ int freePort() {
   return ntohs(address.sin_port);
 }
 
-struct Scratch {
-  fs::path dir;
-  Scratch() {
-    std::string pattern = (fs::temp_directory_path() / "zonaris-agent-test-XXXXXX").string();
-    if (::mkdtemp(pattern.data()))
-      dir = pattern;
-  }
-  ~Scratch() {
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
-};
-
 TEST(AgentProgram, TakesTheEntryAndItsMessageFromARealGpsdEndToEnd) {
   if (std::system("command -v gpsfake >/dev/null 2>&1 && (command -v gpsd || test -x "
                   "/usr/sbin/gpsd) >/dev/null 2>&1") != 0)
     GTEST_SKIP() << "gpsd cannot run here: gpsfake or gpsd is not installed "
                     "(scripts/install-deps.sh installs gpsd and gpsd-clients)";
-  Scratch s;
+  Scratch s("zonaris-agent-test");
   const std::string examples = ZONARIS_EXAMPLES_DIR;
   const fs::path log = s.dir / "walk.nmea";
   ASSERT_EQ(std::system(("python3 '" + examples + "/nmea_from_trace.py' '" + examples +
@@ -169,7 +153,7 @@ TEST(AgentProgram, TakesTheEntryAndItsMessageFromARealGpsdEndToEnd) {
 }
 
 TEST(AgentProgram, RefusesBadOptionsWithOneLineAndStatusTwo) {
-  Scratch s;
+  Scratch s("zonaris-agent-test");
   const std::vector<std::vector<std::string>> table = {
       {},
       {"--service", "ftp://example.org"},

@@ -23,6 +23,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "support/scratch.hpp"
+
 #if defined(ZONARIS_REPORT_BIN) && defined(ZONARIS_SIM_BIN)
 
 namespace zonaris::test {
@@ -30,29 +32,6 @@ namespace {
 
 using nlohmann::json;
 namespace fs = std::filesystem;
-
-struct Scratch {
-  fs::path dir;
-  Scratch() {
-    std::string pattern = (fs::temp_directory_path() / "zonaris-report-test-XXXXXX").string();
-    if (::mkdtemp(pattern.data()))
-      dir = pattern;
-  }
-  ~Scratch() {
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
-  std::string path(const std::string& name) const { return (dir / name).string(); }
-  std::string file(const std::string& name, const std::string& content) const {
-    std::ofstream(path(name), std::ios::binary) << content;
-    return path(name);
-  }
-};
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 struct Outcome {
   int status = -1;  ///< exit status; -1: killed (time limit) or did not start
@@ -133,7 +112,7 @@ std::string call(double t, const std::string& name, const json& args) {
 // a scan, an entry with a message, an entry whose message the silence window dropped, a failed
 // observation and an error report.
 TEST(Report, DataFollowsTheLinesTheTraceAndTheScore) {
-  Scratch s;
+  Scratch s("zonaris-report-test");
   std::string lines =
       line(1, "New location: 47.000100, 8.000100, 0.000000, 5.000000") +
       call(1, "updatedInitLocation",
@@ -207,7 +186,7 @@ Cafe Point
 
 // A day of 1 Hz trace with a fix every 15 s stays well under 5 MB: the trace is thinned.
 TEST(Report, ATwentyFourHourDayOfOneHertzTraceStaysSmall) {
-  Scratch s;
+  Scratch s("zonaris-report-test");
   std::string trace, lines;
   for (int t = 0; t <= 86400; ++t) {
     // A wandering walk: never straight, so the thinning has real work to do.
@@ -255,7 +234,7 @@ TEST(Report, BadInputGivesOneLineAndLeavesNothingHalfWritten) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.lines.substr(0, 60) + (c.args.empty() ? "" : " " + c.args[0]));
-    Scratch s;
+    Scratch s("zonaris-report-test");
     const std::string out = s.file("r.html", "previous report");
     std::map<std::string, std::string> files = {{"LINES", s.file("lines", c.lines)},
                                                 {"TRACE", s.file("t.csv", "0,47,8\n")},
@@ -337,7 +316,7 @@ TEST(ReportInBrowser, BundledDayDrawsEveryFenceAndEventWithoutErrors) {
   const std::string browser = chromium();
   if (browser.empty())
     GTEST_SKIP() << "Chromium is not installed (scripts/install-deps.sh installs it)";
-  Scratch s;
+  Scratch s("zonaris-report-test");
   const Outcome probe = browse(s, browser, {"--dump-dom"}, "about:blank");
   if (probe.status != 0)
     GTEST_SKIP() << "Chromium cannot run here: " << probe.err.substr(0, 400);

@@ -23,6 +23,7 @@
 #include <nlohmann/json.hpp>
 
 #include "support/recording_server.hpp"
+#include "support/scratch.hpp"
 #include "zonaris-service/reference_service.hpp"
 #include "zonaris-sim/score.hpp"
 #include "zonaris/sim/sim_platform.hpp"
@@ -35,30 +36,6 @@ namespace {
 
 using nlohmann::json;
 namespace fs = std::filesystem;
-
-/// A folder of its own under the temporary folder, removed at the end of the test.
-struct Scratch {
-  fs::path dir;
-  Scratch() {
-    std::string pattern = (fs::temp_directory_path() / "zonaris-sim-test-XXXXXX").string();
-    if (::mkdtemp(pattern.data()))
-      dir = pattern;
-  }
-  ~Scratch() {
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
-  std::string path(const std::string& name) const { return (dir / name).string(); }
-  std::string file(const std::string& name, const std::string& content) const {
-    std::ofstream(path(name), std::ios::binary) << content;
-    return path(name);
-  }
-};
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 struct Outcome {
   int status = -1;  ///< exit status, or -1 when the process did not exit normally
@@ -99,7 +76,7 @@ TEST(SimDay, EventsAndMessagesFollowTheWalkAndRepeatByteForByte) {
   const std::string args =
       "--trace examples/day.gpx --fences examples/fences.json --beacons examples/beacons.csv "
       "--uuid 5A4BCFCE-174E-4BAC-A814-092E77F6B7E5 --silence 17 19 --start 2026-03-10T07:30:00";
-  Scratch scratch;
+  Scratch scratch("zonaris-sim-test");
   const Outcome first = sim(args, scratch), second = sim(args, scratch);
   ASSERT_EQ(first.status, 0) << first.err;
   EXPECT_TRUE(first.out == second.out) << "two runs of the same inputs differ";
@@ -175,7 +152,7 @@ TEST(SimContract, JsonLinesArgumentShapesAndRequestsAgainstAScriptedService) {
                            {{201, R"({"id": 1, "events": [{"location_id": 5, "event_type": "entry",
                              "data": {"zr:msg:title": "Hi", "zr:msg:body": "There", "promo": "X1"}}]})"},
                             {201, R"({"id": 2, "events": []})"}});
-    Scratch scratch;
+    Scratch scratch("zonaris-sim-test");
     const Outcome run =
         sim("--trace @walk --service @url --start 2026-05-04T09:15:00 --until 90 --app-key k-42 "
             "--tags {\"tier\":\"gold\"}" +
@@ -242,7 +219,7 @@ struct BadInput {
 class SimRefuses : public ::testing::TestWithParam<BadInput> {};
 
 TEST_P(SimRefuses, WithOneErrorLineAndStatusTwo) {
-  Scratch scratch;
+  Scratch scratch("zonaris-sim-test");
   const Outcome run =
       sim(std::regex_replace(GetParam().args, std::regex("@ok"), "--trace @trace --fences @fences"),
           scratch,
@@ -286,7 +263,7 @@ TEST(SimScore, ARealisticWalkIsReproducibleAndTheTimelineMarksWhatTheScoreFound)
   const std::string args =
       "--trace examples/walk.csv --fences examples/fences.json --seed 3 --noise 4 --outliers 0.1 "
       "--fix-delay 3 --stale-first --batch 2 --latency 250 --outage 850-1150 --score @score";
-  Scratch scratch;
+  Scratch scratch("zonaris-sim-test");
   const std::string scoreFile = scratch.path("score.json");
   const Outcome first = sim(args, scratch, {{"@score", scoreFile}});
   ASSERT_EQ(first.status, 0) << first.err;

@@ -19,6 +19,7 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
+#include "cli_text.hpp"
 #include "zonaris-sim/counting_http.hpp"
 #include "zonaris-sim/json_lines.hpp"
 #include "zonaris/platform/gpsd.hpp"
@@ -52,17 +53,6 @@ struct EarlyExit {
   std::string text;
 };
 
-// CLI11 may spread a message over lines; the agent promises one error line.
-std::string oneLine(std::string text) {
-  while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
-    text.pop_back();
-  for (char& c : text) {
-    if (c == '\n')
-      c = ' ';
-  }
-  return text;
-}
-
 std::variant<Options, EarlyExit> parseOptions(int argc, char** argv) {
   Options o;
   CLI::App app{
@@ -90,7 +80,7 @@ std::variant<Options, EarlyExit> parseOptions(int argc, char** argv) {
   } catch (const CLI::CallForHelp&) {
     return EarlyExit{0, app.help()};
   } catch (const CLI::ParseError& e) {
-    return EarlyExit{kUsageError, "zonaris-agent: " + oneLine(e.what())};
+    return EarlyExit{kUsageError, "zonaris-agent: " + tools::oneLine(e.what())};
   }
 
   while (!o.service.empty() && o.service.back() == '/')

@@ -24,6 +24,7 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
+#include "cli_text.hpp"
 #include "report.hpp"
 #include "zonaris/sim/input_error.hpp"
 #include "zonaris/sim/sim_platform.hpp"
@@ -39,17 +40,6 @@ struct Options {
   std::optional<std::string> beacons, score, start, title;
   std::optional<std::pair<int, int>> silence;
 };
-
-// CLI11 may spread a message over lines; the tool promises one error line.
-std::string oneLine(std::string text) {
-  while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
-    text.pop_back();
-  for (char& c : text) {
-    if (c == '\n')
-      c = ' ';
-  }
-  return text;
-}
 
 std::string readWhole(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -179,7 +169,7 @@ int run(int argc, char** argv) {
     std::fputs(app.help().c_str(), stdout);
     return 0;
   } catch (const CLI::ParseError& e) {
-    std::fprintf(stderr, "zonaris-report: %s\n", oneLine(e.what()).c_str());
+    std::fprintf(stderr, "zonaris-report: %s\n", tools::oneLine(e.what()).c_str());
     return kUsageError;
   }
   if (beaconsOpt->count())
@@ -207,7 +197,7 @@ int run(int argc, char** argv) {
                  in.run.fixes.size(), in.run.events.size(),
                  static_cast<unsigned long long>(in.run.lines), seconds);
   } catch (const sim::InputError& e) {
-    std::fprintf(stderr, "zonaris-report: %s\n", oneLine(e.what()).c_str());
+    std::fprintf(stderr, "zonaris-report: %s\n", tools::oneLine(e.what()).c_str());
     return kUsageError;
   }
   return 0;

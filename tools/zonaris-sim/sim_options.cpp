@@ -2,22 +2,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include "cli_text.hpp"
+
 namespace zonaris::sim_tool {
-
-namespace {
-
-// CLI11 may spread a message over lines; the tool promises one error line.
-std::string oneLine(std::string text) {
-  while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
-    text.pop_back();
-  for (char& c : text) {
-    if (c == '\n')
-      c = ' ';
-  }
-  return text;
-}
-
-}  // namespace
 
 std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv) {
   Options o;
@@ -106,7 +93,7 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
   } catch (const CLI::CallForHelp&) {
     return EarlyExit{0, app.help()};
   } catch (const CLI::ParseError& e) {
-    return EarlyExit{kUsageError, "zonaris-sim: " + oneLine(e.what())};
+    return EarlyExit{kUsageError, "zonaris-sim: " + tools::oneLine(e.what())};
   }
 
   if (fencesOpt->count() == 0 && serviceOpt->count() == 0)
