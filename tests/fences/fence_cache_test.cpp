@@ -174,24 +174,24 @@ class Generator {
     }
   }
 
-  struct Spec {
+  struct Drawn {
     std::optional<std::string> type;
     std::optional<std::string> location;
     float radius;
   };
-  std::vector<Spec> catalogue() {
+  std::vector<Drawn> catalogue() {
     newRegion();
-    std::vector<Spec> specs;
+    std::vector<Drawn> drawn;
     const int count = chance(0.05) ? 300 : 1 + pick(24);
     static const char* kTypes[] = {"point", "beacon", "polygon", "zone", "Point"};
     for (int i = 0; i < count; ++i) {
-      Spec spec;
-      spec.type = chance(0.05) ? std::nullopt : std::optional<std::string>(kTypes[pick(5)]);
-      spec.location = location(spec.type.value_or(""));
-      spec.radius = radius();
-      specs.push_back(std::move(spec));
+      Drawn fence;
+      fence.type = chance(0.05) ? std::nullopt : std::optional<std::string>(kTypes[pick(5)]);
+      fence.location = location(fence.type.value_or(""));
+      fence.radius = radius();
+      drawn.push_back(std::move(fence));
     }
-    return specs;
+    return drawn;
   }
 
   // The device: near the fences, on a vertex of one, at a pole, or across the world.
@@ -213,15 +213,15 @@ class Generator {
   std::vector<std::pair<double, double>> vertices_;
 };
 
-FenceList makeList(const std::vector<Generator::Spec>& specs) {
+FenceList makeList(const std::vector<Generator::Drawn>& drawn) {
   FenceList list;
-  for (std::size_t i = 0; i < specs.size(); ++i) {
+  for (std::size_t i = 0; i < drawn.size(); ++i) {
     auto fence = std::make_shared<ZonarisFence>();
     fence->setId(static_cast<std::int64_t>(i));
     fence->setName("F" + std::to_string(i));
-    fence->setType(specs[i].type);
-    fence->setLocation(specs[i].location);
-    fence->setRadius(specs[i].radius);
+    fence->setType(drawn[i].type);
+    fence->setLocation(drawn[i].location);
+    fence->setRadius(drawn[i].radius);
     list.push_back(fence);
   }
   return list;
@@ -239,15 +239,15 @@ TEST(FenceCacheTest, CachedWalkDecidesExactlyAsMeasuringEveryFence) {
   int passes = 0;
   int skipped = 0;  // fences the cache did not measure: the comparison must cover skipping
   for (int c = 0; c < kCatalogues; ++c) {
-    const auto specs = generate.catalogue();
-    FenceList reference = makeList(specs);
-    FenceList cached = makeList(specs);
+    const auto drawn = generate.catalogue();
+    FenceList reference = makeList(drawn);
+    FenceList cached = makeList(drawn);
     const auto cache = fences::FenceCache::build(cached);
     ASSERT_NE(cache, nullptr);
     for (int p = 0; p < kPassesPerCatalogue; ++p, ++passes) {
       if (generate.chance(0.01)) {
         // A fence changed after the cache read it: measured from its new text.
-        const auto i = static_cast<std::size_t>(generate.pick(static_cast<int>(specs.size())));
+        const auto i = static_cast<std::size_t>(generate.pick(static_cast<int>(drawn.size())));
         const auto text = generate.location("polygon");
         reference[i]->setLocation(text);
         cached[i]->setLocation(text);
@@ -257,7 +257,7 @@ TEST(FenceCacheTest, CachedWalkDecidesExactlyAsMeasuringEveryFence) {
       want.dev = got.dev = generate.chance(0.1);
       want.reset = got.reset = generate.chance(0.2);
       // Half the passes keep the flags the last one left, as a device standing still does.
-      for (std::size_t i = 0; p % 2 == 0 && i < specs.size(); ++i) {
+      for (std::size_t i = 0; p % 2 == 0 && i < drawn.size(); ++i) {
         const bool entered = generate.chance(0.3);
         const bool dwelled = generate.chance(0.1);
         reference[i]->setEntered(entered);
@@ -281,7 +281,7 @@ TEST(FenceCacheTest, CachedWalkDecidesExactlyAsMeasuringEveryFence) {
       ASSERT_EQ(flags(cached), flags(reference)) << where;
       ASSERT_EQ(got.transcript, want.transcript) << where;
       if (!want.dev)
-        skipped += static_cast<int>(specs.size() - got.transcript.size());
+        skipped += static_cast<int>(drawn.size() - got.transcript.size());
     }
   }
   EXPECT_GE(passes, kCatalogues * kPassesPerCatalogue);
@@ -292,12 +292,12 @@ TEST(FenceCacheTest, CachedWalkDecidesExactlyAsMeasuringEveryFence) {
 // flips flags, as confirmations do; ThreadSanitizer and AddressSanitizer watch the sharing.
 TEST(FenceCacheTest, OverlappingPassesShareTheCache) {
   Generator generate(99);
-  std::vector<Generator::Spec> specs;
-  while (specs.size() < 40) {
+  std::vector<Generator::Drawn> drawn;
+  while (drawn.size() < 40) {
     auto more = generate.catalogue();
-    specs.insert(specs.end(), more.begin(), more.end());
+    drawn.insert(drawn.end(), more.begin(), more.end());
   }
-  const FenceList list = makeList(specs);
+  const FenceList list = makeList(drawn);
   const auto cache = fences::FenceCache::build(list);
   std::vector<std::string> points;
   for (int i = 0; i < 50; ++i) {
