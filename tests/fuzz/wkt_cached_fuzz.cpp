@@ -22,8 +22,10 @@ class RecordingHost final : public fences::PassHost {
   double calculateDistance(const std::string& fenceWkt, const std::string& pointWkt) override {
     const auto measured = fences::distanceToGeometry(fenceWkt, pointWkt);
     // The fast path measures readable fences itself; only unreadable text comes here both ways,
-    // and what the client reports of it is which of the two texts was unreadable.
-    if (!measured.metres)
+    // and what the client reports of it is which of the two texts was unreadable. Two readable
+    // texts that GEOS cannot measure (coordinates near the double range) give the largest
+    // distance and no report, in the client as on the fast path, so they are not recorded.
+    if (!measured.metres && (!measured.fenceReadable || !measured.pointReadable))
       asked += std::string("unreadable:") + (measured.fenceReadable ? "" : " fence") +
                (measured.pointReadable ? "" : " point") + "\n";
     return measured.metres.value_or(Zonaris::kNoDistance);
