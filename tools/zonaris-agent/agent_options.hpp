@@ -1,0 +1,43 @@
+#pragma once
+
+// zonaris-agent's command line.
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+
+#include "zonaris/platform/gpsd.hpp"
+#include "zonaris/zonaris.hpp"
+
+namespace zonaris::agent {
+
+/// Status of a bad command line.
+inline constexpr int kUsageError = 2;
+
+/// What zonaris-agent runs with, checked: a URL, a gpsd address, a canonical UUID, tags that
+/// are a JSON object.
+struct Options {
+  std::string service;
+  std::string appKey = "demo";
+  platform::GpsdOptions gpsd;
+  std::string gpsdText = "localhost:2947";
+  std::string store;
+  std::optional<std::string> uuid;
+  std::shared_ptr<ZonarisTags> tags;
+  std::optional<std::pair<int, int>> silence;
+  bool devMode = false;
+  std::optional<double> until;
+};
+
+/// An exit before the run: the help text with status 0, or one error line with status 2.
+struct EarlyExit {
+  int status = kUsageError;
+  std::string text;
+};
+
+/// Reads a command line; never throws. Fit for fuzzing: it reads no file and starts nothing.
+std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv);
+
+}  // namespace zonaris::agent
