@@ -94,16 +94,21 @@ class ZONARIS_API ZonarisFence {
   bool dwelled() const { return dwelled_.load(); }
   void setDwelled(bool value) { dwelled_.store(value); }
   std::int32_t dwell_time() const { return dwell_time_.load(); }
-  void setDwell_time(std::int32_t value) { dwell_time_.store(value); }
+  void setDwell_time(std::int32_t value) {
+    if (dwell_time_.exchange(value) == 0 && value != 0)
+      dwellStarts_.fetch_add(1);
+  }
   /// Counts the changes of `location`, `type` and `radius`, which decide how far the fence is.
   /// The catalogue's geometry cache keeps the count it was built with and measures a fence
   /// whose count has moved on from its text again, so such a change is never missed.
   std::uint32_t shapeRevision() const { return shapeRevision_.load(); }
-  /// Process-wide counts of changes to any fence's shape (`location`, `type`, `radius`) and to
-  /// any fence's `entered` flag, each counted after the change is made. While neither count
-  /// moves, a cache may rely on what it read of the fences before it read the counts.
+  /// Process-wide counts of changes to any fence's shape (`location`, `type`, `radius`), to
+  /// any fence's `entered` flag, and of any fence's `dwell_time` leaving zero, each counted
+  /// after the change is made. While none of them moves, a cache may rely on what it read of
+  /// the fences before it read the counts.
   static std::uint64_t shapeChanges() { return shapeChanges_.load(); }
   static std::uint64_t enteredChanges() { return enteredChanges_.load(); }
+  static std::uint64_t dwellStarts() { return dwellStarts_.load(); }
 
  private:
   Text read(const Text& field) const {
@@ -128,6 +133,7 @@ class ZONARIS_API ZonarisFence {
   std::shared_ptr<const DwellList> dwell_events_ = std::make_shared<const DwellList>();
   inline static std::atomic<std::uint64_t> shapeChanges_{0};
   inline static std::atomic<std::uint64_t> enteredChanges_{0};
+  inline static std::atomic<std::uint64_t> dwellStarts_{0};
   std::atomic<std::uint32_t> shapeRevision_{0};
   std::atomic<bool> entered_{false};
   std::atomic<bool> dwelled_{false};

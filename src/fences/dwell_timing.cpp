@@ -2,6 +2,11 @@
 // fence `dwelled` when one of its dwell windows elapses; `getTimeBeforeDwell` tells sampling how
 // soon the next window can fall due.
 //
+// Only fences that are entered or still hold a count have anything to do; the catalogue's cache
+// keeps the list of those (see FenceCache::flagSummary), so a tick over a city's catalogue
+// touches the few fences the device is in, not all of them. A snapshot without a cache is
+// walked whole.
+//
 // Locking: the walk over the catalogue uses the snapshot it read and takes no lock (fence
 // fields are atomics); each walk over one fence's windows holds the client's monitor, so a
 // tick and `getTimeBeforeDwell` never see a fence's windows half updated by the other.
@@ -12,6 +17,7 @@
 #include <limits>
 #include <utility>
 
+#include "fences/fence_cache.hpp"
 #include "zonaris/zonaris.hpp"
 
 namespace zonaris {
@@ -25,6 +31,20 @@ constexpr std::chrono::seconds kDwellTick{1};
 std::int32_t clampToInt32(std::int64_t value) {
   return static_cast<std::int32_t>(std::clamp<std::int64_t>(
       value, std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max()));
+}
+
+// Calls `visit` on every fence of the snapshot that is entered or holds a nonzero dwell count,
+// and possibly on others, in catalogue order.
+template <typename Visit>
+void forCountingFences(const Zonaris::FencesPtr& fences, Visit&& visit) {
+  if (const auto* cache = fences::cacheOf(fences)) {
+    const auto summary = cache->flagSummary(*fences);
+    for (const std::uint32_t i : summary->counting)
+      visit(*(*fences)[i]);
+    return;
+  }
+  for (const auto& fence : *fences)
+    visit(*fence);
 }
 
 }  // namespace
@@ -67,46 +87,46 @@ void Zonaris::updateDwellTimes() {
   const FencesPtr fences = mFences();
   if (!fences)
     return;
-  for (const auto& fence : *fences) {
-    const bool entered = fence->entered();
-    const std::int32_t count = fence->dwell_time();
+  forCountingFences(fences, [this](ZonarisFence& fence) {
+    const bool entered = fence.entered();
+    const std::int32_t count = fence.dwell_time();
     if (entered) {
       const std::int32_t now = clampToInt32(std::int64_t{count} + 1);
-      fence->setDwell_time(now);
-      const auto windows = fence->dwell_events();
+      fence.setDwell_time(now);
+      const auto windows = fence.dwell_events();
       std::lock_guard lock(monitor_);
       for (const auto& window : *windows) {
         if (window->active() && now > window->dwell_time()) {
           window->setActive(false);
-          fence->setDwelled(true);
+          fence.setDwelled(true);
         }
       }
     } else if (count != 0) {
-      fence->setDwell_time(0);
-      fence->setDwelled(false);
-      const auto windows = fence->dwell_events();
+      fence.setDwell_time(0);
+      fence.setDwelled(false);
+      const auto windows = fence.dwell_events();
       std::lock_guard lock(monitor_);
       for (const auto& window : *windows)
         window->setActive(true);
     }
-  }
+  });
 }
 
 std::int32_t Zonaris::getTimeBeforeDwell() {
   std::int64_t result = kNoDwellPending;
   const FencesPtr fences = mFences();
   if (fences) {
-    for (const auto& fence : *fences) {
-      if (!fence->entered())
-        continue;
-      const auto windows = fence->dwell_events();
+    forCountingFences(fences, [&](const ZonarisFence& fence) {
+      if (!fence.entered())
+        return;
+      const auto windows = fence.dwell_events();
       std::lock_guard lock(monitor_);
-      const std::int64_t count = fence->dwell_time();
+      const std::int64_t count = fence.dwell_time();
       for (const auto& window : *windows) {
         if (window->active())
           result = std::min<std::int64_t>(result, std::int64_t{window->dwell_time()} - count);
       }
-    }
+    });
   }
   return result < 0 ? 0 : clampToInt32(result);
 }

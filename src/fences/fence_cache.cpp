@@ -297,18 +297,23 @@ std::shared_ptr<const FenceCache::FlagSummary> FenceCache::flagSummary(
   // pass reads the fences again.
   const std::uint64_t shapeChanges = ZonarisFence::shapeChanges();
   const std::uint64_t enteredChanges = ZonarisFence::enteredChanges();
+  const std::uint64_t dwellStarts = ZonarisFence::dwellStarts();
   {
     const std::lock_guard lock(summaryMutex_);
     if (summary_ && summary_->shapeChanges == shapeChanges &&
-        summary_->enteredChanges == enteredChanges)
+        summary_->enteredChanges == enteredChanges && summary_->dwellStarts == dwellStarts)
       return summary_;
   }
-  auto summary = std::make_shared<FlagSummary>(FlagSummary{shapeChanges, enteredChanges, true, {}});
+  auto summary = std::make_shared<FlagSummary>(
+      FlagSummary{shapeChanges, enteredChanges, dwellStarts, true, {}, {}});
   for (std::uint32_t i = 0; i < fences.size(); ++i) {
     if (fences[i]->shapeRevision() != fences_[i].revision)
       summary->shapesCurrent = false;
-    if (fences[i]->entered())
+    const bool entered = fences[i]->entered();
+    if (entered)
       summary->entered.push_back(i);
+    if (entered || fences[i]->dwell_time() != 0)
+      summary->counting.push_back(i);
   }
   const std::lock_guard lock(summaryMutex_);
   summary_ = summary;

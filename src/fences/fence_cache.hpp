@@ -71,14 +71,17 @@ class FenceCache {
   const std::vector<std::uint32_t>& unreadable() const { return unreadable_; }
 
   /// What the fences' own state looked like when last read: whether every shape is still the
-  /// one the cache read, and which fences are entered (in index order). Read again only when a
-  /// fence's shape or `entered` flag changed since (anywhere in the process); in a steady
-  /// state a pass therefore reads no flag of a fence it skips.
+  /// one the cache read, which fences are entered, and which are entered or still count dwell
+  /// seconds (both in index order). Read again only when a fence's shape or `entered` flag
+  /// changed, or a dwell count left zero, since (anywhere in the process); in a steady state a
+  /// pass and a dwell tick therefore read no field of a fence that neither can change.
   struct FlagSummary {
     std::uint64_t shapeChanges;
     std::uint64_t enteredChanges;
+    std::uint64_t dwellStarts;
     bool shapesCurrent;
     std::vector<std::uint32_t> entered;
+    std::vector<std::uint32_t> counting;
   };
   std::shared_ptr<const FlagSummary> flagSummary(const FenceList& fences) const;
 

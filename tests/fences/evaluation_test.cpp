@@ -244,11 +244,17 @@ INSTANTIATE_TEST_SUITE_P(Events, Confirmation, ::testing::ValuesIn(kConfirmation
 
 constexpr std::int32_t kNothingPending = INT32_MAX;
 using DwellTiming = test::FenceFixture;
+// The same script on a plain snapshot and on one with a geometry cache, whose ticks visit only
+// the fences that are entered or still count.
+class DwellScript : public test::FenceFixture, public ::testing::WithParamInterface<bool> {};
 
-TEST_F(DwellTiming, WindowsFireOnTheTickAfterTheyElapseAndRearmOnceTheFenceIsLeft) {
+TEST_P(DwellScript, WindowsFireOnTheTickAfterTheyElapseAndRearmOnceTheFenceIsLeft) {
   auto fences = publish({{1, "A", "polygon", "", 0, {10}},
                          {2, "B", "polygon", "", 0, {0, 5}},
-                         {3, "C", "polygon", "", 0, {INT32_MIN}}});
+                         {3, "C", "polygon", "", 0, {INT32_MIN}},
+                         {4, "D", "polygon", "", 0, {3}}},
+                        GetParam());
+  client->updateDwellTimes();
   fences[0]->setEntered(true);
   fences[1]->setEntered(true);
   client->updateDwellTimes();
@@ -276,7 +282,16 @@ TEST_F(DwellTiming, WindowsFireOnTheTickAfterTheyElapseAndRearmOnceTheFenceIsLef
   EXPECT_EQ(client->getTimeBeforeDwell(), 0);
   client->updateDwellTimes();
   EXPECT_EQ(fences[2]->dwell_time(), kNothingPending);
+
+  // A count set on a fence that is not entered is cleared by the next tick.
+  fences[3]->setDwell_time(7);
+  fences[3]->setDwelled(true);
+  client->updateDwellTimes();
+  EXPECT_EQ(fences[3]->dwell_time(), 0);
+  EXPECT_FALSE(fences[3]->dwelled());
 }
+INSTANTIATE_TEST_SUITE_P(Snapshots, DwellScript, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "Cached" : "Plain"; });
 
 TEST_F(DwellTiming, TheTimerTicksEverySecondUntilStoppedAndASecondStartReplacesIt) {
   auto fence = publish({{}})[0];

@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "fences/fence_cache.hpp"
 #include "support/recording_delegate.hpp"
 #include "support/recording_server.hpp"
 #include "zonaris/sim/sim_platform.hpp"
@@ -69,7 +70,7 @@ class FenceFixture : public ::testing::Test {
   }
 
   /// Makes these fences the client's catalogue.
-  FenceList publish(const std::vector<FenceDef>& fenceDefs) {
+  FenceList publish(const std::vector<FenceDef>& fenceDefs, bool cached = false) {
     FenceList list;
     for (const auto& def : fenceDefs) {
       auto fence = std::make_shared<ZonarisFence>();
@@ -84,7 +85,8 @@ class FenceFixture : public ::testing::Test {
       fence->setDwell_events(std::move(windows));
       list.push_back(fence);
     }
-    client->setMFences(std::make_shared<const FenceList>(list));
+    client->setMFences(cached ? fences::withGeometryCache(list)
+                              : std::make_shared<const FenceList>(list));
     return list;
   }
 
