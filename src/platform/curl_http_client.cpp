@@ -30,6 +30,7 @@ void initCurlOnce() {
 }
 
 struct BodySink {
+  CURL* handle = nullptr;
   std::string body;
   std::size_t limit = 0;
   bool overLimit = false;
@@ -45,6 +46,14 @@ std::size_t appendBody(char* data, std::size_t size, std::size_t count, void* us
     return 0;
   }
   try {
+    // A body of announced length is stored once, not copied each time the text outgrows
+    // its buffer: a catalogue of thousands of fences is megabytes.
+    curl_off_t announced = -1;
+    if (sink->body.empty() &&
+        curl_easy_getinfo(sink->handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) ==
+            CURLE_OK &&
+        announced > 0 && static_cast<std::size_t>(announced) <= sink->limit)
+      sink->body.reserve(static_cast<std::size_t>(announced));
     sink->body.append(data, bytes);
   } catch (...) {
     return 0;
@@ -94,6 +103,7 @@ class CurlHttpClient final : public HttpClient {
 
     char errorBuffer[CURL_ERROR_SIZE] = {};
     BodySink sink;
+    sink.handle = h;
     sink.limit = options_.maxBodyBytes;
 
     curl_easy_setopt(h, CURLOPT_ERRORBUFFER, errorBuffer);

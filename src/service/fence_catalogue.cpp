@@ -106,16 +106,21 @@ void Zonaris::getFences() {
   FenceList fences;
   if (isList) {
     fences.reserve(document.size());
+    // The lines are only formatted in developer mode: a city's catalogue is megabytes of
+    // geometry text.
+    const bool logging = mDevMode();
     for (const json& element : document) {
       auto fence = fenceFrom(element);
       if (!fence) {
         devLog("There is no events for this location");
         continue;
       }
-      devLog(fmt::format("Name = {}", fence->name().value_or("(null)")));
-      devLog(fmt::format("Type = {}", fence->type().value_or("(null)")));
-      devLog(fmt::format("Loc  = {}", fence->location().value_or("(null)")));
-      devLog(" ");
+      if (logging) {
+        devLog(fmt::format("Name = {}", fence->name().value_or("(null)")));
+        devLog(fmt::format("Type = {}", fence->type().value_or("(null)")));
+        devLog(fmt::format("Loc  = {}", fence->location().value_or("(null)")));
+        devLog(" ");
+      }
       fences.push_back(std::move(fence));
     }
   }
