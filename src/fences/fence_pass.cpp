@@ -99,15 +99,11 @@ PassResult measureSteady(const FenceList& fences, const FenceCache& cache,
 
 std::optional<PassResult> measureWithCache(const FenceList& fences, const FenceCache& cache,
                                            const std::string& pointWkt, PassHost& host) {
-  geos::Context& context = geos::threadContext();
-  GEOSContextHandle_t ctx = context.get();
-  if (ctx == nullptr)
-    return std::nullopt;
-  context.clearMessages();
-  const geos::ReaderPtr reader(GEOSWKTReader_create_r(ctx), geos::Release{ctx});
+  std::string why;
+  auto [contextPtr, reader] = geos::openThreadReader(why);
   if (!reader)
     return std::nullopt;
-  std::string why;
+  const geos::Context& context = *contextPtr;
   const auto device = geos::readDevicePoint(context, reader.get(), pointWkt, why);
   if (!device)
     return std::nullopt;  // every fence reports the point; the full walk does exactly that

@@ -125,6 +125,22 @@ Context& threadContext() {
   return context;
 }
 
+ThreadReader openThreadReader(std::string& why) {
+  ThreadReader open;
+  Context& context = threadContext();
+  GEOSContextHandle_t ctx = context.get();
+  if (ctx == nullptr) {
+    why = "no GEOS context";
+    return open;
+  }
+  context.clearMessages();
+  open.context = &context;
+  open.reader = ReaderPtr(GEOSWKTReader_create_r(ctx), Release{ctx});
+  if (!open.reader)
+    why = "no WKT reader";
+  return open;
+}
+
 GeomPtr readGeometry(const Context& context, const GEOSWKTReader* reader, std::string_view text,
                      std::string& why) {
   GEOSContextHandle_t ctx = context.get();
@@ -216,18 +232,10 @@ std::string devicePointWkt(double longitude, double latitude) {
 
 GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view pointWkt) {
   GeometryDistance result;
-  geos::Context& context = geos::threadContext();
-  GEOSContextHandle_t ctx = context.get();
-  if (ctx == nullptr) {
-    result.diagnostic = "no GEOS context";
+  auto [contextPtr, reader] = geos::openThreadReader(result.diagnostic);
+  if (!reader)
     return result;
-  }
-  context.clearMessages();
-  const geos::ReaderPtr reader(GEOSWKTReader_create_r(ctx), geos::Release{ctx});
-  if (!reader) {
-    result.diagnostic = "no WKT reader";
-    return result;
-  }
+  const geos::Context& context = *contextPtr;
 
   std::string fenceWhy;
   std::string pointWhy;
@@ -248,16 +256,12 @@ GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view 
 }
 
 std::optional<GeometryBounds> geometryBounds(std::string_view fenceWkt) {
-  geos::Context& context = geos::threadContext();
-  GEOSContextHandle_t ctx = context.get();
-  if (ctx == nullptr)
-    return std::nullopt;
-  context.clearMessages();
-  const geos::ReaderPtr reader(GEOSWKTReader_create_r(ctx), geos::Release{ctx});
+  std::string why;
+  auto [context, reader] = geos::openThreadReader(why);
   if (!reader)
     return std::nullopt;
-  std::string why;
-  const geos::GeomPtr fence = geos::readGeometry(context, reader.get(), fenceWkt, why);
+  GEOSContextHandle_t ctx = context->get();
+  const geos::GeomPtr fence = geos::readGeometry(*context, reader.get(), fenceWkt, why);
   GeometryBounds bounds;
   if (!fence || GEOSGeom_getXMin_r(ctx, fence.get(), &bounds.xmin) == 0 ||
       GEOSGeom_getXMax_r(ctx, fence.get(), &bounds.xmax) == 0 ||

@@ -52,6 +52,15 @@ using GeomPtr = std::unique_ptr<GEOSGeometry, Release>;
 using CoordSeqPtr = std::unique_ptr<GEOSCoordSequence, Release>;
 using ReaderPtr = std::unique_ptr<GEOSWKTReader, Release>;
 
+/// The calling thread's context, its messages cleared, and a new WKT reader on it: where every
+/// reading of fence and device text starts. A null reader when GEOS could make neither
+/// context nor reader; `why` says which.
+struct ThreadReader {
+  Context* context = nullptr;
+  ReaderPtr reader;
+};
+ThreadReader openThreadReader(std::string& why);
+
 /// Reads one WKT text into a non-empty geometry with finite coordinates, or null with `why`
 /// set. Text that is empty, larger than the response cap (16 MiB), nested deeper than 32
 /// parentheses, malformed, an empty geometry or one with a non-finite X or Y is unreadable.
