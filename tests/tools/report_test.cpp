@@ -2,28 +2,22 @@
 // the size of a 24-hour day, its refusals of bad input, and the bundled day's page in a real
 // headless Chromium.
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
-#include <thread>
 #include <vector>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "support/scratch.hpp"
+#include "support/process.hpp"
 
 #if defined(ZONARIS_REPORT_BIN) && defined(ZONARIS_SIM_BIN)
 
@@ -31,56 +25,12 @@ namespace zonaris::test {
 namespace {
 
 using nlohmann::json;
+using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-struct Outcome {
-  int status = -1;  ///< exit status; -1: killed (time limit) or did not start
-  std::string err;
-};
-
-/// Runs `argv` with stdout and stderr in files, killing its process group after `limit`.
-Outcome runBounded(const std::vector<std::string>& argv, const std::string& out,
-                   const std::string& err, std::chrono::seconds limit) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::setpgid(0, 0);
-    const int o = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int e = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    ::dup2(o, 1);
-    ::dup2(e, 2);
-    std::vector<char*> args;
-    for (const auto& a : argv)
-      args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    ::execvp(args[0], args.data());
-    ::_exit(127);
-  }
-  Outcome outcome;
-  if (pid < 0)
-    return outcome;
-  ::setpgid(pid, pid);
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  int wstatus = 0;
-  while (::waitpid(pid, &wstatus, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      ::kill(-pid, SIGKILL);
-      ::waitpid(pid, &wstatus, 0);
-      outcome.err = slurp(err) + "\n(killed after the time limit)";
-      return outcome;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  // Whatever the program left behind in its group (a browser's helpers) goes too.
-  ::kill(-pid, SIGKILL);
-  outcome.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-  outcome.err = slurp(err);
-  return outcome;
-}
-
-Outcome report(const Scratch& scratch, std::vector<std::string> args) {
+Ran report(const Scratch& scratch, std::vector<std::string> args) {
   args.insert(args.begin(), ZONARIS_REPORT_BIN);
-  return runBounded(args, scratch.path("report.out"), scratch.path("report.err"),
-                    std::chrono::seconds(120));
+  return run(args, scratch, 120s, "report");
 }
 
 /// The data the page draws from, as embedded in it.
@@ -130,19 +80,12 @@ TEST(Report, DataFollowsTheLinesTheTraceAndTheScore) {
       call(35, "updatedInterval", {600}) + call(35, "updatedGPSAccuracy", {9.5}) +
       line(40, "    Event id        = 2") + line(40, R"(    Message data    = {"a":1})") +
       call(40, "eventEnterCallback", {"Gate"}) + line(40, "Silence time: YES (ignoring messages)");
-  const json score = {
-      {"matched",
-       {{{"fence", "Shop"},
-         {"id", 1},
-         {"type", "entry"},
-         {"true_t", 12},
-         {"t", 20},
-         {"latency", 8}}}},
-      {"missed",
-       {{{"fence", "Gate"}, {"id", 2}, {"type", "exit"}, {"true_t", 50}, {"in_outage", false}}}},
-      {"false", {{{"fence", "Cafe"}, {"id", 3}, {"type", "entry"}, {"t", 36}}}}};
+  const json score = json::parse(R"({
+      "matched": [{"fence": "Shop", "id": 1, "type": "entry", "true_t": 12, "t": 20, "latency": 8}],
+      "missed": [{"fence": "Gate", "id": 2, "type": "exit", "true_t": 50, "in_outage": false}],
+      "false": [{"fence": "Cafe", "id": 3, "type": "entry", "t": 36}]})");
   const auto out = s.path("r.html");
-  const Outcome run = report(
+  const Ran run = report(
       s, {s.file("lines", lines), "--trace", s.file("t.csv", "0,47,8\n100,47.001,8.001\n"),
           "--fences", s.file("f.json", kFences), "--score", s.file("score.json", score.dump()),
           "--start", "2026-03-10T21:59:30", "--silence", "22", "1", "-o", out});
@@ -200,8 +143,8 @@ TEST(Report, ATwentyFourHourDayOfOneHertzTraceStaysSmall) {
                call(t, "updatedInterval", {15});
   }
   const auto out = s.path("day.html");
-  const Outcome run = report(s, {s.file("lines", lines), "--trace", s.file("t.csv", trace),
-                                 "--fences", s.file("f.json", kFences), "-o", out});
+  const Ran run = report(s, {s.file("lines", lines), "--trace", s.file("t.csv", trace), "--fences",
+                             s.file("f.json", kFences), "-o", out});
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_LT(fs::file_size(out), 5'000'000u);
   EXPECT_EQ(pageData(slurp(out))["fixes"].size(), 5761u);
@@ -211,48 +154,39 @@ TEST(Report, ATwentyFourHourDayOfOneHertzTraceStaysSmall) {
 // with no temporary file beside it.
 TEST(Report, BadInputGivesOneLineAndLeavesNothingHalfWritten) {
   struct Case {
-    std::string lines;
-    std::vector<std::string> args;  ///< "TRACE", "BAD" (a JSON array of a number) stand for files
+    std::string lines, option, value;  ///< value "BAD" stands for a file holding [1]
     std::string error;
   };
   const std::string good = call(1, "updatedInterval", {15});
   const std::vector<Case> cases = {
-      {good + "{\"t\":2,\"type\":\"log\",\"line\":\n", {}, "lines:2: not a JSON object"},
-      {"[1,2]\n", {}, "lines:1: not a JSON object"},
-      {R"({"type":"log","line":"x"})", {}, "lines:1: a line needs a number \"t\" and a text"},
-      {R"({"t":1,"type":"log"})", {}, "lines:1: a log line needs a text \"line\""},
-      {R"({"t":1,"type":"callback","name":"reportSent"})", {}, "lines:1: a callback needs"},
-      {call(1, "updatedInterval", {"15"}), {}, "lines:1: updatedInterval needs [seconds]"},
-      {call(1, "eventEnterCallback", {1}), {}, "lines:1: an event callback needs"},
-      {good, {"--trace", "/nonexistent/t.csv"}, "--trace: File does not exist"},
-      {good, {"--fences", "/nonexistent/f.json"}, "--fences: File does not exist"},
-      {good, {"--fences", "BAD"}, "bad.json"},
-      {good, {"--score", "BAD"}, "bad.json: not a JSON object"},
-      {good, {"--trace", "BAD"}, "bad.json:1:"},
-      {good, {"--start", "noon"}, "--start: not a local time"},
-      {good, {"-o", "/nonexistent/dir/r.html"}, "/nonexistent/dir/r.html: cannot be written"},
+      {good + "{\"t\":2,\"type\":\"log\",\"line\":\n", "", "", "lines:2: not a JSON object"},
+      {"[1,2]\n", "", "", "lines:1: not a JSON object"},
+      {R"({"type":"log","line":"x"})", "", "", "lines:1: a line needs a number \"t\" and a text"},
+      {R"({"t":1,"type":"log"})", "", "", "lines:1: a log line needs a text \"line\""},
+      {R"({"t":1,"type":"callback","name":"reportSent"})", "", "", "lines:1: a callback needs"},
+      {call(1, "updatedInterval", {"15"}), "", "", "lines:1: updatedInterval needs [seconds]"},
+      {call(1, "eventEnterCallback", {1}), "", "", "lines:1: an event callback needs"},
+      {good, "--trace", "/nonexistent/t.csv", "--trace: File does not exist"},
+      {good, "--fences", "/nonexistent/f.json", "--fences: File does not exist"},
+      {good, "--fences", "BAD", "bad.json"},
+      {good, "--score", "BAD", "bad.json: not a JSON object"},
+      {good, "--trace", "BAD", "bad.json:1:"},
+      {good, "--start", "noon", "--start: not a local time"},
+      {good, "-o", "/nonexistent/dir/r.html", "/nonexistent/dir/r.html: cannot be written"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.lines.substr(0, 60) + (c.args.empty() ? "" : " " + c.args[0]));
+    SCOPED_TRACE(c.lines.substr(0, 60) + " " + c.option);
     Scratch s("zonaris-report-test");
-    const std::string out = s.file("r.html", "previous report");
-    std::map<std::string, std::string> files = {{"LINES", s.file("lines", c.lines)},
-                                                {"TRACE", s.file("t.csv", "0,47,8\n")},
-                                                {"FENCES", s.file("f.json", kFences)},
-                                                {"BAD", s.file("bad.json", "[1]")},
-                                                {"OUT", out}};
-    std::vector<std::string> args = {"LINES",  "--trace", "TRACE", "--fences",
-                                     "FENCES", "-o",      "OUT"};
-    for (std::size_t i = 0; i + 1 < c.args.size(); i += 2) {
-      auto it = std::find(args.begin(), args.end(), c.args[i]);
-      if (it != args.end())
-        *(it + 1) = c.args[i + 1];
-      else
-        args.insert(args.end(), {c.args[i], c.args[i + 1]});
-    }
-    for (auto& a : args)
-      a = files.count(a) ? files[a] : a;
-    const Outcome run = report(s, args);
+    const std::string out = s.file("r.html", "previous report"), bad = s.file("bad.json", "[1]");
+    std::map<std::string, std::string> options = {{"--trace", s.file("t.csv", "0,47,8\n")},
+                                                  {"--fences", s.file("f.json", kFences)},
+                                                  {"-o", out}};
+    if (!c.option.empty())
+      options[c.option] = c.value == "BAD" ? bad : c.value;
+    std::vector<std::string> args = {s.file("lines", c.lines)};
+    for (const auto& [option, value] : options)
+      args.insert(args.end(), {option, value});
+    const Ran run = report(s, args);
     EXPECT_EQ(run.status, 2);
     EXPECT_NE(run.err.find(c.error), std::string::npos) << run.err;
     EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
@@ -278,30 +212,20 @@ std::string chromium() {
 /// Headless Chromium on a file, offline: a private profile in `scratch`, no background
 /// networking, every host name unresolvable and every request sent to a closed local port (the
 /// browser's own update and account checks included).
-Outcome browse(const Scratch& scratch, const std::string& browser, std::vector<std::string> what,
-               const std::string& url) {
-  std::vector<std::string> args = {browser,
-                                   "--headless=new",
-                                   "--no-sandbox",
-                                   "--disable-gpu",
-                                   "--no-first-run",
-                                   "--no-default-browser-check",
-                                   "--disable-background-networking",
-                                   "--disable-component-update",
-                                   "--disable-sync",
-                                   "--disable-extensions",
-                                   "--host-resolver-rules=MAP * ~NOTFOUND",
-                                   "--proxy-server=127.0.0.1:9",
-                                   "--user-data-dir=" + scratch.path("profile"),
-                                   "--hide-scrollbars",
-                                   "--window-size=1400,1000",
-                                   "--virtual-time-budget=10000",
-                                   "--enable-logging=stderr",
-                                   "--v=0"};
+Ran browse(const Scratch& scratch, const std::string& browser, std::vector<std::string> what,
+           const std::string& url) {
+  std::vector<std::string> args = {browser, "--host-resolver-rules=MAP * ~NOTFOUND",
+                                   "--user-data-dir=" + scratch.path("profile")};
+  std::istringstream words(
+      "--headless=new --no-sandbox --disable-gpu --no-first-run --no-default-browser-check "
+      "--disable-background-networking --disable-component-update --disable-sync "
+      "--disable-extensions --proxy-server=127.0.0.1:9 --hide-scrollbars --window-size=1400,1000 "
+      "--virtual-time-budget=10000 --enable-logging=stderr --v=0");
+  for (std::string word; words >> word;)
+    args.push_back(word);
   args.insert(args.end(), what.begin(), what.end());
   args.push_back(url);
-  return runBounded(args, scratch.path("browser.out"), scratch.path("browser.err"),
-                    std::chrono::seconds(90));
+  return run(args, scratch, 90s, "browser");
 }
 
 std::string attribute(const std::string& element, const std::string& name) {
@@ -317,27 +241,26 @@ TEST(ReportInBrowser, BundledDayDrawsEveryFenceAndEventWithoutErrors) {
   if (browser.empty())
     GTEST_SKIP() << "Chromium is not installed (scripts/install-deps.sh installs it)";
   Scratch s("zonaris-report-test");
-  const Outcome probe = browse(s, browser, {"--dump-dom"}, "about:blank");
+  const Ran probe = browse(s, browser, {"--dump-dom"}, "about:blank");
   if (probe.status != 0)
     GTEST_SKIP() << "Chromium cannot run here: " << probe.err.substr(0, 400);
 
   const std::string examples = ZONARIS_EXAMPLES_DIR;
-  const Outcome sim =
-      runBounded({ZONARIS_SIM_BIN, "--trace", examples + "/day.gpx", "--fences",
-                  examples + "/fences.json", "--beacons", examples + "/beacons.csv", "--uuid",
-                  "5A4BCFCE-174E-4BAC-A814-092E77F6B7E5", "--silence", "17", "19", "--start",
-                  "2026-03-10T07:30:00", "--dev-mode", "--score", s.path("score.json")},
-                 s.path("day.jsonl"), s.path("sim.err"), std::chrono::seconds(300));
+  const Ran sim = run({ZONARIS_SIM_BIN, "--trace", examples + "/day.gpx", "--fences",
+                       examples + "/fences.json", "--beacons", examples + "/beacons.csv", "--uuid",
+                       "5A4BCFCE-174E-4BAC-A814-092E77F6B7E5", "--silence", "17", "19", "--start",
+                       "2026-03-10T07:30:00", "--dev-mode", "--score", s.path("score.json")},
+                      s, 300s, "sim");
   ASSERT_EQ(sim.status, 0) << sim.err;
-  const Outcome made =
-      report(s, {s.path("day.jsonl"), "--trace", examples + "/day.gpx", "--fences",
+  const Ran made =
+      report(s, {s.path("sim.out"), "--trace", examples + "/day.gpx", "--fences",
                  examples + "/fences.json", "--beacons", examples + "/beacons.csv", "--score",
                  s.path("score.json"), "--silence", "17", "19", "-o", s.path("day.html")});
   ASSERT_EQ(made.status, 0) << made.err;
 
   // What the page must show, counted from the inputs.
   std::size_t events = 0, fixes = 0;
-  std::istringstream jsonl(slurp(s.path("day.jsonl")));
+  std::istringstream jsonl(sim.out);
   for (std::string text; std::getline(jsonl, text);) {
     const json l = json::parse(text);
     events += l.value("name", "").rfind("event", 0) == 0;
@@ -347,10 +270,9 @@ TEST(ReportInBrowser, BundledDayDrawsEveryFenceAndEventWithoutErrors) {
   const json score = json::parse(slurp(s.path("score.json")));
 
   // #t= selects the fix in force at that moment, as a click on the timeline does.
-  const Outcome dom =
-      browse(s, browser, {"--dump-dom"}, "file://" + s.path("day.html") + "#t=17000");
+  const Ran dom = browse(s, browser, {"--dump-dom"}, "file://" + s.path("day.html") + "#t=17000");
   ASSERT_EQ(dom.status, 0) << dom.err;
-  const std::string page = slurp(s.path("browser.out"));
+  const std::string& page = dom.out;
   const auto from = page.find("<div id=\"zr-status\"");
   ASSERT_NE(from, std::string::npos) << page.substr(0, 2000);
   const std::string status = page.substr(from, page.find('>', from) - from);
@@ -385,7 +307,7 @@ TEST(ReportInBrowser, BundledDayDrawsEveryFenceAndEventWithoutErrors) {
   EXPECT_LE(std::stod(attribute(status, "data-selected-t")), 17000.0);
 
   const std::string shot = s.path("day.png");
-  const Outcome picture =
+  const Ran picture =
       browse(s, browser, {"--screenshot=" + shot}, "file://" + s.path("day.html") + "#t=17000");
   ASSERT_EQ(picture.status, 0) << picture.err;
   const std::string png = slurp(shot);

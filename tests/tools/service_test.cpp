@@ -1,14 +1,10 @@
 // The reference service: its event rules on a fake clock, the input it refuses, real HTTP on
 // 127.0.0.1, and the zonaris-service program refusing to start.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
-#include <fstream>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -16,6 +12,7 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include "support/process.hpp"
 #include "zonaris-service/reference_service.hpp"
 
 namespace zonaris::service_tool::test {
@@ -258,12 +255,11 @@ TEST_F(ServiceTest, ServesTheExchangesOverHttpOn127001) {
 // No fences, or fences it cannot use: exit status 2 and one line on standard error naming the
 // problem (for a file, the element).
 TEST(ServiceProgram, ExitsWithTwoAndOneLineNamingTheProblem) {
-  const std::string file =
-      ::testing::TempDir() + "zonaris-service-" + std::to_string(::getpid()) + ".json";
-  const std::string missing = file + ": cannot open";
-  const std::pair<const char*, const char*> cases[] = {
-      {nullptr, "--fences"},  // no --fences argument
-      {"", missing.c_str()},  // no such file
+  zonaris::test::Scratch scratch("zonaris-service-test");
+  const std::string file = scratch.path("fences.json");
+  const std::pair<const char*, std::string> cases[] = {
+      {nullptr, "--fences"},         // no --fences argument
+      {"", file + ": cannot open"},  // no such file
       {R"({"id": 1})", "the fences must be a JSON array"},
       {"[1]", "element 0: not a JSON object"},
       {R"j([{"id": "1", "type": "point", "location": "POINT (1 1)"}])j", "element 0: \"id\""},
@@ -276,22 +272,16 @@ TEST(ServiceProgram, ExitsWithTwoAndOneLineNamingTheProblem) {
       {R"j([{"id": 1, "type": "point", "location": "POINT (1 1)", "messages": {"enter": {}}}])j",
        "element 0: \"messages\" has \"enter\""}};
   for (const auto& [fences, expected] : cases) {
-    std::remove(file.c_str());
+    std::filesystem::remove(file);
     if (fences && *fences)
-      std::ofstream(file) << fences;
-    const std::string args = fences ? " --fences " + file : " --port 1";
-    // Only standard error reaches the pipe.
-    FILE* err = popen((ZONARIS_SERVICE_BIN + args + " 2>&1 >/dev/null").c_str(), "r");
-    ASSERT_TRUE(err);
-    std::string text;
-    for (char buf[512]; std::fgets(buf, sizeof buf, err);)
-      text += buf;
-    const int status = pclose(err);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << expected;
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
-    EXPECT_NE(text.find(expected), std::string::npos) << text;
+      scratch.file("fences.json", fences);
+    const auto ran = zonaris::test::run(
+        {ZONARIS_SERVICE_BIN, fences ? "--fences" : "--port", fences ? file : "1"}, scratch,
+        std::chrono::seconds(20));
+    EXPECT_EQ(ran.status, 2) << expected;
+    EXPECT_EQ(std::count(ran.err.begin(), ran.err.end(), '\n'), 1) << ran.err;
+    EXPECT_NE(ran.err.find(expected), std::string::npos) << ran.err;
   }
-  std::remove(file.c_str());
 }
 #endif
 

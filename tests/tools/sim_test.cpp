@@ -2,14 +2,8 @@
 // contract against a scripted service, a realistic device with its score, and the refusals of
 // bad input; and a soak of a whole day of outages in process, scored against the truth.
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <map>
 // GCC 12 at -O1 (the sanitizer builds) warns falsely that std::function inside <regex> may be
 // used uninitialised; the warning is raised where the templates are instantiated, so it is
@@ -22,8 +16,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "support/process.hpp"
 #include "support/recording_server.hpp"
-#include "support/scratch.hpp"
 #include "zonaris-service/reference_service.hpp"
 #include "zonaris-sim/score.hpp"
 #include "zonaris/sim/sim_platform.hpp"
@@ -35,11 +29,9 @@ namespace zonaris::test {
 namespace {
 
 using nlohmann::json;
-namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 
-struct Outcome {
-  int status = -1;  ///< exit status, or -1 when the process did not exit normally
-  std::string out, err;
+struct Outcome : Ran {
   std::vector<std::string> lines;  ///< stdout, line by line
 };
 
@@ -47,24 +39,18 @@ struct Outcome {
 /// "examples/..." for a file of the source's examples folder.
 Outcome sim(const std::string& words, const Scratch& scratch,
             const std::map<std::string, std::string>& files = {}) {
-  auto quote = [](const std::string& text) {
-    return "'" + std::regex_replace(text, std::regex("'"), "'\\''") + "'";
-  };
-  std::string command = quote(ZONARIS_SIM_BIN);
+  std::vector<std::string> args = {ZONARIS_SIM_BIN};
   std::istringstream split(words);
   for (std::string word; split >> word;) {
     if (word.rfind("examples/", 0) == 0)
       word = ZONARIS_EXAMPLES_DIR + word.substr(8);
-    command += " " + quote(files.count(word) ? files.at(word) : word);
+    args.push_back(files.count(word) ? files.at(word) : word);
   }
-  command += " >" + quote(scratch.path("out")) + " 2>" + quote(scratch.path("err"));
-  const int wstatus = std::system(command.c_str());
-  Outcome run{WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, slurp(scratch.path("out")),
-              slurp(scratch.path("err")), std::vector<std::string>()};
-  std::istringstream lines(run.out);
+  Outcome outcome{run(args, scratch), {}};
+  std::istringstream lines(outcome.out);
   for (std::string line; std::getline(lines, line);)
-    run.lines.push_back(line);
-  return run;
+    outcome.lines.push_back(line);
+  return outcome;
 }
 
 // Clock times of the bundled day, in seconds after its start at 07:30.
@@ -283,11 +269,11 @@ TEST(SimScore, ARealisticWalkIsReproducibleAndTheTimelineMarksWhatTheScoreFound)
   EXPECT_GE(score["false"].size(), 1u) << "the jumps";
   EXPECT_EQ(score["baseline_15s"]["fixes"]["per_hour"], 240.0);
 
-  const std::string timeline = std::string("'") + ZONARIS_TIMELINE_BIN + "' --score '" + scoreFile +
-                               "' <'" + scratch.path("out") + "' >'" + scratch.path("timeline") +
-                               "'";
-  ASSERT_EQ(std::system(timeline.c_str()), 0);
-  std::istringstream lines(slurp(scratch.path("timeline")));
+  const Ran timeline = run({"sh", "-c", "exec \"$0\" --score \"$1\" <\"$2\"", ZONARIS_TIMELINE_BIN,
+                            scoreFile, scratch.path("run.out")},
+                           scratch, 60s, "timeline");
+  ASSERT_EQ(timeline.status, 0) << timeline.err;
+  std::istringstream lines(timeline.out);
   std::size_t falseMarks = 0, missedLines = 0;
   for (std::string line; std::getline(lines, line);) {
     falseMarks += line.find("<- false") != std::string::npos;
@@ -304,45 +290,39 @@ TEST(SimSoak, ADayOfOutagesLosesOnlyVisitsTheServiceCouldNeverSee) {
     double east, north;
   };
   const Place a{0, 0}, b{600, 0}, c{0, 600};
-  std::string csv;
-  double t = 0;
-  Place here = a;
   // "lon lat" of a place, on the 6378137 m sphere around (48.1, 11.5).
   auto lonLat = [](Place p) {
     const double degrees = 180.0 / std::acos(-1.0), r = 6378137.0;
-    return fmt::format("{:.7f} {:.7f}", 11.5 + p.east / (r * std::cos(48.1 / degrees)) * degrees,
-                       48.1 + p.north / r * degrees);
+    return std::pair(11.5 + p.east / (r * std::cos(48.1 / degrees)) * degrees,
+                     48.1 + p.north / r * degrees);
   };
-  auto point = [&](Place p) {
-    const auto ll = lonLat(p);
-    const auto blank = ll.find(' ');
-    csv += fmt::format("{},{},{}\n", t, ll.substr(blank + 1), ll.substr(0, blank));
-  };
-  auto stayUntil = [&](double end) {
-    point(here);
-    t = end;
-    point(here);
-  };
-  auto walkTo = [&](Place p) {
-    t += std::hypot(p.east - here.east, p.north - here.north) / 1.4;
-    here = p;
-  };
-  stayUntil(7 * hour);
-  walkTo(b), stayUntil(7 * hour + 30 * minute), walkTo(a), stayUntil(7 * hour + 50 * minute);
-  walkTo(b), stayUntil(10 * hour + 20 * minute);
-  walkTo(c), stayUntil(11 * hour), walkTo(a), stayUntil(14 * hour);  // in the long outage
-  walkTo(c), stayUntil(15 * hour), walkTo(b), stayUntil(18 * hour), walkTo(a), stayUntil(24 * hour);
+  // Each stay, and the minute of the day it ends; the walks between them at 1.4 m/s. The first
+  // visit to C falls in the long outage.
+  const std::pair<Place, double> stays[] = {{a, 420}, {b, 450}, {a, 470},  {b, 620}, {c, 660},
+                                            {a, 840}, {c, 900}, {b, 1080}, {a, 1440}};
+  std::string csv;
+  double t = 0;
+  Place here = a;
+  for (const auto& [place, until] : stays) {
+    t += std::hypot(place.east - here.east, place.north - here.north) / 1.4;
+    here = place;
+    const auto [lon, lat] = lonLat(place);
+    for (const double at : {t, until * minute})
+      csv += fmt::format("{},{:.7f},{:.7f}\n", at, lat, lon);
+    t = until * minute;
+  }
   std::vector<sim::Outage> outages;
   for (int k = 0; k < 12; ++k)  // down 2 of every 5 minutes
     outages.push_back({7 * hour + (5 * k + 3) * minute, 7 * hour + (5 * k + 5) * minute});
   outages.push_back({10 * hour, 12 * hour});
 
   auto fence = [&](int id, const char* name, Place p, json windows) {
+    const auto [lon, lat] = lonLat(p);
     return json{{"id", id},
                 {"name", name},
                 {"type", "point"},
                 {"radius", 60},
-                {"location", "POINT (" + lonLat(p) + ")"},
+                {"location", fmt::format("POINT ({:.7f} {:.7f})", lon, lat)},
                 {"_event_types", {"entry", "exit", "dwell"}},
                 {"_dwell_windows", windows}};
   };
