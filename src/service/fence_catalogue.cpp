@@ -35,7 +35,7 @@ using nlohmann::json;
 // - "_dwell_windows" other than an array gives no windows; inside it, elements that are
 //   neither numbers nor numeric strings are left out rather than made into 0-second windows,
 //   which would fire at once.
-std::shared_ptr<ZonarisFence> fenceFrom(const json& element) {
+std::shared_ptr<ZonarisFence> fenceFrom(json& element) {
   const json* eventTypes = service::member(element, "_event_types");
   if (!eventTypes || !eventTypes->is_array() || eventTypes->empty())
     return nullptr;
@@ -52,7 +52,8 @@ std::shared_ptr<ZonarisFence> fenceFrom(const json& element) {
   fence->setId(service::int64Of(service::member(element, "id")));
   fence->setName(service::textOf(service::member(element, "name")));
   fence->setType(service::textOf(service::member(element, "type")));
-  fence->setLocation(service::textOf(service::member(element, "location")));
+  // The geometry text is the bulk of a catalogue: it is moved out of the parsed document.
+  fence->setLocation(service::takeTextOf(service::member(element, "location")));
   fence->setRadius(service::floatOf(service::member(element, "radius")));
   fence->setUuid(service::textOf(service::member(element, "uuid")));
   fence->setMajor(service::int32Of(service::member(element, "major")));
@@ -96,7 +97,7 @@ void Zonaris::getFences() {
   devLog("Get fences succesed!");
   // Only an array lists fences. Anything else (not JSON, an object, a bare value) is an
   // empty list, which still replaces the catalogue and still counts as fresh.
-  const json document = service::parseJson(response.body);
+  json document = service::parseJson(response.body);
   const bool isList = document.is_array();
   devLog(fmt::format("Response size = {}", isList ? document.size() : 0));
 
@@ -109,7 +110,7 @@ void Zonaris::getFences() {
     // The lines are only formatted in developer mode: a city's catalogue is megabytes of
     // geometry text.
     const bool logging = mDevMode();
-    for (const json& element : document) {
+    for (json& element : document) {
       auto fence = fenceFrom(element);
       if (!fence) {
         devLog("There is no events for this location");

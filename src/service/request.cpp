@@ -5,6 +5,7 @@
 #include <cmath>
 #include <exception>
 #include <limits>
+#include <utility>
 
 namespace zonaris::service {
 
@@ -205,6 +206,12 @@ std::optional<std::string> textOf(const nlohmann::json* value) {
   if (!value || !value->is_string())
     return std::nullopt;
   return value->get<std::string>();
+}
+
+std::optional<std::string> takeTextOf(nlohmann::json* value) {
+  if (!value || !value->is_string())
+    return std::nullopt;
+  return std::move(value->get_ref<nlohmann::json::string_t&>());
 }
 
 std::string describe(const nlohmann::json* value) {

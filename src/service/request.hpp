@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -57,6 +58,9 @@ nlohmann::json parseJson(std::string_view text);
 /// The value under `key` of `object`, or null when `object` is not an object, the key is absent
 /// or its value is a JSON null.
 const nlohmann::json* member(const nlohmann::json& object, std::string_view key);
+inline nlohmann::json* member(nlohmann::json& object, std::string_view key) {
+  return const_cast<nlohmann::json*>(member(std::as_const(object), key));
+}
 
 /// A JSON number, or a string holding nothing but a decimal number; otherwise nothing.
 std::optional<double> numberOf(const nlohmann::json* value);
@@ -67,6 +71,8 @@ std::int32_t int32Of(const nlohmann::json* value);
 float floatOf(const nlohmann::json* value);
 /// The string, or nothing when missing or not a string.
 std::optional<std::string> textOf(const nlohmann::json* value);
+/// The same, moved out of the document (which keeps an empty string): for large texts read once.
+std::optional<std::string> takeTextOf(nlohmann::json* value);
 /// The text a "%@" placeholder shows: "(null)" when missing, a string as it is, anything else
 /// as its compact JSON.
 std::string describe(const nlohmann::json* value);
