@@ -116,18 +116,6 @@ TEST_F(OnTheNorthWalk, FirstFixBecomesTheInitLocationAndNothingElseUntilTheCatal
   EXPECT_FALSE(client->mUpdatingLocation());
 }
 
-TEST_F(OnTheNorthWalk, StopThenStartArmsASampleThatNoFixAnswers) {
-  client->start();
-  simulation->runFor(5s);
-  ASSERT_EQ(timesOf("New location: "),
-            (std::vector<double>{1, 2}));  // init location, then the first pass
-  client->stop();
-  client->start();
-  simulation->runFor(1300s);  // past the timer the last pass set
-  EXPECT_EQ(timesOf("New location: "), (std::vector<double>{1, 2}));
-  EXPECT_TRUE(client->mUpdatingLocation());
-}
-
 // Speeds divide by the seconds since the reference fix, but by 1 when none have passed.
 TEST_F(Sampling, OnlyTheFirstDeliveryAfterArmingIsTakenEvenWhenTwoChainsArm) {
   const auto init = fixAt(45.0, 7.0, 20);
@@ -195,48 +183,36 @@ INSTANTIATE_TEST_SUITE_P(
                       IntervalCase{2400.0, std::nullopt, 600, nullptr},  // exactly 600
                       IntervalCase{60.0, std::nullopt, 15, nullptr}));   // exactly 15
 
-class InitLocationRadius : public Sampling,
-                           public ::testing::WithParamInterface<std::pair<double, bool>> {};
-
 // Compared in single precision: 1000.00002 m reads as 1000 m and is kept.
-TEST_P(InitLocationRadius, InitLocationIsDroppedOnlyBeyondOneKilometre) {
-  const auto [metres, dropped] = GetParam();
-  const auto init = fixAt(48.1, 11.5);
-  auto current = init;
-  GeographicLib::Geodesic::WGS84().Direct(init.latitude, init.longitude, 37.0, metres,
-                                          current.latitude, current.longitude);
-  client->setMInitLocation(std::make_shared<const platform::Location>(init));
-  client->setMCurrentLocation(std::make_shared<const platform::Location>(current));
-  client->calculateIntervalAndAccuracy();
-  EXPECT_EQ(!client->mInitLocation(), dropped);
+TEST_F(Sampling, InitLocationIsDroppedOnlyBeyondOneKilometre) {
+  for (const auto& [metres, dropped] :
+       {std::pair{1000.0, false}, std::pair{1000.00002, false}, std::pair{1000.5, true}}) {
+    const auto init = fixAt(48.1, 11.5);
+    auto current = init;
+    GeographicLib::Geodesic::WGS84().Direct(init.latitude, init.longitude, 37.0, metres,
+                                            current.latitude, current.longitude);
+    client->setMInitLocation(std::make_shared<const platform::Location>(init));
+    client->setMCurrentLocation(std::make_shared<const platform::Location>(current));
+    client->calculateIntervalAndAccuracy();
+    EXPECT_EQ(!client->mInitLocation(), dropped) << metres;
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(Sampling, InitLocationRadius,
-                         ::testing::Values(std::pair{1000.0, false}, std::pair{1000.00002, false},
-                                           std::pair{1000.5, true}));
-
-class FaultyAverage : public Sampling,
-                      public ::testing::WithParamInterface<std::pair<float, json>> {};
-
-// Reported with both values (null where JSON cannot hold one); the floor 0.5 m/s is used.
-TEST_P(FaultyAverage, IsReportedAndReplacedByTheFloor) {
-  const auto [speed, speedInReport] = GetParam();
-  prepare(speed, 100.0);
+// A NaN average is reported with both values (null where JSON cannot hold one), and the floor
+// 0.5 m/s is used.
+TEST_F(Sampling, AFaultyAverageIsReportedAndReplacedByTheFloor) {
+  prepare(std::numeric_limits<float>::quiet_NaN(), 100.0);
   client->calculateIntervalAndAccuracy();
   const auto sent = server.requests("POST", "/install/error");
   ASSERT_EQ(sent.size(), 1u);
   const auto report = json::parse(sent[0].body, nullptr, false);
   EXPECT_EQ(report["data"]["reason"], "Calculate avg speed error");
   EXPECT_EQ(report["data"]["variables_state"],
-            json::array({{{"name", "mSpeed"}, {"value", speedInReport}},
+            json::array({{{"name", "mSpeed"}, {"value", nullptr}},
                          {{"name", "mAverageSpeed"}, {"value", nullptr}}}));
   EXPECT_EQ(client->mAverageSpeed(), 0.5f);
   EXPECT_EQ(delegate->calls("updatedInterval")[0][0], 100);  // floor(100 / 0.5 * 0.5)
 }
-
-INSTANTIATE_TEST_SUITE_P(Sampling, FaultyAverage,
-                         ::testing::Values(std::pair{std::numeric_limits<float>::quiet_NaN(),
-                                                     json()}));
 
 platform::Beacon beacon(double accuracy, int major = 1, int minor = 2, std::string uuid = kUuid,
                         int proximity = 2) {
