@@ -9,6 +9,7 @@
 #include <fstream>
 #include <thread>
 
+#include "support/scratch.hpp"
 #include "zonaris/platform/production.hpp"
 #include "zonaris/sim/sim_platform.hpp"
 #include "zonaris/zonaris.hpp"
@@ -20,10 +21,8 @@ constexpr const char* kKey = ZonarisUserDefaults::kInstallIdKey;
 
 class FileStoreTest : public ::testing::Test {
  protected:
-  FileStoreTest() { EXPECT_TRUE(::mkdtemp(dir.data())); }
-  ~FileStoreTest() override { std::filesystem::remove_all(dir, ignored); }
-  std::string dir = std::filesystem::temp_directory_path() / "zonaris-store-XXXXXX";
-  std::error_code ignored;
+  test::Scratch scratch{"zonaris-store"};
+  std::string dir = scratch.dir.string();
 };
 
 TEST_F(FileStoreTest, ValuesSurviveARestartTwoStoresKeepEachOthersKeysAndDamageReadsAsZero) {

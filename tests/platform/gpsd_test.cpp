@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <fmt/chrono.h>
@@ -208,18 +209,14 @@ TEST(GpsdLocationManager, DeliversOnlyTpvReportsWithAFixTakenAfterTheArming) {
   EXPECT_EQ(gpsd.transcript(2), (std::vector<std::string>{"connect", "unwatch"}));
   EXPECT_FALSE(f.manager->watching());
   f.arm();
-  const auto fixes = f.recorder->fixes(3);
-  ASSERT_EQ(fixes.size(), 3u);
-  const struct {
-    double latitude, longitude, speed, accuracy;
-  } expected[] = {{48.1, 11.5, 1.5, 7.5}, {48.2, 11.6, -1.0, 9.0}, {48.3, 11.7, 0.0, -1.0}};
-  for (std::size_t i = 0; i < 3; ++i) {
-    EXPECT_DOUBLE_EQ(fixes[i].latitude, expected[i].latitude) << i;
-    EXPECT_DOUBLE_EQ(fixes[i].longitude, expected[i].longitude) << i;
-    EXPECT_DOUBLE_EQ(fixes[i].speed, expected[i].speed) << i;
-    EXPECT_DOUBLE_EQ(fixes[i].horizontalAccuracy, expected[i].accuracy) << i;
-    EXPECT_EQ(fixes[i].timestamp, later) << i;
+  using Fix = std::tuple<double, double, double, double>;  // latitude, longitude, speed, accuracy
+  std::vector<Fix> fixes;
+  for (const auto& fix : f.recorder->fixes(3)) {
+    fixes.emplace_back(fix.latitude, fix.longitude, fix.speed, fix.horizontalAccuracy);
+    EXPECT_EQ(fix.timestamp, later);
   }
+  EXPECT_EQ(fixes, (std::vector<Fix>{
+                       {48.1, 11.5, 1.5, 7.5}, {48.2, 11.6, -1.0, 9.0}, {48.3, 11.7, 0.0, -1.0}}));
   EXPECT_EQ(f.manager->status().reports, 8u);
 }
 
