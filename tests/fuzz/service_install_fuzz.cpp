@@ -1,5 +1,4 @@
 // The reference service's registration endpoint: the request body as sent.
-#include "fuzz_support.hpp"
 #include "service_support.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -3,19 +3,14 @@
 #include <map>
 #include <string>
 
-#include "fuzz_support.hpp"
 #include "service_support.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  auto text = zonaris::fuzz::textOf(data, size);
+  const auto lines = zonaris::fuzz::linesOf(zonaris::fuzz::textOf(data, size), 4);
   std::map<std::string, std::string> query;
-  for (const char* key : {"install", "lat", "long", "radius"}) {
-    if (text.empty())
-      break;
-    const auto end = text.find('\n');
-    query[key] = std::string(text.substr(0, end));
-    text = end == text.npos ? std::string_view() : text.substr(end + 1);
-  }
+  const char* const keys[] = {"install", "lat", "long", "radius"};
+  for (std::size_t i = 0; i < lines.size(); ++i)
+    query[keys[i]] = lines[i];
   auto service = zonaris::fuzz::makeService();
   service->handle("GET", "/install/location", query, {});
   return 0;

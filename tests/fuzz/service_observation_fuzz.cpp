@@ -1,6 +1,5 @@
 // The reference service's observation endpoint: the request body as sent, twice, so that the
 // second observation meets the state the first one left (entries, dwell starts).
-#include "fuzz_support.hpp"
 #include "service_support.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <memory>
 
+#include "fuzz_support.hpp"
 #include "zonaris-service/reference_service.hpp"
 
 namespace zonaris::fuzz {

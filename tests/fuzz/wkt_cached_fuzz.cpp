@@ -59,13 +59,7 @@ bool same(double a, double b) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  auto text = fuzz::textOf(data, size);
-  std::vector<std::string> texts;
-  while (!text.empty() && texts.size() < 16) {
-    const auto end = text.find('\n');
-    texts.emplace_back(text.substr(0, end));
-    text = end == text.npos ? std::string_view() : text.substr(end + 1);
-  }
+  const auto texts = fuzz::linesOf(fuzz::textOf(data, size), 16);
   const FenceList measuredList = catalogue(texts);
   const auto cached = fences::withGeometryCache(catalogue(texts));
   for (const char* point : {"POINT (2.3522 48.8566)", "POINT (0 0)", "POINT (11.5761 48.1371)",
