@@ -92,21 +92,9 @@ TEST(TraceFiles, GpxAndCsvOfTheSameWalkReadAlike) {
 }
 
 // The same two points as different writers put them.
-class GpxDialects : public ::testing::TestWithParam<const char*> {};
-
-TEST_P(GpxDialects, YieldTheSamePoints) {
-  const auto p = Trace::parseGpx(GetParam(), "dialect.gpx").points();
-  ASSERT_EQ(p.size(), 2u);
-  EXPECT_EQ(p[0].latitude, 10.0);
-  EXPECT_EQ(p[1].t, 2.25);
-  EXPECT_EQ(p[1].speed, 3.0);
-  EXPECT_EQ(p[1].horizontalAccuracy, 7.5);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Trace, GpxDialects,
-    ::testing::Values(
-        // no namespace at all
+TEST(TraceFiles, GpxDialectsYieldTheSamePoints) {
+  for (const char* dialect :
+       {// no namespace at all
         R"(<gpx><trk><trkseg>
              <trkpt lat="10" lon="20"><time>2026-01-01T12:00:00Z</time></trkpt>
              <trkpt lat="10.001" lon="20"><time>2026-01-01T12:00:02.25Z</time>
@@ -126,57 +114,56 @@ INSTANTIATE_TEST_SUITE_P(
              <trkpt lat="+10.0" lon="20.0"><time>2026-01-01T11:30:00-0030</time></trkpt>
              <trkpt lat="10.001" lon="20"><time>2026-01-01T12:00:02.25Z</time>
                <hdop>1.5</hdop><speed>3</speed></trkpt>
-           </trkseg></trk></gpx>)"));
-
-struct Broken {
-  std::string name;  // its extension says how it is read
-  const char* text;
-  const char* error;  // the whole message
-};
-
-class BrokenInputs : public ::testing::TestWithParam<Broken> {};
-
-TEST_P(BrokenInputs, NameTheFileAndLine) {
-  const auto& c = GetParam();
-  try {
-    if (c.name == "trip.gpx")
-      Trace::parseGpx(c.text, c.name);
-    else if (c.name == "trip.csv")
-      Trace::parseCsv(c.text, c.name);
-    else
-      BeaconSightings::parseCsv(c.text, c.name);
-    FAIL() << "no error for " << c.text;
-  } catch (const InputError& e) {
-    EXPECT_EQ(std::string(e.what()), c.name + ":" + c.error);
+           </trkseg></trk></gpx>)"}) {
+    const auto p = Trace::parseGpx(dialect, "dialect.gpx").points();
+    ASSERT_EQ(p.size(), 2u) << dialect;
+    EXPECT_EQ(p[0].latitude, 10.0);
+    EXPECT_EQ(p[1].t, 2.25);
+    EXPECT_EQ(p[1].speed, 3.0);
+    EXPECT_EQ(p[1].horizontalAccuracy, 7.5);
   }
 }
 
+// Unreadable input names the file and the line: {file name, whose extension says how it is
+// read; text; the message after "name:"}.
+TEST(BrokenInputs, NameTheFileAndLine) {
 #define UUID "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0"
-INSTANTIATE_TEST_SUITE_P(
-    Sim, BrokenInputs,
-    ::testing::Values(
-        Broken{"trip.gpx", "<gpx>\n<trk>\n</gpx>", "3: not XML: Start-end tags mismatch"},
-        Broken{"trip.gpx", "<kml/>", "1: not a GPX file: the root element is <kml>"},
-        Broken{"trip.gpx", "<gpx>\n</gpx>", "1: no track points (<trkpt>) in this GPX file"},
-        Broken{"trip.gpx", "<gpx>\n<rte><rtept lat=\"1\" lon=\"2\"/></rte></gpx>",
-               "2: <rtept> has no <time>; a trace needs the time of every point"},
-        Broken{"trip.gpx",
-               "<gpx>\n<trkpt lat=\"1\" lon=\"2\"><time>2026-01-01T00:00:10Z</time></trkpt>\n"
-               "<trkpt lat=\"1\" lon=\"2\"><time>2026-01-01T01:00:05+01:00</time></trkpt></gpx>",
-               "3: times must not go back"},
-        Broken{"trip.csv", "# only a comment\n\n", "2: no points in this trace"},
-        Broken{"trip.csv", "t,lat,lon\n0,1,2\n1,1\n",
-               "3: expected t,lat,lon[,accuracy][,speed] but found 2 fields"},
-        Broken{"trip.csv", "0,1,2\n1,1,NaN\n", "2: lon \"NaN\" is not a number"},
-        Broken{"beacons.csv", "# c\n\n0,10," UUID ",1,2,1.0",
-               "3: expected 7 fields (t_start,t_end,uuid,major,minor,accuracy,proximity), found 6"},
-        Broken{"beacons.csv", "0,10," UUID ",1,2,1.0,2\nx,10," UUID ",1,2,1.0,2",
-               "2: t_start is not a number: \"x\""},
-        Broken{"beacons.csv", "10,10," UUID ",1,2,1.0,2", "1: t_end must be later than t_start"},
-        Broken{"beacons.csv", "0,10,shop,1,2,1.0,2", "1: uuid is not a UUID: \"shop\""},
-        Broken{"beacons.csv", "0,10," UUID ",1,2,1.0,4",
-               "1: proximity must be between 0 and 3: 4"}));
+  const std::tuple<std::string, const char*, const char*> cases[] = {
+      {"trip.gpx", "<gpx>\n<trk>\n</gpx>", "3: not XML: Start-end tags mismatch"},
+      {"trip.gpx", "<kml/>", "1: not a GPX file: the root element is <kml>"},
+      {"trip.gpx", "<gpx>\n</gpx>", "1: no track points (<trkpt>) in this GPX file"},
+      {"trip.gpx", "<gpx>\n<rte><rtept lat=\"1\" lon=\"2\"/></rte></gpx>",
+       "2: <rtept> has no <time>; a trace needs the time of every point"},
+      {"trip.gpx",
+       "<gpx>\n<trkpt lat=\"1\" lon=\"2\"><time>2026-01-01T00:00:10Z</time></trkpt>\n"
+       "<trkpt lat=\"1\" lon=\"2\"><time>2026-01-01T01:00:05+01:00</time></trkpt></gpx>",
+       "3: times must not go back"},
+      {"trip.csv", "# only a comment\n\n", "2: no points in this trace"},
+      {"trip.csv", "t,lat,lon\n0,1,2\n1,1\n",
+       "3: expected t,lat,lon[,accuracy][,speed] but found 2 fields"},
+      {"trip.csv", "0,1,2\n1,1,NaN\n", "2: lon \"NaN\" is not a number"},
+      {"beacons.csv", "# c\n\n0,10," UUID ",1,2,1.0",
+       "3: expected 7 fields (t_start,t_end,uuid,major,minor,accuracy,proximity), found 6"},
+      {"beacons.csv", "0,10," UUID ",1,2,1.0,2\nx,10," UUID ",1,2,1.0,2",
+       "2: t_start is not a number: \"x\""},
+      {"beacons.csv", "10,10," UUID ",1,2,1.0,2", "1: t_end must be later than t_start"},
+      {"beacons.csv", "0,10,shop,1,2,1.0,2", "1: uuid is not a UUID: \"shop\""},
+      {"beacons.csv", "0,10," UUID ",1,2,1.0,4", "1: proximity must be between 0 and 3: 4"}};
 #undef UUID
+  for (const auto& [name, text, error] : cases) {
+    try {
+      if (name == "trip.gpx")
+        Trace::parseGpx(text, name);
+      else if (name == "trip.csv")
+        Trace::parseCsv(text, name);
+      else
+        BeaconSightings::parseCsv(text, name);
+      ADD_FAILURE() << "no error for " << text;
+    } catch (const InputError& e) {
+      EXPECT_EQ(std::string(e.what()), name + ":" + error);
+    }
+  }
+}
 
 TEST(TracePosition, IsInterpolatedAndStandsStillAfterTheEnd) {
   const auto trace = Trace::parseCsv(
@@ -227,14 +214,12 @@ class RecordingListener final : public platform::LocationManagerDelegate {
   void didUpdateLocations(const std::vector<platform::Location>& locations) override {
     fixTimes.push_back(std::chrono::duration<double>(scheduler_.elapsed()).count());
     batchSizes.push_back(locations.size());
-    last = locations.back();
     all.insert(all.end(), locations.begin(), locations.end());
   }
   void didRangeBeacons(const std::vector<platform::Beacon>&,
                        const platform::BeaconRegion&) override {}
   std::vector<double> fixTimes;
   std::vector<std::size_t> batchSizes;
-  platform::Location last;
   std::vector<platform::Location> all;
 
  private:
@@ -269,8 +254,8 @@ TEST_F(SimLocationManagerTest, FullAccuracyDeliversEverySecondFromOneSecondAfter
   fine();  // setting it again restarts the rhythm: one second later, not at 14
   scheduler->runFor(2s);
   EXPECT_EQ(listener->fixTimes, (std::vector<double>{1, 11, 12, 13, 14.5, 15.5}));
-  EXPECT_DOUBLE_EQ(listener->last.latitude, 45.0 + 0.001 * 15.5 / 100.0);
-  EXPECT_EQ(listener->last.timestamp, scheduler->start() + 15500ms);
+  EXPECT_DOUBLE_EQ(listener->all.back().latitude, 45.0 + 0.001 * 15.5 / 100.0);
+  EXPECT_EQ(listener->all.back().timestamp, scheduler->start() + 15500ms);
 
   manager->stopUpdatingLocation();
   fine();  // a setting made while stopped starts nothing
@@ -305,7 +290,7 @@ TEST_P(DeviceTiming, FirstFixAfterTheDelayThenOneASecondInBatches) {
   EXPECT_EQ(listener->batchSizes,
             std::vector<std::size_t>(GetParam().times.size(), GetParam().batch));
   // Each fix of a batch was taken at its own second, the last one as it is delivered.
-  EXPECT_EQ(listener->last.timestamp, scheduler->start() + 1s * GetParam().times.back());
+  EXPECT_EQ(listener->all.back().timestamp, scheduler->start() + 1s * GetParam().times.back());
   EXPECT_EQ(listener->all.front().timestamp, scheduler->start() + GetParam().model.fixDelay);
 }
 
