@@ -133,46 +133,40 @@ TEST(SamplingPolicy, DesignIsTheDefaultToTheByte) {
   EXPECT_LT(departureSample, 2400.0 + 60.0);
 }
 
-struct DeadlineCase {
-  const char* name;
-  std::string csv;  // where the device is
-  SamplingPolicy policy;
-  int fixDelay;   // seconds
-  double latest;  // seconds from a window firing to the pass that reports it
-};
-
-class DwellDeadlines : public ::testing::TestWithParam<DeadlineCase> {};
-
 // Every window of both fences fires during a 35-minute stay; each is reported by the next pass,
 // which the efficient policy takes right after the firing tick whatever the stay looks like.
-TEST_P(DwellDeadlines, EveryFiredWindowIsReportedInTime) {
-  const auto& c = GetParam();
-  const Day day = run(c.csv, 2100, c.policy, std::chrono::seconds(c.fixDelay));
-  // All six windows of the square, and both of the disc when the device is in it.
-  const bool inDisc = c.csv.find("0.00095") == std::string::npos;
-  ASSERT_EQ(day.firings.size(), inDisc ? 8u : 6u);
-  for (const double fired : day.firings) {
-    // The count is read a quarter second late at most; the pass comes after the tick.
-    const double pass = day.first("Handle fences", fired - 0.25);
-    ASSERT_GE(pass, 0.0) << "no pass after the window that fired at " << fired;
-    EXPECT_LE(pass - fired, c.latest) << "window fired at " << fired;
+TEST(DwellDeadlines, EveryFiredWindowIsReportedInTime) {
+  struct Stay {
+    const char* name;
+    std::string csv;  // where the device is
+    SamplingPolicy policy;
+    int fixDelay;   // seconds
+    double latest;  // seconds from a window firing to the pass that reports it
+  };
+  const Stay stays[] = {
+      // The design's rule caps the interval at the deadline but not below 15 s.
+      {"DesignDeep", "0,0,0\n3000,0,0\n", SamplingPolicy::Design, 1, 17.0},
+      {"EfficientDeep", "0,0,0\n3000,0,0\n", SamplingPolicy::Efficient, 1, 2.25},
+      {"EfficientSlowFix", "0,0,0\n3000,0,0\n", SamplingPolicy::Efficient, 5, 6.25},
+      // 5 m inside the square's east edge, outside the disc.
+      {"EfficientNearEdge", "0,0,0.00095\n3000,0,0.00095\n", SamplingPolicy::Efficient, 1, 2.25},
+      // Pacing up and down inside both fences.
+      {"EfficientPacing", "0,0,0\n30,0,0.0003\n60,0,0\n90,0,0.0003\n3000,0,0\n",
+       SamplingPolicy::Efficient, 1, 2.25}};
+  for (const Stay& c : stays) {
+    SCOPED_TRACE(c.name);
+    const Day day = run(c.csv, 2100, c.policy, std::chrono::seconds(c.fixDelay));
+    // All six windows of the square, and both of the disc when the device is in it.
+    const bool inDisc = c.csv.find("0.00095") == std::string::npos;
+    ASSERT_EQ(day.firings.size(), inDisc ? 8u : 6u);
+    for (const double fired : day.firings) {
+      // The count is read a quarter second late at most; the pass comes after the tick.
+      const double pass = day.first("Handle fences", fired - 0.25);
+      ASSERT_GE(pass, 0.0) << "no pass after the window that fired at " << fired;
+      EXPECT_LE(pass - fired, c.latest) << "window fired at " << fired;
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Stays, DwellDeadlines,
-    ::testing::Values(
-        // The design's rule caps the interval at the deadline but not below 15 s.
-        DeadlineCase{"DesignDeep", "0,0,0\n3000,0,0\n", SamplingPolicy::Design, 1, 17.0},
-        DeadlineCase{"EfficientDeep", "0,0,0\n3000,0,0\n", SamplingPolicy::Efficient, 1, 2.25},
-        DeadlineCase{"EfficientSlowFix", "0,0,0\n3000,0,0\n", SamplingPolicy::Efficient, 5, 6.25},
-        // 5 m inside the square's east edge, outside the disc.
-        DeadlineCase{"EfficientNearEdge", "0,0,0.00095\n3000,0,0.00095\n",
-                     SamplingPolicy::Efficient, 1, 2.25},
-        // Pacing up and down inside both fences.
-        DeadlineCase{"EfficientPacing", "0,0,0\n30,0,0.0003\n60,0,0\n90,0,0.0003\n3000,0,0\n",
-                     SamplingPolicy::Efficient, 1, 2.25}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace zonaris::test
