@@ -1,5 +1,6 @@
 // The reference service picks the fences to measure from its R*Tree; its answers must be those
-// of measuring every fence, also across the antimeridian and around the poles.
+// of measuring every fence, also across the antimeridian and around the poles, and they leave
+// out the fences' messages.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -41,6 +42,8 @@ TEST(FenceQueryIndex, AnswersAsMeasuringEveryFence) {
                             : fmt::format("POLYGON (({0} {1}, {2} {1}, {2} {3}, {0} {3}, {0} {1}))",
                                           x, y, x + w, std::min(90.0, y + w))},
            {"_event_types", {"entry"}}});
+      if (i % 5 == 0)
+        fences.back()["messages"] = {{"entry", {{"zr:msg:title", "Hi"}}}};
     }
   }
   ServiceOptions options;
@@ -64,8 +67,10 @@ TEST(FenceQueryIndex, AnswersAsMeasuringEveryFence) {
     const auto point = fmt::format("POINT ({:.16g} {:.16g})", qLon, qLat);
     for (const auto& fence : fences) {
       const auto d = fences::distanceToGeometry(fence["location"].get<std::string>(), point);
-      if (d.metres && *d.metres <= radius)
+      if (d.metres && *d.metres <= radius) {
         expected.push_back(fence);
+        expected.back().erase("messages");
+      }
     }
     ASSERT_EQ(json::parse(answer.body), expected) << point << " within " << radius;
   }

@@ -160,20 +160,6 @@ TEST_F(ServiceTest, EventsCarryTheFenceMessageForTheirTypeInFenceFileOrder) {
                             {"location_id": 3, "event_type": "exit"}])"));
 }
 
-TEST_F(ServiceTest, FenceQueryAnswersTheFencesWithinTheRadiusWithoutTheirMessages) {
-  // The polygon's west edge is 0.99 degrees of longitude (about 71 km) east of the point.
-  for (auto [lon, ids] : {std::pair{"10.0", json{1, 4}}, std::pair{"10.5", json::array()},
-                          std::pair{"11.0", json::array({2})}}) {
-    auto r = send(service, "/install/location", "/long", lon);
-    EXPECT_EQ(r.status, 200) << r.body;
-    json listed = json::array();
-    for (const auto& f : parsed(r))
-      listed.push_back(f["id"]);
-    EXPECT_EQ(listed, ids) << lon;
-    EXPECT_EQ(r.body.find("messages"), std::string::npos) << r.body;
-  }
-}
-
 // A refused request answers 400 with a reason and changes nothing: the next install and report
 // ids follow on, and the device's entry is still to come.
 struct Bad {
