@@ -44,7 +44,7 @@ bool withinBounds(std::string_view text) {
 
 bool finiteSequence(GEOSContextHandle_t ctx, const GEOSCoordSequence* sequence) {
   unsigned int size = 0;
-  if (sequence == nullptr || GEOSCoordSeq_getSize_r(ctx, sequence, &size) == 0)
+  if (sequence == nullptr || GEOSCoordSeq_getSize_r(ctx, sequence, &size) == 0 || size == 0)
     return false;
   for (unsigned int i = 0; i < size; ++i) {
     double x = 0.0;
@@ -56,9 +56,12 @@ bool finiteSequence(GEOSContextHandle_t ctx, const GEOSCoordSequence* sequence) 
   return true;
 }
 
-// Every X and Y of the geometry is a finite number (Z is ignored: GEOS keeps NaN there for
-// two-dimensional coordinates). Recursion depth is bounded by `withinBounds`.
-bool finiteCoordinates(GEOSContextHandle_t ctx, const GEOSGeometry* geometry) {
+// Every part of the geometry (point, line, ring, member of a collection) holds coordinates,
+// and every X and Y is a finite number (Z is ignored: GEOS keeps NaN there for two-dimensional
+// coordinates). GEOS 3.11's nearest points dereference the coordinate of an empty part, such
+// as the POINT EMPTY in GEOMETRYCOLLECTION (POINT (1 2), POINT EMPTY), and crash; such text is
+// unreadable here. Recursion depth is bounded by `withinBounds`.
+bool measurableParts(GEOSContextHandle_t ctx, const GEOSGeometry* geometry) {
   switch (GEOSGeomTypeId_r(ctx, geometry)) {
     case GEOS_POINT:
     case GEOS_LINESTRING:
@@ -66,14 +69,14 @@ bool finiteCoordinates(GEOSContextHandle_t ctx, const GEOSGeometry* geometry) {
       return finiteSequence(ctx, GEOSGeom_getCoordSeq_r(ctx, geometry));
     case GEOS_POLYGON: {
       const GEOSGeometry* shell = GEOSGetExteriorRing_r(ctx, geometry);
-      if (shell == nullptr || !finiteCoordinates(ctx, shell))
+      if (shell == nullptr || !measurableParts(ctx, shell))
         return false;
       const int holes = GEOSGetNumInteriorRings_r(ctx, geometry);
       if (holes < 0)
         return false;
       for (int i = 0; i < holes; ++i) {
         const GEOSGeometry* hole = GEOSGetInteriorRingN_r(ctx, geometry, i);
-        if (hole == nullptr || !finiteCoordinates(ctx, hole))
+        if (hole == nullptr || !measurableParts(ctx, hole))
           return false;
       }
       return true;
@@ -87,7 +90,7 @@ bool finiteCoordinates(GEOSContextHandle_t ctx, const GEOSGeometry* geometry) {
         return false;
       for (int i = 0; i < parts; ++i) {
         const GEOSGeometry* part = GEOSGetGeometryN_r(ctx, geometry, i);
-        if (part == nullptr || !finiteCoordinates(ctx, part))
+        if (part == nullptr || !measurableParts(ctx, part))
           return false;
       }
       return true;
@@ -165,8 +168,8 @@ GeomPtr readGeometry(const Context& context, const GEOSWKTReader* reader, std::s
     why = "empty geometry";
     return none;
   }
-  if (!finiteCoordinates(ctx, geometry.get())) {
-    why = "non-finite coordinates";
+  if (!measurableParts(ctx, geometry.get())) {
+    why = "an empty part or non-finite coordinates";
     return none;
   }
   return geometry;

@@ -26,9 +26,9 @@ struct GeometryDistance {
 
 /// Reads both WKT texts through GEOS (reentrant API, the calling thread's own context, every
 /// handle released) and measures as above. Never throws; text that is empty, malformed, larger
-/// than a response may be (16 MiB), too deeply nested (over 32 open parentheses), an empty
-/// geometry or one with non-finite coordinates counts as unreadable, and so does a device text
-/// that is not a point. Safe to call from any number of threads at once.
+/// than a response may be (16 MiB), too deeply nested (over 32 open parentheses), a geometry
+/// that is empty or has an empty part, or one with non-finite coordinates counts as unreadable,
+/// and so does a device text that is not a point. Safe to call from any number of threads at once.
 GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view pointWkt);
 
 /// The extent of a fence geometry in degrees.

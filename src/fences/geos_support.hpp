@@ -61,9 +61,10 @@ struct ThreadReader {
 };
 ThreadReader openThreadReader(std::string& why);
 
-/// Reads one WKT text into a non-empty geometry with finite coordinates, or null with `why`
-/// set. Text that is empty, larger than the response cap (16 MiB), nested deeper than 32
-/// parentheses, malformed, an empty geometry or one with a non-finite X or Y is unreadable.
+/// Reads one WKT text into a geometry with no empty part and finite coordinates, or null with
+/// `why` set. Text that is empty, larger than the response cap (16 MiB), nested deeper than 32
+/// parentheses, malformed, a geometry that is empty or has an empty part, or one with a
+/// non-finite X or Y is unreadable.
 GeomPtr readGeometry(const Context& context, const GEOSWKTReader* reader, std::string_view text,
                      std::string& why);
 

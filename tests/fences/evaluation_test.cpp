@@ -80,6 +80,7 @@ const DistanceCase kDistances[] = {
     {"EmptyFence", "", "POINT (0 0)", kFar, {"geometry1"}},
     {"GarbageFence", "not a geometry", "POINT (0 0)", kFar, {"geometry1"}},
     {"NaNCoordinate", "POINT (nan 0)", "POINT (0 0)", kFar, {"geometry1"}},
+    {"CollectionWithAnEmptyPoint", "GEOMETRYCOLLECTION (POINT (1 2), POINT EMPTY)", "POINT (0 0)", kFar, {"geometry1"}},
     {"DeeplyNestedFence", nested(100000), "POINT (0 0)", kFar, {"geometry1"}},
     {"LongBoundaryIsMeasured", "LINESTRING (1 0" + repeat(", 1.000001 0.000001", 60000) + ")", "POINT (0 0)", kMetresPerDegree, {}},
     {"FenceLargerThanAResponse", "POINT (0 0)" + std::string(std::size_t{16} << 20, ' '), "POINT (0 0)", kFar, {"geometry1"}},
