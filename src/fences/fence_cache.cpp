@@ -159,10 +159,10 @@ void FenceCache::buildIndex() {
       continue;
     }
     Box box{};
-    const bool bounded = GEOSGeom_getXMin_r(ctx, fence.geometry.get(), &box.xmin) != 0 &&
-                         GEOSGeom_getXMax_r(ctx, fence.geometry.get(), &box.xmax) != 0 &&
-                         GEOSGeom_getYMin_r(ctx, fence.geometry.get(), &box.ymin) != 0 &&
-                         GEOSGeom_getYMax_r(ctx, fence.geometry.get(), &box.ymax) != 0;
+    const auto extent = geos::extent(ctx, fence.geometry.get());
+    const bool bounded = extent.has_value();
+    if (bounded)
+      box = {extent->xmin, extent->xmax, extent->ymin, extent->ymax, 0.0};
     double reach = 0.0;
     if (fence.kind == FenceKind::Point)
       reach = static_cast<double>(fence.radius);

@@ -5,8 +5,10 @@
 
 #include <geos_c.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -56,27 +58,27 @@ bool finiteSequence(GEOSContextHandle_t ctx, const GEOSCoordSequence* sequence) 
   return true;
 }
 
-// Every part of the geometry (point, line, ring, member of a collection) holds coordinates,
-// and every X and Y is a finite number (Z is ignored: GEOS keeps NaN there for two-dimensional
-// coordinates). GEOS 3.11's nearest points dereference the coordinate of an empty part, such
-// as the POINT EMPTY in GEOMETRYCOLLECTION (POINT (1 2), POINT EMPTY), and crash; such text is
-// unreadable here. Recursion depth is bounded by `withinBounds`.
-bool measurableParts(GEOSContextHandle_t ctx, const GEOSGeometry* geometry) {
+// Calls `visit` with the coordinate sequence of every part of the geometry (point, line, each
+// ring of a polygon, each member of a collection) until one call returns false; false when a
+// call did, or when a part has no sequence or is of a type this GEOS does not describe to us.
+// Recursion depth is bounded by `withinBounds`.
+template <class Visit>
+bool everySequence(GEOSContextHandle_t ctx, const GEOSGeometry* geometry, const Visit& visit) {
   switch (GEOSGeomTypeId_r(ctx, geometry)) {
     case GEOS_POINT:
     case GEOS_LINESTRING:
     case GEOS_LINEARRING:
-      return finiteSequence(ctx, GEOSGeom_getCoordSeq_r(ctx, geometry));
+      return visit(GEOSGeom_getCoordSeq_r(ctx, geometry));
     case GEOS_POLYGON: {
       const GEOSGeometry* shell = GEOSGetExteriorRing_r(ctx, geometry);
-      if (shell == nullptr || !measurableParts(ctx, shell))
+      if (shell == nullptr || !everySequence(ctx, shell, visit))
         return false;
       const int holes = GEOSGetNumInteriorRings_r(ctx, geometry);
       if (holes < 0)
         return false;
       for (int i = 0; i < holes; ++i) {
         const GEOSGeometry* hole = GEOSGetInteriorRingN_r(ctx, geometry, i);
-        if (hole == nullptr || !measurableParts(ctx, hole))
+        if (hole == nullptr || !everySequence(ctx, hole, visit))
           return false;
       }
       return true;
@@ -90,14 +92,24 @@ bool measurableParts(GEOSContextHandle_t ctx, const GEOSGeometry* geometry) {
         return false;
       for (int i = 0; i < parts; ++i) {
         const GEOSGeometry* part = GEOSGetGeometryN_r(ctx, geometry, i);
-        if (part == nullptr || !measurableParts(ctx, part))
+        if (part == nullptr || !everySequence(ctx, part, visit))
           return false;
       }
       return true;
     }
     default:
-      return false;  // a type this GEOS does not describe to us: not measurable
+      return false;
   }
+}
+
+// Every part of the geometry holds coordinates, and every X and Y is a finite number (Z is
+// ignored: GEOS keeps NaN there for two-dimensional coordinates). GEOS 3.11's nearest points
+// dereference the coordinate of an empty part, such as the POINT EMPTY in
+// GEOMETRYCOLLECTION (POINT (1 2), POINT EMPTY), and crash; such text is unreadable here.
+bool measurableParts(GEOSContextHandle_t ctx, const GEOSGeometry* geometry) {
+  return everySequence(ctx, geometry, [ctx](const GEOSCoordSequence* sequence) {
+    return finiteSequence(ctx, sequence);
+  });
 }
 
 }  // namespace
@@ -212,6 +224,30 @@ std::optional<double> nearestDistance(const Context& context, const GEOSGeometry
   return inside != 0 ? -d : d;
 }
 
+std::optional<GeometryBounds> extent(GEOSContextHandle_t ctx, const GEOSGeometry* geometry) {
+  constexpr double kInf = std::numeric_limits<double>::infinity();
+  GeometryBounds box{kInf, -kInf, kInf, -kInf};
+  const bool walked = everySequence(ctx, geometry, [ctx, &box](const GEOSCoordSequence* sequence) {
+    unsigned int size = 0;
+    if (sequence == nullptr || GEOSCoordSeq_getSize_r(ctx, sequence, &size) == 0)
+      return false;
+    for (unsigned int i = 0; i < size; ++i) {
+      double x = 0.0;
+      double y = 0.0;
+      if (GEOSCoordSeq_getXY_r(ctx, sequence, i, &x, &y) == 0)
+        return false;
+      box.xmin = std::min(box.xmin, x);
+      box.xmax = std::max(box.xmax, x);
+      box.ymin = std::min(box.ymin, y);
+      box.ymax = std::max(box.ymax, y);
+    }
+    return true;
+  });
+  if (!walked || !(box.xmin <= box.xmax) || !(box.ymin <= box.ymax))
+    return std::nullopt;
+  return box;
+}
+
 }  // namespace geos
 
 double haversineMetres(double lon1, double lat1, double lon2, double lat2) {
@@ -263,15 +299,10 @@ std::optional<GeometryBounds> geometryBounds(std::string_view fenceWkt) {
   auto [context, reader] = geos::openThreadReader(why);
   if (!reader)
     return std::nullopt;
-  GEOSContextHandle_t ctx = context->get();
   const geos::GeomPtr fence = geos::readGeometry(*context, reader.get(), fenceWkt, why);
-  GeometryBounds bounds;
-  if (!fence || GEOSGeom_getXMin_r(ctx, fence.get(), &bounds.xmin) == 0 ||
-      GEOSGeom_getXMax_r(ctx, fence.get(), &bounds.xmax) == 0 ||
-      GEOSGeom_getYMin_r(ctx, fence.get(), &bounds.ymin) == 0 ||
-      GEOSGeom_getYMax_r(ctx, fence.get(), &bounds.ymax) == 0)
+  if (!fence)
     return std::nullopt;
-  return bounds;
+  return geos::extent(context->get(), fence.get());
 }
 
 }  // namespace zonaris::fences

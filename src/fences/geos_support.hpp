@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "fences/geometry.hpp"
+
 namespace zonaris::fences::geos {
 
 /// A GEOS context with handlers that only record the last message (nothing may throw through
@@ -83,5 +85,10 @@ std::optional<DevicePoint> readDevicePoint(const Context& context, const GEOSWKT
 /// when GEOS cannot find that point. This is the one place where the distance is measured.
 std::optional<double> nearestDistance(const Context& context, const GEOSGeometry* fence,
                                       const DevicePoint& device);
+
+/// The extent of every coordinate of every part and ring of a geometry read by `readGeometry`.
+/// GEOS's own envelope of a polygon is its shell's, while distances are measured to every ring,
+/// so a hole that sticks out of its shell (an invalid but readable polygon) would fall outside it.
+std::optional<GeometryBounds> extent(GEOSContextHandle_t ctx, const GEOSGeometry* geometry);
 
 }  // namespace zonaris::fences::geos

@@ -1,8 +1,8 @@
 // The cached fence walk against the straightforward one: seeded random catalogues (points with
-// a radius, polygons with holes, multipolygons, beacons, unreadable and empty text, fences
-// across the antimeridian and around the poles, a device on a boundary), compared pass by pass
-// on every decision, flag, distance line and error report. Then the same through the client,
-// whose download attaches the cache.
+// a radius, polygons with holes (some sticking out of their shell), multipolygons, beacons,
+// unreadable and empty text, fences across the antimeridian and around the poles, a device on a
+// boundary), compared pass by pass on every decision, flag, distance line and error report. Then
+// the same through the client, whose download attaches the cache.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -119,8 +119,27 @@ class Generator {
   std::string polygon(double metres) {
     const auto [cx, cy] = near(3000);
     std::string text = "(" + ring(cx, cy, metres, 4 + pick(10));
-    if (chance(0.4))
-      text += ", " + ring(cx, cy, metres * 0.3, 4 + pick(5));  // a hole
+    const double cosLat = std::max(std::cos(cy * 0.017453292519943295), 1e-3);
+    switch (pick(10)) {
+      case 0:
+      case 1:
+      case 2:
+      case 3:
+        text += ", " + ring(cx, cy, metres * 0.3, 4 + pick(5));  // a hole
+        break;
+      case 4: {
+        // Invalid but readable: a hole that sticks out of its shell or lies wholly outside it.
+        // Distances are measured to it like to any ring, so the cache's box must cover it.
+        const double east = metres * uniform(0.8, 2.5) / (kMetresPerDegree * cosLat);
+        text += ", " + ring(cx + east, cy, metres * uniform(0.3, 0.9), 4 + pick(5));
+        break;
+      }
+      case 5:
+        text += ", " + ring(cx, cy, metres * 1.6, 4 + pick(5));  // a hole around its shell
+        break;
+      default:
+        break;
+    }
     return text + ")";
   }
 
