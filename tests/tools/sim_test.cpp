@@ -459,6 +459,27 @@ TEST(SimScore, JudgesEachConfirmationByFenceIdWithinItsWindow) {
   }
 }
 
+// The simulator takes each confirmed event's fence id from the service's answer: with the bakery
+// renamed "Home", both fences' events still match their own truth.
+TEST(SimScore, TellsFencesOfOneNameApartByTheIdTheServiceNamed) {
+  Scratch scratch("zonaris-sim-test");
+  json fences = json::parse(slurp(ZONARIS_EXAMPLES_DIR "/fences.json"));
+  for (auto& fence : fences)
+    fence["name"] = fence["name"] == "Corner Bakery" ? "Home" : fence["name"];
+  const std::string scoreFile = scratch.path("score.json");
+  const Outcome run =
+      sim("--trace examples/walk.csv --fences @fences --score @score", scratch,
+          {{"@fences", scratch.file("fences.json", fences.dump())}, {"@score", scoreFile}});
+  ASSERT_EQ(run.status, 0) << run.err;
+  const json score = json::parse(slurp(scoreFile));
+  std::string matched;
+  for (const auto& m : score["matched"])
+    matched += fmt::format("{} {} {}; ", m["fence"].get<std::string>(), m["id"].get<int>(),
+                           m["type"].get<std::string>());
+  EXPECT_EQ(matched, "Home 101 entry; Home 101 exit; Home 102 entry; Home 102 dwell; ");
+  EXPECT_EQ(score["false"].size() + score["missed"].size(), 0u);
+}
+
 // A day at three places 600 m apart, with a flapping service for an hour and a two-hour outage.
 TEST(SimSoak, ADayOfOutagesLosesOnlyVisitsTheServiceCouldNeverSee) {
   constexpr double hour = 3600, minute = 60;

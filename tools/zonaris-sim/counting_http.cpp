@@ -72,22 +72,30 @@ platform::HttpResponse CountingHttpClient::send(const platform::HttpRequest& req
       ++unconfirmed_;
     freshCatalogue_ = false;
   }
-  if (exchange == Exchange::Observation && !response.transportError)
-    answered_[std::this_thread::get_id()] = std::move(events);
+  if (exchange == Exchange::Observation && !response.transportError) {
+    if (events.empty())
+      answered_.erase(std::this_thread::get_id());
+    else
+      answered_[std::this_thread::get_id()] = std::move(events);
+  }
   return response;
 }
 
 std::int64_t CountingHttpClient::takeConfirmed(const std::string& type,
                                                const std::function<bool(std::int64_t)>& fits) {
   std::lock_guard lock(mutex_);
-  auto& events = answered_[std::this_thread::get_id()];
-  while (!events.empty()) {
-    const Answered next = std::move(events.front());
-    events.pop_front();
-    if (next.type == type && fits(next.id))
-      return next.id;
+  const auto it = answered_.find(std::this_thread::get_id());
+  std::int64_t id = 0;
+  bool found = false;
+  while (it != answered_.end() && !it->second.empty() && !found) {
+    const Answered next = std::move(it->second.front());
+    it->second.pop_front();
+    found = next.type == type && fits(next.id);
+    id = found ? next.id : 0;
   }
-  return 0;
+  if (it != answered_.end() && it->second.empty())
+    answered_.erase(it);
+  return id;
 }
 
 std::uint64_t CountingHttpClient::unconfirmedObservations() const {
