@@ -19,6 +19,11 @@
 // batching the fixes of several ticks travel in one callback. Random draws are keyed by the
 // seed and the tick's virtual time (counter-based), not taken from a running sequence, so a
 // fix's error does not depend on how many fixes came before it.
+//
+// In the coarse setting the model's idle fixes decide what a tick has to offer: the receiver's
+// fix (as above), nothing, or a network position. Network positions have their own rhythm, at
+// most one a minute whatever the settings do, and their own draws (a different key), so that
+// choosing them changes no fix taken at the best accuracy.
 #include "zonaris/sim/location_manager.hpp"
 
 #include <algorithm>
@@ -46,6 +51,8 @@ struct SimLocationManager::State {
   // The last position the satellite receiver worked out, delivered or not: what a stale first
   // fix repeats.
   std::optional<platform::Location> lastKnown;
+  // When the last network position was worked out (network idle fixes only).
+  std::optional<platform::Duration> lastNetworkFix;
   std::uint64_t fixesDelivered = 0;
   DeviceModel model;
   std::vector<platform::Location> batch;  // fixes waiting to travel together
@@ -127,12 +134,24 @@ void applyModel(const DeviceModel& model, platform::Duration elapsed, platform::
   }
 }
 
-}  // namespace
+// Keys the draws of network positions apart from those of the receiver's fixes.
+constexpr std::uint64_t kNetworkKey = 0x6E6574776F726B31ull;
 
-bool DeviceModel::ideal() const {
-  return fixDelay == std::chrono::seconds(1) && !staleFirst && noise <= 0.0 && outlierRate <= 0.0 &&
-         batch <= 1;
+// The network position the phone works out of the true position at `elapsed`: an accuracy
+// drawn log-uniformly from its range, and an error whose 68 % radius is that accuracy.
+void networkFix(const DeviceModel& model, platform::Duration elapsed, platform::Location& fix) {
+  FixRandom random(model.seed ^ kNetworkKey, elapsed);
+  const double accuracy =
+      kNetworkAccuracyMin * std::pow(kNetworkAccuracyMax / kNetworkAccuracyMin, random.uniform());
+  const double sigma = accuracy / kRadius68PerSigma;
+  const double east = sigma * random.normal();
+  const double north = sigma * random.normal();
+  displace(fix, east, north);
+  fix.horizontalAccuracy = accuracy;
+  fix.speed = -1.0;  // a network position measures no speed
 }
+
+}  // namespace
 
 // Starts a new chain (the caller holds the state's mutex).
 void SimLocationManager::restartLocationChain(const std::shared_ptr<State>& state) {
@@ -204,7 +223,17 @@ void SimLocationManager::locationTick(const std::weak_ptr<State>& weak, std::uin
     const auto elapsed = scheduler->elapsed();
     platform::Location fix = state->trace->at(secondsSinceStart(*scheduler));
     fix.timestamp = scheduler->now();
-    applyModel(state->model, elapsed, fix);
+    const bool idle = state->accuracy == platform::Accuracy::ThreeKilometers;
+    if (idle && state->model.idleFixes == IdleFixes::None)
+      return;
+    if (idle && state->model.idleFixes == IdleFixes::Network) {
+      if (state->lastNetworkFix && elapsed - *state->lastNetworkFix < kNetworkFixEvery)
+        return;
+      state->lastNetworkFix = elapsed;
+      networkFix(state->model, elapsed, fix);
+    } else {
+      applyModel(state->model, elapsed, fix);
+    }
     if (state->accuracy == platform::Accuracy::BestForNavigation)
       state->lastKnown = fix;
     const bool filtered = state->distanceFilter >= 0.0;

@@ -1,4 +1,5 @@
-// Reading traces (GPX 1.1 and CSV) and the position of the device at any moment of one.
+// Reading traces (GPX 1.0/1.1 and CSV), timed or at a pace, and the position of the device at any
+// moment of one.
 #include "zonaris/sim/trace.hpp"
 
 #include <algorithm>
@@ -188,7 +189,7 @@ void collect(const pugi::xml_node& node, std::string_view name, std::vector<pugi
 
 }  // namespace
 
-Trace Trace::parseGpx(std::string_view text, const std::string& name) {
+Trace Trace::parseGpx(std::string_view text, const std::string& name, std::optional<double> pace) {
   pugi::xml_document doc;
   const auto parsed = doc.load_buffer(text.data(), text.size(), pugi::parse_default);
   if (!parsed)
@@ -204,7 +205,8 @@ Trace Trace::parseGpx(std::string_view text, const std::string& name) {
   std::vector<pugi::xml_node> nodes;
   collect(root, "trkpt", nodes);
   if (nodes.empty()) {
-    // A route or a set of waypoints is a trip only when every point says when it was there.
+    // A route or a set of waypoints is a trip when every point says when it was there, or at a
+    // pace.
     collect(root, "rtept", nodes);
     if (nodes.empty())
       collect(root, "wpt", nodes);
@@ -228,25 +230,29 @@ Trace Trace::parseGpx(std::string_view text, const std::string& name) {
     p.latitude = *lat;
     p.longitude = *lon;
 
-    const auto timeNode = child(node, "time");
-    if (!timeNode) {
-      fail(name, at,
-           fmt::format("<{}> has no <time>; a trace needs the time of every point", kind));
+    if (!pace) {
+      const auto timeNode = child(node, "time");
+      if (!timeNode) {
+        fail(name, at,
+             fmt::format("<{}> has no <time>; a trace needs the time of every point, or --pace "
+                         "M/S to replay it at that speed",
+                         kind));
+      }
+      const auto time = parseIsoTime(timeNode.child_value());
+      if (!time) {
+        fail(name, line(timeNode),
+             fmt::format("<time> \"{}\" is not an ISO 8601 date and time",
+                         std::string(trim(timeNode.child_value()))));
+      }
+      if (trace.points_.empty()) {
+        firstInstant = time->instant;
+        trace.startTime_ = time->local;
+      } else if (time->instant < previous) {
+        fail(name, line(timeNode), "times must not go back");
+      }
+      previous = time->instant;
+      p.t = std::chrono::duration<double>(time->instant - firstInstant).count();
     }
-    const auto time = parseIsoTime(timeNode.child_value());
-    if (!time) {
-      fail(name, line(timeNode),
-           fmt::format("<time> \"{}\" is not an ISO 8601 date and time",
-                       std::string(trim(timeNode.child_value()))));
-    }
-    if (trace.points_.empty()) {
-      firstInstant = time->instant;
-      trace.startTime_ = time->local;
-    } else if (time->instant < previous) {
-      fail(name, line(timeNode), "times must not go back");
-    }
-    previous = time->instant;
-    p.t = std::chrono::duration<double>(time->instant - firstInstant).count();
 
     if (const auto hdopNode = child(node, "hdop")) {
       const auto hdop = parseNumber(hdopNode.child_value());
@@ -273,10 +279,12 @@ Trace Trace::parseGpx(std::string_view text, const std::string& name) {
     checkPoint(p, name, at);
     trace.points_.push_back(p);
   }
+  if (pace)
+    trace.timeByPace(*pace);
   return trace;
 }
 
-Trace Trace::parseCsv(std::string_view text, const std::string& name) {
+Trace Trace::parseCsv(std::string_view text, const std::string& name, std::optional<double> pace) {
   Trace trace;
   double firstT = 0.0;
   std::size_t lineNumber = 0;
@@ -341,10 +349,31 @@ Trace Trace::parseCsv(std::string_view text, const std::string& name) {
   }
   if (trace.points_.empty())
     fail(name, std::max<std::size_t>(lineNumber, 1), "no points in this trace");
+  if (pace)
+    trace.timeByPace(*pace);
   return trace;
 }
 
-Trace Trace::load(const std::string& path) {
+void Trace::timeByPace(double metresPerSecond) {
+  startTime_.reset();
+  double t = 0.0;
+  for (std::size_t i = 0; i < points_.size(); ++i) {
+    auto& p = points_[i];
+    if (i > 0) {
+      const auto& q = points_[i - 1];
+      platform::Location from, to;
+      from.latitude = q.latitude;
+      from.longitude = q.longitude;
+      to.latitude = p.latitude;
+      to.longitude = p.longitude;
+      t += from.distanceFrom(to) / metresPerSecond;
+    }
+    p.t = t;
+    p.speed = metresPerSecond;
+  }
+}
+
+Trace Trace::load(const std::string& path, std::optional<double> pace) {
   std::ifstream in(path, std::ios::binary);
   if (!in)
     throw InputError(fmt::format("{}: cannot be opened", path));
@@ -356,7 +385,7 @@ Trace Trace::load(const std::string& path) {
     extension = path.substr(dot + 1);
   std::transform(extension.begin(), extension.end(), extension.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return extension == "gpx" ? parseGpx(text, path) : parseCsv(text, path);
+  return extension == "gpx" ? parseGpx(text, path, pace) : parseCsv(text, path, pace);
 }
 
 double Trace::duration() const {

@@ -124,6 +124,34 @@ TEST(TraceFiles, GpxDialectsYieldTheSamePoints) {
   }
 }
 
+// A planned route and an untimed track, replayed at a pace: each point's time is the distance
+// along the points so far over the pace; times the file gives are ignored.
+TEST(TraceFiles, RoutesAndUntimedTracksReplayAtAPace) {
+  // About 110.6 m north, then about 200 m east.
+  const char* route = R"(<gpx version="1.1"><rte>
+      <rtept lat="10" lon="20"/><rtept lat="10.001" lon="20"><time>2030-01-01T00:00:00Z</time>
+      </rtept><rtept lat="10.001" lon="20.0018262"/></rte></gpx>)";
+  const char* untimed = R"(<gpx><trk><trkseg><trkpt lat="10" lon="20"/>
+      <trkpt lat="10.001" lon="20"/><trkpt lat="10.001" lon="20.0018262"/></trkseg></trk></gpx>)";
+  for (const char* text : {route, untimed}) {
+    const auto trace = Trace::parseGpx(text, "planned.gpx", 2.0);
+    const auto& p = trace.points();
+    ASSERT_EQ(p.size(), 3u) << text;
+    EXPECT_EQ(p[0].t, 0.0);
+    const double north = trace.at(0).distanceFrom(trace.at(p[1].t));
+    const double east = trace.at(p[1].t).distanceFrom(trace.at(p[2].t));
+    EXPECT_NEAR(north, 110.6, 0.1);
+    EXPECT_NEAR(east, 200.0, 1.0);
+    EXPECT_DOUBLE_EQ(p[1].t, north / 2.0);
+    EXPECT_DOUBLE_EQ(p[2].t - p[1].t, east / 2.0);
+    EXPECT_EQ(trace.at(p[1].t / 2).speed, 2.0);
+    EXPECT_FALSE(trace.startTime());
+  }
+  // A CSV trace always has times; a pace replaces them as well.
+  EXPECT_DOUBLE_EQ(Trace::parseCsv("0,10,20\n5,10.001,20\n", "t.csv", 2.0).points()[1].t,
+                   Trace::parseGpx(untimed, "u.gpx", 2.0).points()[1].t);
+}
+
 // Unreadable input names the file and the line: {file name, whose extension says how it is
 // read; text; the message after "name:"}.
 TEST(BrokenInputs, NameTheFileAndLine) {
@@ -133,7 +161,8 @@ TEST(BrokenInputs, NameTheFileAndLine) {
       {"trip.gpx", "<kml/>", "1: not a GPX file: the root element is <kml>"},
       {"trip.gpx", "<gpx>\n</gpx>", "1: no track points (<trkpt>) in this GPX file"},
       {"trip.gpx", "<gpx>\n<rte><rtept lat=\"1\" lon=\"2\"/></rte></gpx>",
-       "2: <rtept> has no <time>; a trace needs the time of every point"},
+       "2: <rtept> has no <time>; a trace needs the time of every point, or --pace M/S to "
+       "replay it at that speed"},
       {"trip.gpx",
        "<gpx>\n<trkpt lat=\"1\" lon=\"2\"><time>2026-01-01T00:00:10Z</time></trkpt>\n"
        "<trkpt lat=\"1\" lon=\"2\"><time>2026-01-01T01:00:05+01:00</time></trkpt></gpx>",
@@ -317,6 +346,74 @@ TEST_F(SimLocationManagerTest, StaleFirstRepeatsTheReceiversLastFixOnSharpening)
   EXPECT_EQ(stale.timestamp, scheduler->start() + 3s);
   EXPECT_EQ(stale.latitude, listener->all[1].latitude);
   EXPECT_EQ(stale.horizontalAccuracy, kStaleFixAccuracy);
+}
+
+// Between samples the coarse setting delivers what the model's idle fixes say: the receiver's
+// fixes past the filter, network positions at most once a minute, or nothing at all.
+TEST_F(SimLocationManagerTest, IdleFixesDecideWhatTheCoarseSettingDelivers) {
+  // Back and forth along the 110 m of the test walk, for an hour.
+  std::string csv;
+  for (int leg = 0; leg <= 36; ++leg)
+    csv += fmt::format("{},{},7,6\n", leg * 100, leg % 2 ? 45.001 : 45.0);
+  manager->setTrace(std::make_shared<const Trace>(Trace::parseCsv(csv, "to-and-fro.csv")));
+  const struct {
+    IdleFixes idle;
+    std::size_t fewest, most;
+  } cases[] = {{IdleFixes::Gnss, 100, 200}, {IdleFixes::Network, 2, 61}, {IdleFixes::None, 0, 0}};
+  for (const auto& c : cases) {
+    listener->fixTimes.clear();
+    listener->all.clear();
+    manager->setDeviceModel({.seed = 5, .idleFixes = c.idle});
+    manager->setDistanceFilter(30.0);
+    manager->startUpdatingLocation();
+    scheduler->runFor(3600s);
+    manager->stopUpdatingLocation();
+    const auto n = listener->fixTimes.size();
+    EXPECT_TRUE(n >= c.fewest && n <= c.most) << static_cast<int>(c.idle) << ": " << n;
+    for (std::size_t i = 1; c.idle == IdleFixes::Network && i < n; ++i)
+      EXPECT_GE(listener->fixTimes[i] - listener->fixTimes[i - 1], 60.0);
+    for (const auto& fix : listener->all) {
+      if (c.idle != IdleFixes::Network)
+        continue;
+      EXPECT_TRUE(fix.horizontalAccuracy >= kNetworkAccuracyMin &&
+                  fix.horizontalAccuracy <= kNetworkAccuracyMax)
+          << fix.horizontalAccuracy;
+      EXPECT_LT(fix.distanceFrom({45.0005, 7.0}), 60.0 + 4.0 * fix.horizontalAccuracy);
+    }
+  }
+  // At the best accuracy every kind delivers the receiver's fixes, every second.
+  manager->setDeviceModel({.idleFixes = IdleFixes::None});
+  listener->fixTimes.clear();
+  manager->startUpdatingLocation();
+  fine();
+  scheduler->runFor(3500ms);
+  EXPECT_EQ(listener->fixTimes.size(), 3u);
+}
+
+// Network positions claim what they are: over many, about 68 % lie within their accuracy, and
+// the accuracies spread over their whole range.
+TEST(DeviceModel, NetworkPositionsErrMatchesTheirAccuracy) {
+  auto scheduler = std::make_shared<Scheduler>(defaultStartTime());
+  auto manager = std::make_shared<SimLocationManager>(scheduler);
+  auto listener = std::make_shared<RecordingListener>(*scheduler);
+  manager->setTrace(std::make_shared<const Trace>(Trace::parseCsv("0,45,7,6\n", "still.csv")));
+  manager->setDelegate(listener);
+  manager->setDeviceModel({.seed = 9, .idleFixes = IdleFixes::Network});
+  manager->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
+  manager->setDistanceFilter(0.0);
+  manager->startUpdatingLocation();
+  scheduler->runFor(std::chrono::hours(40));
+  const auto& fixes = listener->all;
+  ASSERT_GE(fixes.size(), 2000u);
+  std::size_t within = 0, fine = 0, coarse = 0;
+  for (const auto& f : fixes) {
+    within += f.distanceFrom({45.0, 7.0}) <= f.horizontalAccuracy;
+    fine += f.horizontalAccuracy < 100.0;
+    coarse += f.horizontalAccuracy > 1000.0;
+  }
+  EXPECT_NEAR(static_cast<double>(within) / static_cast<double>(fixes.size()), 0.68, 0.04);
+  EXPECT_GT(fine, fixes.size() / 4);
+  EXPECT_GT(coarse, fixes.size() / 20);
 }
 
 // Every fix of `seconds` seconds standing at (45, 7) with 6 m accuracy.

@@ -197,12 +197,48 @@ TEST(SimContract, JsonLinesArgumentShapesAndRequestsAgainstAScriptedService) {
 // Bad input: status 2, nothing on stdout and one line on stderr naming the problem. In the
 // arguments "@trace", "@fences", "@bad" and "@missing" stand for a good trace, good fences, a
 // file of garbage and a path that does not exist, "@ok" for a good trace and fences.
+// A planned route from home to the bakery of the example fences, without times.
+constexpr const char* kRoute = R"(<gpx version="1.1"><rte><name>To the bakery</name>
+  <rtept lat="48.1371540" lon="11.5761240"/><rtept lat="48.1371540" lon="11.5800000"/>
+  <rtept lat="48.1394900" lon="11.5844700"/></rte></gpx>)";
+
+// A preset is its options, and an option given as well wins; a route replays at its pace.
+TEST(SimDevice, PresetsAreTheirOptionsAndARouteRunsAtItsPace) {
+  Scratch scratch("zonaris-sim-test");
+  const std::string walk = "--trace examples/walk.csv --fences examples/fences.json ";
+  const Outcome realistic = sim(walk + "--device realistic", scratch);
+  ASSERT_EQ(realistic.status, 0) << realistic.err;
+  EXPECT_TRUE(
+      realistic.out ==
+      sim(walk + "--noise 10 --stale-first --fix-delay 5 --latency 300 --outliers 0.005", scratch)
+          .out);
+  EXPECT_TRUE(
+      sim(walk, scratch).out ==
+      sim(walk + "--device harsh --noise 0 --fix-delay 1 --outliers 0 --latency 0", scratch).out)
+      << "the design's client hears nothing between samples, whatever comes";
+  EXPECT_FALSE(realistic.out == sim(walk + "--device realistic --stale-first=false", scratch).out);
+
+  const Outcome route = sim("--trace @route --pace 1.4 --until 900 --fences examples/fences.json",
+                            scratch, {{"@route", scratch.file("route.gpx", kRoute)}});
+  ASSERT_EQ(route.status, 0) << route.err;
+  std::string events;
+  for (const auto& line : route.lines) {
+    const json l = json::parse(line);
+    if (l.value("name", "").rfind("event", 0) == 0)
+      events += l["name"].get<std::string>() + " " + l["args"][0].get<std::string>() + "; ";
+  }
+  EXPECT_EQ(events,
+            "eventEnterCallback Home; eventExitCallback Home; eventEnterCallback Corner Bakery; "
+            "eventDwellCallback Corner Bakery; ");
+}
+
 TEST(SimRefuses, BadCommandLinesWithOneErrorLineAndStatusTwo) {
   Scratch scratch("zonaris-sim-test");
   const std::map<std::string, std::string> files = {
       {"@trace", scratch.file("walk.csv", "t,lat,lon\n0,48.1,11.5\n60,48.101,11.5\n")},
       {"@fences", scratch.file("fences.json", "[]")},
       {"@bad", scratch.file("bad.gpx", "<gpx><trk><trkseg><trkpt lat=\"x\"")},
+      {"@route", scratch.file("route.gpx", kRoute)},
       {"@missing", scratch.path("no-such-file")}};
   const std::pair<const char*, const char*> cases[] = {
       // arguments, what the error names
@@ -223,6 +259,10 @@ TEST(SimRefuses, BadCommandLinesWithOneErrorLineAndStatusTwo) {
       {"@ok --outage-kind down", "--outage-kind"},
       {"@ok --outliers 2", "--outliers"},
       {"--trace @trace --service http://127.0.0.1:9 --score @missing", "--score"},
+      {"@ok --device fast", "--device"},
+      {"@ok --idle-fixes wifi", "--idle-fixes"},
+      {"@ok --pace 0", "--pace"},
+      {"--trace @route --fences @fences", "--pace"},
   };
   for (const auto& [args, mentions] : cases) {
     const Outcome run =
@@ -250,8 +290,9 @@ TEST(SimScore, ARealisticWalkIsReproducibleAndTheTimelineMarksWhatTheScoreFound)
   EXPECT_TRUE(first.out == second.out && firstScore == slurp(scoreFile)) << "same seed, same bytes";
 
   const json score = json::parse(firstScore);
-  for (const char* key : {"truth", "matched", "missed", "false", "latency", "hours", "fixes",
-                          "requests_per_hour", "lost_visits", "baseline_15s"})
+  for (const char* key :
+       {"truth", "matched", "missed", "false", "optional", "unconfirmed_observations", "latency",
+        "hours", "fixes", "requests_per_hour", "lost_visits", "baseline_15s"})
     EXPECT_TRUE(score.contains(key)) << key;
   // Home (from the start) and left; the bakery entered and, inside the outage, dwelled in.
   EXPECT_EQ(score["truth"].size(), 4u);
@@ -273,6 +314,170 @@ TEST(SimScore, ARealisticWalkIsReproducibleAndTheTimelineMarksWhatTheScoreFound)
   }
   EXPECT_EQ(falseMarks, score["false"].size());
   EXPECT_EQ(missedLines, score["missed"].size());
+}
+
+// How the score judges confirmations, on a day that visits the second of two fences named
+// alike (ids 1 and 2, 2 km apart) at the times each case gives.
+TEST(SimScore, JudgesEachConfirmationByFenceIdWithinItsWindow) {
+  struct Case {
+    const char* name;
+    std::vector<std::pair<double, double>> visits;  // to fence 2, in seconds
+    std::vector<sim_tool::FenceEvent> confirmed;
+    std::vector<sim::Outage> outages;
+    std::size_t matched, missed, falseEvents, optionalHeard;
+    std::vector<double> latencies;  // of the matches, by true time
+  };
+  using E = sim_tool::FenceEvent;
+  const Case cases[] = {
+      {"both ends heard",
+       {{200, 400}},
+       {{2, "", "entry", 215}, {2, "", "exit", 420}},
+       {},
+       2,
+       0,
+       0,
+       0,
+       {15, 20}},
+      {"a false visit long after does not absorb a missed one",
+       {{200, 400}},
+       {{2, "", "entry", 2500}, {2, "", "exit", 2510}},
+       {},
+       0,
+       2,
+       2,
+       0,
+       {}},
+      {"the other fence of that name is another fence",
+       {{200, 400}},
+       {{1, "", "entry", 215}, {2, "", "entry", 216}},
+       {},
+       1,
+       1,
+       1,
+       0,
+       {16}},
+      {"an entry told after the device left is false, not late",
+       {{200, 400}},
+       {{2, "", "entry", 450}, {2, "", "exit", 460}},
+       {},
+       1,
+       1,
+       1,
+       0,
+       {60}},
+      {"at most fifteen minutes late", {{200, 3000}}, {{2, "", "entry", 1101}}, {}, 0, 2, 1, 0, {}},
+      {"counted from the end of an outage",
+       {{200, 3000}},
+       {{2, "", "entry", 1101}},
+       {{100, 600}},
+       1,
+       1,
+       0,
+       0,
+       {901}},
+      {"up to 30 s early, at no latency",
+       {{200, 3000}},
+       {{2, "", "entry", 175}},
+       {},
+       1,
+       1,
+       0,
+       0,
+       {0}},
+      {"too early", {{200, 3000}}, {{2, "", "entry", 165}}, {}, 0, 2, 1, 0, {}},
+      {"told twice",
+       {{200, 3000}},
+       {{2, "", "entry", 205}, {2, "", "entry", 215}},
+       {},
+       1,
+       1,
+       1,
+       0,
+       {5}},
+      {"a short visit, not heard", {{200, 260}}, {}, {}, 0, 0, 0, 0, {}},
+      {"a short visit, heard",
+       {{200, 260}},
+       {{2, "", "entry", 210}, {2, "", "exit", 270}},
+       {},
+       0,
+       0,
+       0,
+       2,
+       {}},
+      {"a short absence is optional too",
+       {{200, 1000}, {1060, 2000}},
+       {{2, "", "entry", 205}, {2, "", "exit", 2010}},
+       {},
+       2,
+       0,
+       0,
+       0,
+       {5, 10}},
+  };
+  // Fence 2 at the origin, fence 1 2 km north; the device waits 500 m south between visits.
+  auto lat = [](double north) { return 48.1 + north / 6378137.0 * 180.0 / std::acos(-1.0); };
+  auto fence = [&](int id, double north) {
+    return json{{"id", id},
+                {"name", "Shop"},
+                {"type", "point"},
+                {"radius", 50},
+                {"location", fmt::format("POINT (11.5 {:.8f})", lat(north))},
+                {"_event_types", {"entry", "exit"}}};
+  };
+  std::string error;
+  const auto fences =
+      service_tool::parseFences(json::array({fence(1, 2000), fence(2, 0)}), "shops", error);
+  ASSERT_TRUE(fences) << error;
+  for (const auto& c : cases) {
+    std::string csv = fmt::format("0,{:.8f},11.5\n", lat(-500));
+    for (const auto& [from, to] : c.visits) {
+      csv += fmt::format("{},{:.8f},11.5\n{},{:.8f},11.5\n", from - 0.5, lat(-500), from, lat(0));
+      csv += fmt::format("{},{:.8f},11.5\n{},{:.8f},11.5\n", to - 0.5, lat(0), to, lat(-500));
+    }
+    sim_tool::ScoreInputs inputs;
+    inputs.trace = std::make_shared<const sim::Trace>(sim::Trace::parseCsv(csv, "visits.csv"));
+    inputs.fences = *fences;
+    inputs.seconds = 4000;
+    inputs.outages = c.outages;
+    sim_tool::RunRecord run;
+    for (E e : c.confirmed) {
+      e.fence = "Shop";
+      run.confirmed.push_back(e);
+    }
+    const auto score = sim_tool::score(inputs, run);
+    EXPECT_EQ(score["matched"].size(), c.matched) << c.name;
+    EXPECT_EQ(score["missed"].size(), c.missed) << c.name;
+    EXPECT_EQ(score["false"].size(), c.falseEvents) << c.name;
+    std::size_t heard = 0;
+    for (const auto& o : score["optional"])
+      heard += !o["t"].is_null();
+    EXPECT_EQ(heard, c.optionalHeard) << c.name;
+    std::vector<double> latencies;
+    for (const auto& m : score["matched"])
+      latencies.push_back(m["latency"]);
+    EXPECT_EQ(latencies, c.latencies) << c.name;
+  }
+}
+
+// The simulator takes each confirmed event's fence id from the service's answer: with the bakery
+// renamed "Home", both fences' events still match their own truth.
+TEST(SimScore, TellsFencesOfOneNameApartByTheIdTheServiceNamed) {
+  Scratch scratch("zonaris-sim-test");
+  json fences = json::parse(slurp(ZONARIS_EXAMPLES_DIR "/fences.json"));
+  for (auto& fence : fences)
+    fence["name"] = fence["name"] == "Corner Bakery" ? "Home" : fence["name"];
+  const std::string scoreFile = scratch.path("score.json");
+  const Outcome run =
+      sim("--trace examples/walk.csv --fences @fences --score @score", scratch,
+          {{"@fences", scratch.file("fences.json", fences.dump())}, {"@score", scoreFile}});
+  ASSERT_EQ(run.status, 0) << run.err;
+  const json score = json::parse(slurp(scoreFile));
+  std::string matched;
+  for (const auto& m : score["matched"])
+    matched += fmt::format("{} {} {}; ", m["fence"].get<std::string>(), m["id"].get<int>(),
+                           m["type"].get<std::string>());
+  EXPECT_EQ(matched, "Home 101 entry; Home 101 exit; Home 102 entry; Home 102 dwell; ");
+  EXPECT_EQ(score["false"].size() + score["missed"].size(), 0u);
 }
 
 // A day at three places 600 m apart, with a flapping service for an hour and a two-hour outage.

@@ -39,6 +39,7 @@ struct Options {
   std::string trace, fences, out;
   std::optional<std::string> beacons, score, start, title;
   std::optional<std::pair<int, int>> silence;
+  std::optional<double> pace;
 };
 
 std::string readWhole(const std::string& path) {
@@ -52,7 +53,7 @@ std::string readWhole(const std::string& path) {
 
 ReportInputs readInputs(const Options& o) {
   ReportInputs in;
-  in.trace = sim::Trace::load(o.trace);
+  in.trace = sim::Trace::load(o.trace, o.pace);
   if (in.trace.points().empty())
     throw sim::InputError(o.trace + ": the trace has no points");
 
@@ -163,6 +164,10 @@ int run(int argc, char** argv) {
       app.add_option("--silence", silence, "the client's silence window: START STOP hours")
           ->check(CLI::Range(0, 23));
   auto* titleOpt = app.add_option("--title", title, "the page's title");
+  double pace = 0.0;
+  auto* paceOpt =
+      app.add_option("--pace", pace, "the pace the run replayed the trace at (zonaris-sim --pace)")
+          ->check(CLI::Range(0.01, 1000.0));
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -182,6 +187,8 @@ int run(int argc, char** argv) {
     o.silence = silence;
   if (titleOpt->count())
     o.title = title;
+  if (paceOpt->count())
+    o.pace = pace;
 
   const auto wallStart = std::chrono::steady_clock::now();
   try {

@@ -2,6 +2,7 @@
 // embedded reference service (sharing the virtual clock) or an external one, and prints every
 // log line and delegate callback as JSON lines on stdout. A short summary goes to stderr.
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -23,11 +24,13 @@
 namespace zonaris::sim_tool {
 namespace {
 
-/// Hands every callback on to the JSON lines and keeps the confirmed events for the score.
+/// Hands every callback on to the JSON lines and keeps the confirmed events for the score,
+/// each with its fence's id as `idOf` finds it from the type and the fence's name.
 class EventRecorder final : public ZonarisDelegate {
  public:
-  EventRecorder(JsonLinesWriter& writer, std::function<double()> elapsedSeconds)
-      : lines_(writer), elapsedSeconds_(std::move(elapsedSeconds)) {}
+  using IdOf = std::function<std::int64_t(const std::string& type, const std::string& name)>;
+  EventRecorder(JsonLinesWriter& writer, std::function<double()> elapsedSeconds, IdOf idOf)
+      : lines_(writer), elapsedSeconds_(std::move(elapsedSeconds)), idOf_(std::move(idOf)) {}
 
   void updatedInitLocation(const platform::Location& l) override { lines_.updatedInitLocation(l); }
   void updatedDistanceToNearestFence(double distance, bool inside) override {
@@ -65,12 +68,14 @@ class EventRecorder final : public ZonarisDelegate {
 
  private:
   void record(const std::optional<std::string>& name, const char* type) {
+    const std::int64_t id = idOf_(type, name.value_or(""));
     std::lock_guard lock(mutex_);
-    events_.push_back(FenceEvent{0, name.value_or(""), type, elapsedSeconds_()});
+    events_.push_back(FenceEvent{id, name.value_or(""), type, elapsedSeconds_()});
   }
 
   JsonLinesDelegate lines_;
   std::function<double()> elapsedSeconds_;
+  IdOf idOf_;
   mutable std::mutex mutex_;
   std::vector<FenceEvent> events_;
 };
@@ -88,6 +93,7 @@ bool writeScore(const Options& o, const Inputs& in, const EventRecorder& recorde
   RunRecord run;
   run.confirmed = recorder.events();
   run.fixesTaken = location ? location->fixesTaken() : 0;
+  run.unconfirmedObservations = http.unconfirmedObservations();
   const auto counts = http.counts();
   for (std::size_t k = 0; k < kRequestKinds; ++k)
     run.requests[k] = counts[k].sent;  // Exchange and RequestKind share their order
@@ -147,12 +153,17 @@ void printSummary(const Options& o, const Inputs& in, const JsonLinesWriter& wri
   if (network)
     text +=
         fmt::format("  network:  {} exchange(s) turned away by an outage\n", network->refused());
-  if (score)
+  if (score) {
+    const auto& optional = (*score)["optional"];
+    const auto heard = std::count_if(optional.begin(), optional.end(),
+                                     [](const auto& o) { return !o["t"].is_null(); });
     text += fmt::format(
-        "  score:    {} true events: {} matched, {} missed ({} visit(s) lost in an outage), {} "
-        "false; written to {}\n",
-        (*score)["truth"].size(), (*score)["matched"].size(), (*score)["missed"].size(),
-        (*score)["lost_visits"].get<int>(), (*score)["false"].size(), *o.score);
+        "  score:    {} true events ({} optional, {} of them heard): {} matched, {} missed ({} "
+        "visit(s) lost in an outage), {} false; {} observation(s) not confirmed; written to {}\n",
+        (*score)["truth"].size(), optional.size(), heard, (*score)["matched"].size(),
+        (*score)["missed"].size(), (*score)["lost_visits"].get<int>(), (*score)["false"].size(),
+        (*score)["unconfirmed_observations"].get<std::uint64_t>(), *o.score);
+  }
   std::fputs(text.c_str(), stderr);
 }
 
@@ -168,7 +179,23 @@ int run(const Options& o) {
 
   auto elapsed = [&simRun] { return simRun.elapsedSeconds(); };
   JsonLinesWriter writer(stdout, elapsed);
-  auto recorder = std::make_shared<EventRecorder>(writer, elapsed);
+  // The answer the client is confirming names the fence by id; its name tells which event of
+  // the answer a callback stands for.
+  auto idOf = [&simRun, &in](const std::string& type, const std::string& name) -> std::int64_t {
+    if (!simRun.started())
+      return 0;
+    return simRun.http().takeConfirmed(type, [&](std::int64_t id) {
+      if (in.scoreFences.empty())
+        return true;
+      return std::any_of(
+          in.scoreFences.begin(), in.scoreFences.end(), [&](const service_tool::Fence& f) {
+            const auto it = f.record.find("name");
+            return f.id == id && (it != f.record.end() && it->is_string() ? it->get<std::string>()
+                                                                          : std::string()) == name;
+          });
+    });
+  };
+  auto recorder = std::make_shared<EventRecorder>(writer, elapsed, idOf);
   if (auto error =
           simRun.start(recorder, [&writer](std::string_view line) { writer.logLine(line); })) {
     std::fprintf(stderr, "zonaris-sim: %s\n", error->message.c_str());

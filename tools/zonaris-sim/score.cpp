@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <limits>
 #include <map>
+#include <utility>
 
 #include "zonaris-service/event_rules.hpp"
 
@@ -63,7 +65,10 @@ struct Stay {
 };
 
 ordered_json eventJson(const FenceEvent& e) {
-  return ordered_json{{"fence", e.fence}, {"id", e.id}, {"type", e.type}, {"t", milliseconds(e.t)}};
+  ordered_json out{{"fence", e.fence}, {"id", e.id}, {"type", e.type}, {"t", milliseconds(e.t)}};
+  if (e.optional)
+    out["optional"] = true;
+  return out;
 }
 
 ordered_json latencyFigures(std::vector<double> values) {
@@ -91,6 +96,46 @@ bool inOutage(const ScoreInputs& inputs, double t) {
                      [&](const sim::Outage& o) { return o.contains(t); });
 }
 
+// When the service can first hear of something that happened at `t`: at once, or when the
+// outage that holds `t` ends.
+double heardFrom(const ScoreInputs& inputs, double t) {
+  double from = t;
+  for (const auto& o : inputs.outages) {
+    if (o.contains(t))
+      from = std::max(from, o.end);
+  }
+  return from;
+}
+
+// The times within which a confirmation of each true event counts as its match: from
+// `kEarlyTolerance` before it (not before the fence's previous crossing) until the fence's next
+// crossing, and no later than `kLateLimit` after the service could hear of it.
+std::vector<std::pair<double, double>> matchWindows(const ScoreInputs& inputs,
+                                                    const std::vector<FenceEvent>& truth) {
+  std::vector<std::pair<double, double>> windows(truth.size());
+  for (std::size_t i = 0; i < truth.size(); ++i) {
+    const auto& e = truth[i];
+    double previous = -std::numeric_limits<double>::infinity();
+    double next = std::numeric_limits<double>::infinity();
+    for (std::size_t j = 0; j < truth.size(); ++j) {
+      const auto& o = truth[j];
+      if (o.id != e.id || o.type == "dwell" || j == i)
+        continue;
+      // A dwell lies inside its stay: its previous crossing is the entry, its next the exit.
+      if (o.t < e.t || (o.t == e.t && j < i))
+        previous = std::max(previous, o.t);
+      else
+        next = std::min(next, o.t);
+    }
+    // A dwell counts from the entry as the service heard of it: an entry in an outage moves it.
+    double heard = heardFrom(inputs, e.t);
+    if (e.type == "dwell" && std::isfinite(previous))
+      heard = std::max(heard, heardFrom(inputs, previous) + (e.t - previous));
+    windows[i] = {std::max(e.t - kEarlyTolerance, previous), std::min(next, heard + kLateLimit)};
+  }
+  return windows;
+}
+
 // The figures of one run against the truth; `lostVisits` counts visits lost in an outage.
 ordered_json figures(const ScoreInputs& inputs, const std::vector<FenceEvent>& truth, RunRecord run,
                      int& lostVisits) {
@@ -105,34 +150,30 @@ ordered_json figures(const ScoreInputs& inputs, const std::vector<FenceEvent>& t
                    [](const FenceEvent& a, const FenceEvent& b) { return a.t < b.t; });
 
   std::vector<int> matchOf(truth.size(), -1);  // truth index -> confirmed index
+  const auto windows = matchWindows(inputs, truth);
   ordered_json matched = ordered_json::array(), missed = ordered_json::array(),
-               falseEvents = ordered_json::array();
+               falseEvents = ordered_json::array(), optional = ordered_json::array();
   std::map<std::string, std::vector<double>> latencies;
   for (std::size_t c = 0; c < run.confirmed.size(); ++c) {
     const auto& e = run.confirmed[c];
-    // The latest true event at or before it, unless that one was heard already (then this is
-    // a repeat); else the earliest one just after it.
-    int best = -1, early = -1;
-    for (std::size_t i = 0; i < truth.size(); ++i) {
+    // The earliest true event not heard of yet whose window holds it; a second confirmation of
+    // one event, or one after the device crossed back, finds none and is false.
+    int best = -1;
+    for (std::size_t i = 0; i < truth.size() && best < 0; ++i) {
       const auto& t = truth[i];
-      if (t.id != e.id || t.type != e.type)
-        continue;
-      if (t.t <= e.t)
-        best = static_cast<int>(i);  // truth is in time order
-      else if (early < 0 && matchOf[i] < 0 && t.t <= e.t + kEarlyTolerance)
-        early = static_cast<int>(i);
+      if (t.id == e.id && t.type == e.type && matchOf[i] < 0 && e.t >= windows[i].first &&
+          e.t < windows[i].second)
+        best = static_cast<int>(i);
     }
-    if (best >= 0 && matchOf[static_cast<std::size_t>(best)] >= 0)
-      best = -1;
-    if (best < 0)
-      best = early;
     if (best < 0) {
       falseEvents.push_back(eventJson(e));
       continue;
     }
     matchOf[static_cast<std::size_t>(best)] = static_cast<int>(c);
     const auto& t = truth[static_cast<std::size_t>(best)];
-    const double latency = e.t - t.t;
+    const double latency = std::max(0.0, e.t - t.t);  // an early confirmation is not late
+    if (t.optional)
+      continue;
     latencies[e.type].push_back(latency);
     matched.push_back(ordered_json{{"fence", e.fence},
                                    {"id", e.id},
@@ -148,6 +189,17 @@ ordered_json figures(const ScoreInputs& inputs, const std::vector<FenceEvent>& t
   lostVisits = 0;
   for (std::size_t i = 0; i < truth.size(); ++i) {
     const auto& t = truth[i];
+    if (t.optional) {
+      const int c = matchOf[i];
+      optional.push_back(ordered_json{
+          {"fence", t.fence},
+          {"id", t.id},
+          {"type", t.type},
+          {"true_t", milliseconds(t.t)},
+          {"t", c >= 0 ? ordered_json(milliseconds(run.confirmed[static_cast<std::size_t>(c)].t))
+                       : ordered_json(nullptr)}});
+      continue;
+    }
     if (matchOf[i] >= 0)
       continue;
     missed.push_back(ordered_json{{"fence", t.fence},
@@ -186,6 +238,8 @@ ordered_json figures(const ScoreInputs& inputs, const std::vector<FenceEvent>& t
   out["matched"] = std::move(matched);
   out["missed"] = std::move(missed);
   out["false"] = std::move(falseEvents);
+  out["optional"] = std::move(optional);
+  out["unconfirmed_observations"] = run.unconfirmedObservations;
   out["latency"] = std::move(latency);
   out["hours"] = std::round(hours * 10000.0) / 10000.0;
   out["fixes"] = ordered_json{{"taken", run.fixesTaken}, {"per_hour", perHour(run.fixesTaken)}};
@@ -212,15 +266,22 @@ std::vector<FenceEvent> groundTruth(const ScoreInputs& inputs) {
       else if (!in && wasIn)
         stays.back().exit = static_cast<double>(s);
     }
-    for (const auto& stay : stays) {
-      events.push_back(FenceEvent{fence.id, name, "entry", stay.entry});
+    for (std::size_t k = 0; k < stays.size(); ++k) {
+      const Stay& stay = stays[k];
+      // A short stay's crossings are optional, and so are those of a short absence between
+      // two stays: a service may well let either pass unconfirmed.
+      const bool shortStay = stay.exit && *stay.exit - stay.entry < kShortVisit;
+      const bool shortBefore = k > 0 && stay.entry - *stays[k - 1].exit < kShortVisit;
+      const bool shortAfter =
+          k + 1 < stays.size() && stay.exit && stays[k + 1].entry - *stay.exit < kShortVisit;
+      events.push_back(FenceEvent{fence.id, name, "entry", stay.entry, shortStay || shortBefore});
       for (const auto window : fence.dwellWindows) {
         const double deadline = stay.entry + window;
         if (deadline <= static_cast<double>(last) && (!stay.exit || deadline < *stay.exit))
-          events.push_back(FenceEvent{fence.id, name, "dwell", deadline});
+          events.push_back(FenceEvent{fence.id, name, "dwell", deadline, shortStay});
       }
       if (stay.exit)
-        events.push_back(FenceEvent{fence.id, name, "exit", *stay.exit});
+        events.push_back(FenceEvent{fence.id, name, "exit", *stay.exit, shortStay || shortAfter});
     }
   }
   std::stable_sort(events.begin(), events.end(),

@@ -32,6 +32,9 @@ struct FenceEvent {
   std::string fence;  ///< its name
   std::string type;
   double t = 0.0;
+  /// A true event that counts neither way: a crossing of a stay, or of an absence between two
+  /// stays, shorter than `kShortVisit`, and the dwells of such a stay.
+  bool optional = false;
 };
 
 /// The exchanges counted per run, in this order.
@@ -43,6 +46,12 @@ struct RunRecord {
   std::vector<FenceEvent> confirmed;
   std::uint64_t fixesTaken = 0;
   std::array<std::uint64_t, kRequestKinds> requests{};
+  /// Observations the service answered without an event although the client had reported
+  /// them for a reason: every answered observation but the first after a fence download (which
+  /// the client sends for the fresh catalogue whatever it sees). The client reports only when
+  /// its view of a fence differs from the last confirmed one, so each is a crossing or a dwell
+  /// the service withheld.
+  std::uint64_t unconfirmedObservations = 0;
 };
 
 /// The true events at 1 s resolution, by time, then fence order: "entry" at the first second
@@ -60,14 +69,25 @@ std::vector<FenceEvent> groundTruth(const ScoreInputs& inputs);
 /// No latency, no outage. It is the yardstick a sampling policy is measured against.
 RunRecord fixedRateBaseline(const ScoreInputs& inputs, double interval);
 
-/// A confirmed event matches the latest true event of the same fence and type at or before it,
-/// unless that one was matched already (a repeat is false); failing that, an unmatched one up
-/// to `kEarlyTolerance` after it, since a noisy fix can cross early. What is left over on either
-/// side is missed or false.
+/// How a confirmed event is judged. It matches the earliest true event not yet matched of the
+/// same fence (by id) and type whose window holds it: from `kEarlyTolerance` before the true
+/// event (a noisy fix can cross early), but not before the fence's previous true crossing,
+/// until the fence's next true crossing (a confirmation after the device crossed back is
+/// wrong, not late), and at most `kLateLimit` after the true event, counted from the end of an
+/// outage that holds it (the service could not hear of it before); for a dwell, also from the
+/// end of an outage that holds its stay's entry plus the dwell window (the service counts the
+/// stay from when it heard of the entry). A confirmed event without
+/// such a match is false; a true event that is not optional and has no match is missed. The
+/// latency of a match is clamped at 0.
 inline constexpr double kEarlyTolerance = 30.0;
+inline constexpr double kLateLimit = 15.0 * 60.0;
+/// Stays and absences shorter than this (seconds) make their crossings optional.
+inline constexpr double kShortVisit = 120.0;
 
-/// The score of a run as JSON: "truth", "matched", "missed", "false", "latency" (per type:
-/// count, median, p95, max, nearest-rank), "hours", "fixes", "requests_per_hour",
+/// The score of a run as JSON: "truth" (optional events marked "optional": true), "matched",
+/// "missed", "false", "optional" (each optional true event with the time it was confirmed, or
+/// null), "unconfirmed_observations", "latency" (per type, of the matches that are not
+/// optional: count, median, p95, max, nearest-rank), "hours", "fixes", "requests_per_hour",
 /// "lost_visits" (visits that began and ended inside one outage, neither end confirmed),
 /// "outages", and "baseline_15s" with the same figures for `fixedRateBaseline(inputs, 15)`.
 /// All times are virtual seconds since the start, to the millisecond.

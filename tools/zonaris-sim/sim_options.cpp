@@ -6,6 +6,13 @@
 
 namespace zonaris::sim_tool {
 
+const DevicePreset& devicePreset(std::string_view name) {
+  static const DevicePreset ideal{1.0, false, 0.0, 0.0, 0.0, "network"};
+  static const DevicePreset realistic{5.0, true, 10.0, 0.005, 300.0, "network"};
+  static const DevicePreset harsh{15.0, false, 25.0, 0.02, 2000.0, "none"};
+  return name == "realistic" ? realistic : name == "harsh" ? harsh : ideal;
+}
+
 std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv) {
   Options o;
   CLI::App app{
@@ -17,7 +24,9 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
   std::pair<int, int> silence{0, 0};
   double until = 0.0;
 
-  app.add_option("--trace", o.trace, "GPX 1.1 or CSV t,lat,lon[,accuracy][,speed] trace")
+  app.add_option("--trace", o.trace,
+                 "GPX 1.0/1.1 or CSV t,lat,lon[,accuracy][,speed] trace (routes and untimed "
+                 "tracks with --pace)")
       ->required()
       ->check(CLI::ExistingFile);
   auto* fencesOpt =
@@ -49,30 +58,55 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
   app.add_option("--system-version", o.systemVersion, "the device's system version")
       ->capture_default_str();
 
-  // The device model and the network; none of them given: the ideal device and network.
+  // The device model and the network: a preset (the ideal device by default), and single
+  // options that override it.
   std::uint64_t seed = o.device.seed;
-  double fixDelay = 1.0, noise = 0.0, outliers = 0.0, latency = 0.0;
+  std::string device = "ideal", idleFixes;
+  double fixDelay = 1.0, noise = 0.0, outliers = 0.0, latency = 0.0, pace = 0.0;
+  bool staleFirst = false;
   int batch = 1;
   std::vector<std::string> outages;
   std::string outageKind = "unreachable", score;
+  app.add_option("--device", device,
+                 "preset of the options below: ideal (exact fixes at once, a network that takes "
+                 "no time), realistic (--noise 10 --stale-first --fix-delay 5 --latency 300 "
+                 "--outliers 0.005) or harsh (--noise 25 --fix-delay 15 --outliers 0.02 "
+                 "--latency 2000 --idle-fixes none); an option given as well wins")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"ideal", "realistic", "harsh"}));
   app.add_option("--seed", seed, "seed of everything random (same seed, same output)")
       ->capture_default_str();
-  app.add_option("--fix-delay", fixDelay, "seconds from arming a sample to the fix")
-      ->capture_default_str()
-      ->check(CLI::Range(0.0, 3600.0));
-  app.add_flag("--stale-first", o.device.staleFirst,
-               "deliver the last cached fix (old time, coarse accuracy) before the real one");
-  app.add_option("--noise", noise, "Gaussian position noise, metres (standard deviation per axis)")
-      ->check(CLI::Range(0.0, 10000.0));
-  app.add_option("--outliers", outliers,
-                 "share of fixes (0 to 1) thrown 200-800 m off while claiming good accuracy")
-      ->check(CLI::Range(0.0, 1.0));
+  auto* fixDelayOpt =
+      app.add_option("--fix-delay", fixDelay, "seconds from arming a sample to the fix")
+          ->check(CLI::Range(0.0, 3600.0));
+  auto* staleFirstOpt =
+      app.add_flag("--stale-first", staleFirst,
+                   "deliver the last cached fix (old time, coarse accuracy) before the real one "
+                   "(--stale-first=false to turn a preset's off)");
+  auto* noiseOpt = app.add_option("--noise", noise,
+                                  "Gaussian position noise, metres (standard deviation per axis)")
+                       ->check(CLI::Range(0.0, 10000.0));
+  auto* outliersOpt =
+      app.add_option("--outliers", outliers,
+                     "share of fixes (0 to 1) thrown 200-800 m off while claiming good accuracy")
+          ->check(CLI::Range(0.0, 1.0));
   app.add_option("--batch", batch, "fixes delivered together in one callback while armed")
       ->capture_default_str()
       ->check(CLI::Range(1, 3600));
-  app.add_option("--latency", latency,
-                 "milliseconds each exchange with the service takes (virtual time)")
-      ->check(CLI::Range(0.0, 600000.0));
+  auto* idleFixesOpt =
+      app.add_option("--idle-fixes", idleFixes,
+                     "what the location service delivers between samples (coarse setting): "
+                     "none, network (positions 30-1500 m off, at most one a minute; the "
+                     "default) or gnss (the receiver's fixes)")
+          ->check(CLI::IsMember({"none", "network", "gnss"}));
+  auto* paceOpt = app.add_option("--pace", pace,
+                                 "metres per second at which to replay the trace's points, "
+                                 "for a route or a track without times (their times ignored)")
+                      ->check(CLI::Range(0.01, 1000.0));
+  auto* latencyOpt =
+      app.add_option("--latency", latency,
+                     "milliseconds each exchange with the service takes (virtual time)")
+          ->check(CLI::Range(0.0, 600000.0));
   app.add_option("--outage", outages,
                  "START-END: seconds since the start during which the service is away "
                  "(repeatable)");
@@ -123,12 +157,32 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
   if (untilOpt->count())
     o.until = until;
 
+  // The preset fills in what was not given.
+  const DevicePreset& preset = devicePreset(device);
+  if (!fixDelayOpt->count())
+    fixDelay = preset.fixDelay;
+  if (!staleFirstOpt->count())
+    staleFirst = preset.staleFirst;
+  if (!noiseOpt->count())
+    noise = preset.noise;
+  if (!outliersOpt->count())
+    outliers = preset.outliers;
+  if (!latencyOpt->count())
+    latency = preset.latency;
+  if (!idleFixesOpt->count())
+    idleFixes = preset.idleFixes;
   o.device.seed = seed;
   o.device.fixDelay =
       std::chrono::round<platform::Duration>(std::chrono::duration<double>(fixDelay));
+  o.device.staleFirst = staleFirst;
   o.device.noise = noise;
   o.device.outlierRate = outliers;
   o.device.batch = batch;
+  o.device.idleFixes = idleFixes == "none"   ? sim::IdleFixes::None
+                       : idleFixes == "gnss" ? sim::IdleFixes::Gnss
+                                             : sim::IdleFixes::Network;
+  if (paceOpt->count())
+    o.pace = pace;
   o.network.latency =
       std::chrono::round<platform::Duration>(std::chrono::duration<double, std::milli>(latency));
   for (const auto& text : outages) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -29,12 +30,29 @@ struct Options {
   std::optional<double> until;
   std::string systemVersion = "17.0";
 
+  std::optional<double> pace;  ///< --pace: replay the trace's points at this speed (m/s)
+
   // The device and the network (defaults: the ideal device, a network that takes no time).
-  sim::DeviceModel device;    ///< --seed, --fix-delay, --stale-first, --noise, --outliers, --batch
-  sim::NetworkModel network;  ///< --latency, --outage, --outage-kind
-  std::optional<std::string> score;                  ///< --score FILE
+  sim::DeviceModel device;           ///< --device, --seed, --fix-delay, --stale-first, --noise,
+                                     ///< --outliers, --batch, --idle-fixes
+  sim::NetworkModel network;         ///< --latency (also --device), --outage, --outage-kind
+  std::optional<std::string> score;  ///< --score FILE
   SamplingPolicy sampling = SamplingPolicy::Design;  ///< --sampling design|efficient
 };
+
+/// What a --device preset sets: the fix delay (s), the stale first fix, the noise (m), the
+/// outlier share, the latency (ms) and the idle fixes ("none", "network" or "gnss").
+struct DevicePreset {
+  double fixDelay;
+  bool staleFirst;
+  double noise;
+  double outliers;
+  double latency;
+  const char* idleFixes;
+};
+
+/// The preset "ideal", "realistic" or "harsh"; any other name reads as "ideal".
+const DevicePreset& devicePreset(std::string_view name);
 
 /// What the command line asks for: a run, or an early exit with a status and a text (the help
 /// text with status 0, or one error line with status 2).

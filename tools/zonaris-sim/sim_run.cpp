@@ -26,7 +26,7 @@ std::variant<Inputs, RunError> readInputs(const Options& o) {
   const auto usage = [](std::string message) { return RunError{kUsageError, std::move(message)}; };
   Inputs in;
   try {
-    in.trace = std::make_shared<const sim::Trace>(sim::Trace::load(o.trace));
+    in.trace = std::make_shared<const sim::Trace>(sim::Trace::load(o.trace, o.pace));
     if (o.beacons)
       in.beacons =
           std::make_shared<const sim::BeaconSightings>(sim::BeaconSightings::load(*o.beacons));

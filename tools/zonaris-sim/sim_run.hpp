@@ -71,8 +71,9 @@ class SimRun {
   /// stops the embedded service. Idempotent; the destructor calls it.
   void finish();
 
-  /// What the run did, readable during and after it.
-  const CountingHttpClient& http() const { return *http_; }
+  /// What the run did, readable during and after it (from `start` on).
+  bool started() const { return http_ != nullptr; }
+  CountingHttpClient& http() const { return *http_; }
   const CountingLocationManager* location() const { return location_.get(); }
   const sim::SimNetwork* network() const { return network_.get(); }
 

@@ -14,6 +14,20 @@
 
 namespace zonaris::sim {
 
+/// What the location service delivers while the application holds it at the coarse
+/// (three-kilometre) accuracy, that is between the samples of the design's client.
+enum class IdleFixes {
+  /// Nothing at all, as a receiver that is simply switched off (the gpsd source).
+  None,
+  /// Network positions, as a phone gives in that setting: one worked out at most once a minute,
+  /// with an accuracy of 30 to 1,500 m (log-uniform) and an error to match (the accuracy is the
+  /// radius that holds 68 % of them). Delivered, like any fix, only past the distance filter.
+  Network,
+  /// The receiver's own fixes, exactly as at the best accuracy (noise and outliers included),
+  /// every second past the distance filter.
+  Gnss,
+};
+
 /// How the simulated device's location service departs from the trace. The defaults are the
 /// ideal device: the exact trace position, one fix per callback, the first one 1 s after a
 /// setting. Everything random is drawn from `seed` and the virtual time of the fix, so the same
@@ -38,9 +52,15 @@ struct DeviceModel {
   /// With the best accuracy and no distance filter, fixes are delivered `batch` at a time in
   /// one callback (oldest first), each still taken 1 s after the previous one.
   int batch = 1;
-
-  bool ideal() const;
+  /// What comes while the application holds the coarse setting. The receiver's fixes here, for
+  /// the tests of the setting's rhythm; zonaris-sim gives `IdleFixes::Network` unless told.
+  IdleFixes idleFixes = IdleFixes::Gnss;
 };
+
+/// The range of a network position's accuracy, in metres, and how often one is worked out.
+inline constexpr double kNetworkAccuracyMin = 30.0;
+inline constexpr double kNetworkAccuracyMax = 1500.0;
+inline constexpr platform::Duration kNetworkFixEvery = std::chrono::minutes(1);
 
 /// The accuracy a stale first fix claims: a Wi-Fi grade position, what a location service
 /// typically holds between precise fixes.
@@ -50,9 +70,9 @@ inline constexpr double kStaleFixAccuracy = 65.0;
 /// after `startUpdatingLocation`, while the accuracy is best-for-navigation with no distance
 /// filter, it delivers the interpolated position 1 s after that setting and every 1 s after; in
 /// the coarse setting it delivers only when the device moved farther than the distance filter
-/// since the last delivery. Nothing is delivered after `stopUpdatingLocation`. While a beacon
-/// region is ranged it delivers the region's `BeaconSightings` once per virtual second. All
-/// deliveries arrive as main-queue tasks.
+/// since the last delivery (what it delivers there, `DeviceModel::idleFixes` says). Nothing is
+/// delivered after `stopUpdatingLocation`. While a beacon region is ranged it delivers the region's
+/// `BeaconSightings` once per virtual second. All deliveries arrive as main-queue tasks.
 ///
 /// The trace is read at the virtual seconds since the scheduler's start (its first point is
 /// where the device is at the start). The first fix after `startUpdatingLocation` is delivered

@@ -25,19 +25,24 @@ class Trace {
   /// Reads GPX 1.1 (".gpx") or CSV `t,lat,lon[,accuracy][,speed]` (any other name) from a file.
   /// Throws InputError naming the file (and line) when it is malformed.
   ///
-  /// GPX: the track points (`trkpt`; a route or waypoints only when every point has a time),
-  /// with or without a namespace prefix. Each needs a `<time>` (ISO 8601, "Z" or an offset,
-  /// optional fraction; no zone reads as UTC). The accuracy is `<hdop>` × 5 m, or 5 m without
-  /// one; the speed comes from `<speed>` in the point (GPX 1.0) or anywhere in its
-  /// `<extensions>`. `startTime` is the first time's clock reading as written (09:00+01:00 is
-  /// 09:00), while `t` follows the absolute instants.
+  /// GPX: the track points (`trkpt`), else a route's points (`rtept`), else the waypoints, with
+  /// or without a namespace prefix. Each needs a `<time>` (ISO 8601, "Z" or an offset,
+  /// optional fraction; no zone reads as UTC) unless a `pace` is given. The accuracy is
+  /// `<hdop>` × 5 m, or 5 m without one; the speed comes from `<speed>` in the point (GPX 1.0)
+  /// or anywhere in its `<extensions>`. `startTime` is the first time's clock reading as written
+  /// (09:00+01:00 is 09:00), while `t` follows the absolute instants.
   /// CSV: an optional header line, `#` comments and blank lines; an empty accuracy or speed
   /// column is "not given" (accuracy 5 m). Times are made relative to the first point.
   /// Both: times must not go back; coordinates must be finite and in range.
-  static Trace load(const std::string& path);
+  /// With `pace` (metres per second, > 0) the points are passed at that steady speed: each one's
+  /// time is the distance along the points so far divided by the pace, any time or speed the
+  /// file gives is ignored, and there is no `startTime`.
+  static Trace load(const std::string& path, std::optional<double> pace = std::nullopt);
   /// `name` is used in error messages.
-  static Trace parseGpx(std::string_view text, const std::string& name);
-  static Trace parseCsv(std::string_view text, const std::string& name);
+  static Trace parseGpx(std::string_view text, const std::string& name,
+                        std::optional<double> pace = std::nullopt);
+  static Trace parseCsv(std::string_view text, const std::string& name,
+                        std::optional<double> pace = std::nullopt);
 
   const std::vector<TracePoint>& points() const { return points_; }
   /// The absolute local time of the first point, when the trace carries times (GPX).
@@ -49,6 +54,8 @@ class Trace {
   platform::Location at(double secondsSinceStart) const;
 
  private:
+  void timeByPace(double metresPerSecond);
+
   std::vector<TracePoint> points_;
   std::optional<platform::TimePoint> startTime_;
 };
