@@ -1,27 +1,31 @@
 #!/usr/bin/env python3
-"""The two sampling policies side by side, from zonaris-sim's ground-truth score.
+"""Devices, service rules and sampling policies side by side, from zonaris-sim's score.
 
 Runs the bundled example day and the commuter days of bench/commuter_day.py (seeds 1, 2, 3 by
-default), each under the ideal device and under a realistic one (noise 10 m, stale first fix,
-fix delay 5 s, latency 300 ms, 0.5 % outliers; device seed 1), with --sampling design and
---sampling efficient, and prints one Markdown table: fixes per hour, the efficient/design ratio, entry, exit and dwell
-latency (median/p95/max, seconds), missed and false events.
+default) on each device preset (--device ideal, realistic, harsh; device seed 1), under each
+confirmation rule of the embedded service (--confirm exact, robust) and each sampling policy
+(--sampling design, efficient), and prints one Markdown table: fixes and observations per hour,
+the fixes as a share of the design policy's on the same day, device and rule, entry, exit and
+dwell latency (median/p95, seconds), missed and false events.
 
-Usage: bench/sampling_table.py [--sim PATH] [--seeds 1,2,3] [--out DIR]
-(default --sim build/normal/tools/zonaris-sim/zonaris-sim, --out a temporary folder)
+Usage: bench/sampling_table.py [--sim PATH] [--seeds 1,2,3] [--devices ideal,realistic,harsh]
+                               [--rules exact,robust] [--policies design,efficient]
+                               [--extra "ARGS"] [--out DIR]
+(default --sim build/normal/tools/zonaris-sim/zonaris-sim, --out a temporary folder; --extra
+adds zonaris-sim options to every run, e.g. "--motion phone")
 """
 
 import argparse
 import json
 import os
+import shlex
 import subprocess
 import sys
 import tempfile
+from concurrent.futures import ThreadPoolExecutor
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 EXAMPLES = os.path.join(ROOT, "examples")
-REALISTIC = ["--noise", "10", "--stale-first", "--fix-delay", "5", "--latency", "300",
-             "--outliers", "0.005"]
 
 
 def days(out, seeds):
@@ -51,7 +55,7 @@ def latency(score, kind):
     l = score["latency"].get(kind)
     if not l or not l.get("count"):
         return "-"
-    return "%.0f/%.0f/%.0f" % (l["median"], l["p95"], l["max"])
+    return "%.0f/%.0f" % (l["median"], l["p95"])
 
 
 def main():
@@ -59,28 +63,45 @@ def main():
     parser.add_argument("--sim", default=os.path.join(ROOT, "build/normal/tools/zonaris-sim/"
                                                       "zonaris-sim"))
     parser.add_argument("--seeds", default="1,2,3")
+    parser.add_argument("--devices", default="ideal,realistic,harsh")
+    parser.add_argument("--rules", default="exact,robust")
+    parser.add_argument("--policies", default="design,efficient")
+    parser.add_argument("--extra", default="")
     parser.add_argument("--out")
     a = parser.parse_args()
     out = a.out or tempfile.mkdtemp(prefix="zonaris-sampling-")
     os.makedirs(out, exist_ok=True)
     seeds = [int(s) for s in a.seeds.split(",") if s]
+    extra = shlex.split(a.extra)
 
-    print("| day | device | policy | fixes/h | ratio | entry med/p95/max s | exit med/p95/max s "
-          "| dwell med/p95/max s | missed | false |")
-    print("|---|---|---|---|---|---|---|---|---|---|")
+    runs = []
     for name, base in days(out, seeds):
-        for device, extra in (("ideal", []), ("realistic", REALISTIC)):
-            design = None
-            for policy in ("design", "efficient"):
-                tag = "%s-%s-%s" % (name.replace(" ", ""), device, policy)
-                s = run(a.sim, base + extra + ["--seed", "1", "--sampling", policy],
-                        os.path.join(out, tag + ".json"))
-                fixes = s["fixes"]["per_hour"]
-                design = design or fixes
-                print("| %s | %s | %s | %.1f | %.2f | %s | %s | %s | %d | %d |" % (
-                    name, device, policy, fixes, fixes / design, latency(s, "entry"),
-                    latency(s, "exit"), latency(s, "dwell"), len(s["missed"]), len(s["false"])))
-                sys.stdout.flush()
+        for device in a.devices.split(","):
+            for rule in a.rules.split(","):
+                for policy in a.policies.split(","):
+                    tag = "-".join([name.replace(" ", ""), device, rule, policy])
+                    args = base + ["--device", device, "--seed", "1", "--confirm", rule,
+                                   "--sampling", policy] + extra
+                    runs.append(((name, device, rule, policy), args,
+                                 os.path.join(out, tag + ".json")))
+    with ThreadPoolExecutor(max_workers=os.cpu_count() or 2) as pool:
+        scores = list(pool.map(lambda r: run(a.sim, r[1], r[2]), runs))
+
+    print("| day | device | rule | policy | fixes/h | share | observations/h "
+          "| entry med/p95 s | exit med/p95 s | dwell med/p95 s | missed | false |")
+    print("|---|---|---|---|---|---|---|---|---|---|---|---|")
+    design = {}
+    for (key, _, _), s in zip(runs, scores):
+        name, device, rule, policy = key
+        fixes = s["fixes"]["per_hour"]
+        if policy == "design":
+            design[(name, device, rule)] = fixes
+        base = design.get((name, device, rule))
+        share = "%.2f" % (fixes / base) if base else "-"
+        print("| %s | %s | %s | %s | %.1f | %s | %.1f | %s | %s | %s | %d | %d |" % (
+            name, device, rule, policy, fixes, share, s["requests_per_hour"]["observation"],
+            latency(s, "entry"), latency(s, "exit"), latency(s, "dwell"), len(s["missed"]),
+            len(s["false"])))
 
 
 if __name__ == "__main__":
