@@ -7,6 +7,7 @@
 #include <variant>
 #include <vector>
 
+#include "zonaris-service/event_rules.hpp"
 #include "zonaris/sim/location_manager.hpp"
 #include "zonaris/sim/network.hpp"
 #include "zonaris/zonaris.hpp"
@@ -34,6 +35,9 @@ struct Options {
   sim::NetworkModel network;  ///< --latency, --outage, --outage-kind
   std::optional<std::string> score;                  ///< --score FILE
   SamplingPolicy sampling = SamplingPolicy::Design;  ///< --sampling design|efficient
+  /// The embedded service's confirmation rules: --confirm and its parameters.
+  service_tool::ConfirmRule confirm = service_tool::ConfirmRule::Robust;
+  service_tool::RobustParams robust;
 };
 
 /// What the command line asks for: a run, or an early exit with a status and a text (the help
