@@ -2,7 +2,6 @@
 
 // The command-line options of the confirmation rules, shared by zonaris-service and the service
 // that zonaris-sim embeds.
-#include <map>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -14,12 +13,14 @@ namespace zonaris::service_tool {
 /// Adds --confirm and the robust rules' parameters to `app`, writing into `rule` and `params`
 /// (their values at the call are the defaults shown).
 inline void addConfirmOptions(CLI::App& app, ConfirmRule& rule, RobustParams& params) {
-  const std::map<std::string, ConfirmRule> rules = {{"exact", ConfirmRule::Exact},
-                                                    {"robust", ConfirmRule::Robust}};
-  app.add_option("--confirm", rule,
-                 "how the service confirms crossings: robust (noise, outliers and coarse fixes "
-                 "confirm nothing) or exact (one observation decides)")
-      ->transform(CLI::CheckedTransformer(rules, CLI::ignore_case))
+  app.add_option_function<std::string>(
+         "--confirm",
+         [&rule](const std::string& word) {
+           rule = word == "exact" ? ConfirmRule::Exact : ConfirmRule::Robust;
+         },
+         "how the service confirms crossings: robust (noise, outliers and coarse fixes confirm "
+         "nothing) or exact (one observation decides)")
+      ->check(CLI::IsMember({"exact", "robust"}))
       ->default_str(rule == ConfirmRule::Exact ? "exact" : "robust");
   app.add_option("--confirm-max-speed", params.maxSpeed,
                  "robust: m/s from the last usable observation beyond which one is an outlier")
@@ -35,21 +36,23 @@ inline void addConfirmOptions(CLI::App& app, ConfirmRule& rule, RobustParams& pa
       ->capture_default_str()
       ->check(CLI::Range(0.0, 86400.0));
   app.add_option("--confirm-expiry", params.pendingExpiry,
-                 "robust: seconds after which a crossing seen once lapses without a next "
+                 "robust: seconds after which a pending crossing lapses without a next "
                  "observation on its side")
       ->capture_default_str()
       ->check(CLI::Range(0.0, 86400.0));
   app.add_option("--confirm-observations", params.observations,
-                 "robust: observations on the new side that confirm a crossing whose accuracy "
-                 "disc straddles the boundary")
+                 "robust: consecutive observations on the new side that confirm a crossing "
+                 "(an entry whose accuracy disc lies inside needs one)")
       ->capture_default_str()
       ->check(CLI::Range(1, 100));
   app.add_option("--confirm-entry-margin", params.entryMargin,
-                 "robust: metres inside the boundary the observation confirming an entry lies")
+                 "robust: metres inside the boundary an observation lies to count towards an "
+                 "entry (at most its accuracy radius)")
       ->capture_default_str()
       ->check(CLI::Range(0.0, 100000.0));
   app.add_option("--confirm-exit-margin", params.exitMargin,
-                 "robust: metres outside the boundary the observation confirming an exit lies")
+                 "robust: metres outside the boundary an observation lies to count towards an "
+                 "exit (at most its accuracy radius)")
       ->capture_default_str()
       ->check(CLI::Range(0.0, 100000.0));
   app.add_option("--confirm-beacon-misses", params.beaconMisses,
