@@ -24,6 +24,7 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include "support/silent_listener.hpp"
 #include "zonaris/platform/gpsd.hpp"
 #include "zonaris/platform/production.hpp"
 
@@ -304,43 +305,11 @@ TEST(GpsdLocationManager, MapsSettingsOntoWatchAndReconnectsStillArmedAfterGpsdR
   EXPECT_FALSE(f.manager->status().connected);
 }
 
-// A gpsd whose listen queue is full: a connection to it is neither accepted nor refused.
-class FullListenQueue {
- public:
-  FullListenQueue() {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::listen(listener_, 0) != 0 ||
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-      ADD_FAILURE() << "cannot listen on 127.0.0.1";
-    port_ = ntohs(address.sin_port);
-    for (int i = 0; i < 4; ++i) {  // more than a backlog of 0 takes
-      fillers_.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-      ::connect(fillers_.back(), reinterpret_cast<sockaddr*>(&address), length);
-    }
-  }
-  ~FullListenQueue() {
-    for (int fd : fillers_)
-      ::close(fd);
-    ::close(listener_);
-  }
-  int port() const { return port_; }
-
- private:
-  int listener_ = -1;
-  int port_ = 0;
-  std::vector<int> fillers_;
-};
-
 // A gpsd that never answers a connection and one that drops every connection: each attempt
 // ends within the connect time limit, and the waits between attempts keep growing because no
 // fix ever came.
 TEST(GpsdLocationManager, RetriesAFaultyGpsdEverMoreSlowly) {
-  FullListenQueue full;
+  test::SilentListener full(true);
   FakeGpsd dropping({}, 0, true);
   const std::pair<int, std::string> table[] = {
       {full.port(), "(Connection timed out); retrying in "},
