@@ -337,8 +337,10 @@ void GpsdLocationManager::State::run() {
     auto fix = fixFromReport(gps.fix);
     if (std::holds_alternative<Location>(fix))
       retry = options.retryMin;  // gpsd serves fixes: the back-off starts afresh
-    if (!armed)
+    if (!armed) {
+      log("gpsd: report dropped: it arrived while no sample was armed");
       return;
+    }
     if (auto* why = std::get_if<std::string>(&fix)) {
       log(fmt::format("gpsd: report dropped: {}", *why));
       return;

@@ -65,8 +65,8 @@ struct ZONARIS_API GpsdStatus {
 /// read after the arming is fresh, unless its time is earlier than that of the last fix
 /// delivered (a replayed or repeated report). A log recorded on another day and replayed
 /// through gpsfake, or a device whose system clock is wrong, still gets its fixes. Reports
-/// without a fix, a position or a time, and older ones, are dropped; in developer mode each
-/// drop while armed is one line of the platform log, with the reason.
+/// without a fix, a position or a time, older ones, and those read while no sample is armed are
+/// dropped; in developer mode each drop is one line of the platform log, with the reason.
 ///
 /// Failures: when gpsd cannot be reached or the connection is lost, the manager retries with a
 /// growing wait (`GpsdOptions`) and keeps its settings: a sample armed while gpsd was away is
