@@ -4,12 +4,11 @@ gpsfake can replay to a real gpsd as if a receiver were attached: one GGA and on
 per second, positions interpolated between the trace's points.
 
   python3 examples/nmea_from_trace.py examples/walk.csv -o examples/walk.nmea
-  python3 examples/nmea_from_trace.py examples/walk.csv --start now -o /tmp/walk.nmea
-  gpsfake -q -c 0.5 -P 2947 /tmp/walk.nmea
+  gpsfake -q -c 0.5 -P 2947 examples/walk.nmea
 
 The sentences carry UTC times from --start (an ISO time such as 2026-03-10T07:30:00Z, or "now",
-the default being the bundled walk's morning). zonaris-agent takes only fixes newer than the
-moment it asked for one, so a log that is to be replayed to it must start at "now". gpsfake's
+the default being the bundled walk's morning). zonaris-agent judges a fix fresh by when it
+arrives, so a log of any date can be replayed to it. gpsfake's
 -c 0.5 (two sentences per second) replays the log in real time. Accuracy becomes the HDOP (the
 accuracy divided by 5 m, as the simulator reads GPX HDOP); speed, when the trace has none, and
 course come from consecutive points. --seconds sets the log's length (default: the trace's;

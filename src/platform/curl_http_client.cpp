@@ -2,16 +2,75 @@
 #include "zonaris/platform/curl_http.hpp"
 
 #include <curl/curl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 namespace zonaris::platform {
 
+// The sockets of exchanges in flight, opened and closed through libcurl's socket callbacks so
+// that a cancel can shut them down (which wakes libcurl's wait at once) while they are
+// certainly still open: opening, closing and cancelling all hold the mutex.
+struct CurlCancel::Sockets {
+  std::mutex mutex;
+  std::set<curl_socket_t> open;
+  bool cancelled = false;
+};
+
+CurlCancel::CurlCancel() : sockets_(std::make_unique<Sockets>()) {}
+CurlCancel::~CurlCancel() = default;
+
+void CurlCancel::cancel() {
+  std::lock_guard lock(sockets_->mutex);
+  sockets_->cancelled = true;
+  for (const curl_socket_t fd : sockets_->open)
+    ::shutdown(fd, SHUT_RDWR);
+}
+
+bool CurlCancel::cancelled() const {
+  std::lock_guard lock(sockets_->mutex);
+  return sockets_->cancelled;
+}
+
 namespace {
+
+constexpr const char* kCancelled = "cancelled: the platform is shutting down";
+
+curl_socket_t openSocket(void* data, curlsocktype, curl_sockaddr* address) noexcept {
+  auto& sockets = static_cast<CurlCancel*>(data)->sockets();
+  std::lock_guard lock(sockets.mutex);
+  if (sockets.cancelled)
+    return CURL_SOCKET_BAD;
+  const curl_socket_t fd =
+      ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (fd != CURL_SOCKET_BAD) {
+    try {
+      sockets.open.insert(fd);
+    } catch (...) {
+      ::close(fd);
+      return CURL_SOCKET_BAD;
+    }
+  }
+  return fd;
+}
+
+int closeSocket(void* data, curl_socket_t fd) noexcept {
+  auto& sockets = static_cast<CurlCancel*>(data)->sockets();
+  std::lock_guard lock(sockets.mutex);
+  sockets.open.erase(fd);
+  return ::close(fd);
+}
+
+// Also catches a cancel while no socket is open yet (a name lookup).
+int checkCancelled(void* data, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept {
+  return static_cast<CurlCancel*>(data)->cancelled() ? 1 : 0;
+}
 
 struct EasyDeleter {
   void operator()(CURL* handle) const noexcept { curl_easy_cleanup(handle); }
@@ -96,6 +155,8 @@ class CurlHttpClient final : public HttpClient {
   }
 
   HttpResponse perform(const HttpRequest& request) const {
+    if (options_.cancel && options_.cancel->cancelled())
+      return failure(kCancelled);
     EasyHandle easy(curl_easy_init());
     if (!easy)
       return failure("curl_easy_init failed");
@@ -118,6 +179,16 @@ class CurlHttpClient final : public HttpClient {
     curl_easy_setopt(h, CURLOPT_WRITEDATA, &sink);
     // Refuse early when the server announces a body over the cap; the sink catches the rest.
     curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(options_.maxBodyBytes));
+    if (options_.cancel) {
+      void* cancel = options_.cancel.get();
+      curl_easy_setopt(h, CURLOPT_OPENSOCKETFUNCTION, &openSocket);
+      curl_easy_setopt(h, CURLOPT_OPENSOCKETDATA, cancel);
+      curl_easy_setopt(h, CURLOPT_CLOSESOCKETFUNCTION, &closeSocket);
+      curl_easy_setopt(h, CURLOPT_CLOSESOCKETDATA, cancel);
+      curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, &checkCancelled);
+      curl_easy_setopt(h, CURLOPT_XFERINFODATA, cancel);
+      curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
+    }
 
     bool hasContentType = false;
     HeaderList headers;
@@ -163,6 +234,8 @@ class CurlHttpClient final : public HttpClient {
     if (result != CURLE_OK) {
       // No complete answer: the status stays 0 even when a status line had arrived.
       std::string message = errorBuffer[0] != '\0' ? errorBuffer : curl_easy_strerror(result);
+      if (options_.cancel && options_.cancel->cancelled())
+        message = kCancelled;
       if (sink.overLimit || result == CURLE_FILESIZE_EXCEEDED)
         message = "response body over " + std::to_string(options_.maxBodyBytes) + " bytes";
       return failure(std::move(message));

@@ -1,9 +1,10 @@
-// The location service over gpsd: one thread holds the libgps connection, turns the client's
-// settings into ?WATCH requests and hands TPV reports with a fix to the main queue.
-#include <fcntl.h>
+// The location service over gpsd: one thread holds the connection, turns the client's settings
+// into ?WATCH requests and hands fresh TPV reports with a fix to the main queue.
 #include <gps.h>
+#include <netdb.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,7 +15,9 @@
 #include <cstring>
 #include <mutex>
 #include <thread>
+#include <variant>
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include "zonaris/platform/gpsd.hpp"
@@ -61,25 +64,37 @@ std::optional<GpsdOptions> parseGpsdAddress(std::string_view text) {
 namespace {
 
 using Listener = std::function<void(const GpsdStatus&)>;
+using SteadyClock = std::chrono::steady_clock;
 
-// How much of each report line is kept to tell its class: gpsd writes "class" first.
-constexpr int kMessageHead = 256;
+// How much of each report line is searched for its class: gpsd writes "class" first.
+constexpr std::size_t kMessageHead = 256;
+// A line longer than this is not gpsd speaking: the connection is dropped.
+constexpr std::size_t kMaxLine = 64 * 1024;
+// Without a wake-up descriptor (eventfd failed) the thread looks at its settings this often.
+constexpr std::chrono::milliseconds kPollSlice{50};
+
+constexpr std::string_view kWatchOn = R"(?WATCH={"enable":true,"json":true};)";
+constexpr std::string_view kWatchOff = R"(?WATCH={"enable":false};)";
 
 TimePoint toTimePoint(const timespec& time) {
   const auto since = std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
   return TimePoint(std::chrono::duration_cast<TimePoint::duration>(since));
 }
 
-// The fix a TPV report stands for, or nothing when it has none worth delivering.
-std::optional<Location> fixFromReport(const gps_fix_t& fix, TimePoint armedAt) {
-  if (fix.mode < MODE_2D || !std::isfinite(fix.latitude) || !std::isfinite(fix.longitude))
-    return std::nullopt;
+std::string timeText(TimePoint time) {
+  return fmt::format("{:%Y-%m-%dT%H:%M:%S}Z", std::chrono::floor<std::chrono::seconds>(time));
+}
+
+// The fix a TPV report stands for, or why it has none worth delivering.
+std::variant<Location, std::string> fixFromReport(const gps_fix_t& fix) {
+  if (fix.mode < MODE_2D)
+    return fmt::format("no fix (mode {})", fix.mode);
+  if (!std::isfinite(fix.latitude) || !std::isfinite(fix.longitude))
+    return std::string("no position");
   if (fix.time.tv_sec == 0 && fix.time.tv_nsec == 0)
-    return std::nullopt;
+    return std::string("no time");
   Location location;
   location.timestamp = toTimePoint(fix.time);
-  if (location.timestamp < armedAt)
-    return std::nullopt;
   location.latitude = fix.latitude;
   location.longitude = fix.longitude;
   location.speed = std::isfinite(fix.speed) && fix.speed >= 0 ? fix.speed : -1.0;
@@ -100,6 +115,14 @@ std::string secondsText(std::chrono::milliseconds wait) {
   return fmt::format("{:g} s", std::chrono::duration<double>(wait).count());
 }
 
+std::string errorText(int error) {
+  return error != 0 ? std::string(std::strerror(error)) : std::string("unknown error");
+}
+
+struct AddrInfoDeleter {
+  void operator()(addrinfo* list) const noexcept { ::freeaddrinfo(list); }
+};
+
 }  // namespace
 
 struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
@@ -115,7 +138,7 @@ struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
   const std::shared_ptr<Dispatcher> dispatcher;
   const std::shared_ptr<Logger> logger;
   const GpsdOptions options;
-  int wakeFd = -1;
+  int wakeFd = -1;  // -1 when eventfd failed: the thread then polls in slices of kPollSlice
   std::atomic<bool> devMode{false};
   std::atomic<bool> closed{false};
 
@@ -124,7 +147,6 @@ struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
   bool started = false;
   Accuracy accuracy = Accuracy::BestForNavigation;
   double distanceFilter = kDistanceFilterNone;
-  TimePoint armedAt{};
   GpsdStatus status;
   std::shared_ptr<const Listener> listener;
 
@@ -145,10 +167,7 @@ struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
   void change(Change&& apply) {
     {
       std::lock_guard lock(mutex);
-      const bool before = wantsWatch();
       apply();
-      if (!before && wantsWatch())
-        armedAt = std::chrono::system_clock::now();
     }
     wake();
   }
@@ -160,7 +179,13 @@ struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
 
   std::string address() const { return options.host + ":" + options.port; }
 
-  // Updates the counters and tells the listener.
+  // Whether the thread should give up what it waits for: a shutdown, or a stop.
+  bool stopping() const {
+    std::lock_guard lock(mutex);
+    return closed.load() || !started;
+  }
+
+  // Updates the counters and tells the listener: for connection events only.
   template <class Update>
   void report(Update&& update) {
     GpsdStatus copy;
@@ -175,15 +200,69 @@ struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
       (*call)(copy);
   }
 
-  // Sleeps until `fd` (if any) is readable, the manager is woken, or `wait` passed (forever
-  // when negative).
-  void sleep(int fd, std::chrono::milliseconds wait) const {
-    pollfd fds[2] = {{wakeFd, POLLIN, 0}, {fd, POLLIN, 0}};
+  // Sleeps until `fd` (if any) has one of `events`, the manager is woken, or `wait` passed
+  // (forever when negative). The events `fd` has; 0 when woken or timed out.
+  short sleep(int fd, short events, std::chrono::milliseconds wait) const {
+    if (wakeFd < 0 && (wait.count() < 0 || wait > kPollSlice))
+      wait = kPollSlice;
+    pollfd fds[2] = {{fd, events, 0}, {wakeFd, POLLIN, 0}};
     const int timeout = wait.count() < 0 ? -1 : static_cast<int>(wait.count());
-    if (::poll(fds, fd >= 0 ? 2 : 1, timeout) > 0 && (fds[0].revents & POLLIN)) {
+    if (::poll(fds, 2, timeout) <= 0)
+      return 0;
+    if (fds[1].revents & POLLIN) {
       std::uint64_t count = 0;
       [[maybe_unused]] auto read = ::read(wakeFd, &count, sizeof count);
     }
+    return fd >= 0 ? fds[0].revents : 0;
+  }
+
+  // A connected non-blocking socket to gpsd, or -1 with `why`. The whole attempt, every
+  // address of the host included, takes at most `connectTimeout`; a stop or a shutdown cuts
+  // it short. Only the name lookup may take longer, up to the resolver's own time-outs.
+  int connectToGpsd(std::string& why) const {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (const int error = ::getaddrinfo(options.host.c_str(), options.port.c_str(), &hints, &found);
+        error != 0) {
+      why = error == EAI_SYSTEM ? errorText(errno) : std::string(::gai_strerror(error));
+      return -1;
+    }
+    const std::unique_ptr<addrinfo, AddrInfoDeleter> list(found);
+    const auto deadline = SteadyClock::now() + options.connectTimeout;
+    why = "no address";
+    for (const addrinfo* at = list.get(); at != nullptr; at = at->ai_next) {
+      const int fd =
+          ::socket(at->ai_family, at->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, at->ai_protocol);
+      if (fd < 0) {
+        why = errorText(errno);
+        continue;
+      }
+      int error = ::connect(fd, at->ai_addr, at->ai_addrlen) == 0 ? 0 : errno;
+      while (error == EINPROGRESS) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
+        if (left.count() <= 0) {
+          error = ETIMEDOUT;
+          break;
+        }
+        if (sleep(fd, POLLOUT, left) != 0) {
+          socklen_t length = sizeof error;
+          if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0)
+            error = errno;
+        } else if (stopping()) {
+          error = ECANCELED;
+        }
+      }
+      if (error == 0)
+        return fd;
+      ::close(fd);
+      why = errorText(error);
+      if (error == ECANCELED || SteadyClock::now() >= deadline)
+        break;
+    }
+    return -1;
   }
 
   void deliver(const Location& fix) {
@@ -207,31 +286,30 @@ struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
 };
 
 void GpsdLocationManager::State::run() {
+  // libgps only reads the reports (gps_unpack): the socket and its waits are the thread's own,
+  // so that every wait is bounded and woken by a stop, and descriptors beyond FD_SETSIZE work.
   gps_data_t gps{};
-  bool open = false;
-  std::optional<bool> told;  // what gpsd was last asked: watching or not
+  int fd = -1;
+  std::string pending;                     // the start of a line not yet complete
+  std::optional<bool> told;                // what gpsd was last asked: watching or not
+  std::optional<TimePoint> lastDelivered;  // the receiver's time of the last fix delivered
   auto retry = options.retryMin;
 
   auto closeConnection = [&] {
-    if (open)
-      gps_close(&gps);
-    open = false;
+    if (fd >= 0)
+      ::close(fd);
+    fd = -1;
+    pending.clear();
     told.reset();
   };
   // Settings changes wake the thread, but only a stop or a shutdown cuts the wait short.
   auto waitAndGrow = [&] {
-    const auto until = std::chrono::steady_clock::now() + retry;
-    for (;;) {
-      {
-        std::lock_guard lock(mutex);
-        if (closed.load() || !started)
-          break;
-      }
-      const auto left =
-          std::chrono::ceil<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
+    const auto until = SteadyClock::now() + retry;
+    while (!stopping()) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - SteadyClock::now());
       if (left.count() <= 0)
         break;
-      sleep(-1, left);
+      sleep(-1, 0, left);
     }
     retry = std::min(retry * 2, options.retryMax);
   };
@@ -246,32 +324,92 @@ void GpsdLocationManager::State::run() {
     });
     waitAndGrow();
   };
+  // One line from gpsd. `armed`: the line was read after the arming, so a fix in it is fresh.
+  auto handleLine = [&](std::string& line, bool armed) {
+    if (std::string_view(line).substr(0, kMessageHead).find(R"("class":"TPV")") ==
+        std::string_view::npos)
+      return;
+    gps_unpack(line.data(), &gps);  // every TPV resets the fields it lacks
+    {
+      std::lock_guard lock(mutex);
+      ++status.reports;
+    }
+    auto fix = fixFromReport(gps.fix);
+    if (std::holds_alternative<Location>(fix))
+      retry = options.retryMin;  // gpsd serves fixes: the back-off starts afresh
+    if (!armed) {
+      log("gpsd: report dropped: it arrived while no sample was armed");
+      return;
+    }
+    if (auto* why = std::get_if<std::string>(&fix)) {
+      log(fmt::format("gpsd: report dropped: {}", *why));
+      return;
+    }
+    const auto& location = std::get<Location>(fix);
+    if (lastDelivered && location.timestamp < *lastDelivered) {
+      log(fmt::format("gpsd: report dropped: its time {} is older than the last fix delivered ({})",
+                      timeText(location.timestamp), timeText(*lastDelivered)));
+      return;
+    }
+    lastDelivered = location.timestamp;
+    deliver(location);
+  };
+  // Reads everything gpsd has sent so far; false (with `why`) when the connection is gone.
+  auto readAll = [&](bool armed, std::string& why) {
+    char buffer[4096];
+    for (;;) {
+      const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+      if (n < 0 && errno == EINTR)
+        continue;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return true;
+      if (n <= 0) {
+        why = n == 0 ? std::string("closed by gpsd") : errorText(errno);
+        return false;
+      }
+      pending.append(buffer, static_cast<std::size_t>(n));
+      std::size_t begin = 0;
+      for (auto end = pending.find('\n'); end != std::string::npos;
+           end = pending.find('\n', begin)) {
+        std::string line = pending.substr(begin, end - begin);
+        begin = end + 1;
+        if (!line.empty() && line.back() == '\r')
+          line.pop_back();
+        handleLine(line, armed);
+      }
+      pending.erase(0, begin);
+      if (pending.size() > kMaxLine) {
+        why = fmt::format("a line over {} bytes", kMaxLine);
+        return false;
+      }
+    }
+  };
 
   for (;;) {
     bool wanted = false;
     bool wants = false;
-    TimePoint since;
     {
       std::lock_guard lock(mutex);
       if (closed.load())
         break;
       wanted = started;
       wants = wantsWatch();
-      since = armedAt;
     }
     if (!wanted) {
-      if (open) {
+      if (fd >= 0) {
         report([](GpsdStatus& s) { s.connected = false; });
         closeConnection();
       }
-      sleep(-1, std::chrono::milliseconds(-1));
+      sleep(-1, 0, std::chrono::milliseconds(-1));
       continue;
     }
 
-    if (!open) {
-      errno = 0;
-      if (gps_open(options.host.c_str(), options.port.c_str(), &gps) != 0) {
-        const std::string why = gps_errstr(errno);
+    if (fd < 0) {
+      std::string why;
+      fd = connectToGpsd(why);
+      if (fd < 0) {
+        if (stopping())
+          continue;
         log(fmt::format("gpsd: cannot connect to {} ({}); retrying in {}", address(), why,
                         secondsText(retry)));
         report([&](GpsdStatus& s) {
@@ -281,11 +419,6 @@ void GpsdLocationManager::State::run() {
         waitAndGrow();
         continue;
       }
-      open = true;
-      retry = options.retryMin;
-      // Reads must never block the thread: a half-received line waits in poll() instead.
-      const int flags = ::fcntl(gps.gps_fd, F_GETFL);
-      ::fcntl(gps.gps_fd, F_SETFL, flags | O_NONBLOCK);
       log(fmt::format("gpsd: connected to {}", address()));
       report([](GpsdStatus& s) {
         s.connected = true;
@@ -294,36 +427,28 @@ void GpsdLocationManager::State::run() {
     }
 
     if (told != wants) {
-      if (gps_stream(&gps, wants ? WATCH_ENABLE | WATCH_JSON : WATCH_DISABLE, nullptr) != 0) {
+      const auto command = wants ? kWatchOn : kWatchOff;
+      if (::send(fd, command.data(), command.size(), MSG_NOSIGNAL) !=
+          static_cast<ssize_t>(command.size())) {
         lose("cannot send the watch request");
         continue;
       }
       told = wants;
     }
 
-    bool broken = false;
-    while (gps_waiting(&gps, 0)) {
-      char message[kMessageHead] = {};
-      const int length = gps_read(&gps, message, sizeof message);
-      if (length < 0) {
-        broken = true;
-        break;
-      }
-      if (length == 0)
-        break;  // a partial line: the rest comes through poll()
-      if (std::string_view(message).find("\"class\":\"TPV\"") == std::string_view::npos)
-        continue;
-      report([](GpsdStatus& s) { ++s.reports; });
-      if (!wants)
-        continue;
-      if (auto fix = fixFromReport(gps.fix, since))
-        deliver(*fix);
-    }
-    if (broken) {
-      lose(errno != 0 ? std::string(std::strerror(errno)) : std::string("closed by gpsd"));
+    // Reports are read only after this poll says so. They count as read after the arming
+    // only when the arming came before the settings were looked at above: what was already
+    // waiting when the thread was woken for an arming is judged as before it.
+    if (sleep(fd, POLLIN, std::chrono::milliseconds(-1)) == 0)
       continue;
+    bool armed = false;
+    {
+      std::lock_guard lock(mutex);
+      armed = wants && wantsWatch() && !closed.load();
     }
-    sleep(gps.gps_fd, std::chrono::milliseconds(-1));
+    std::string why;
+    if (!readAll(armed, why))
+      lose(why);
   }
   closeConnection();
 }

@@ -2,13 +2,18 @@
 // what a TPV report becomes, how the settings map onto ?WATCH, and reconnection. Real threads
 // and sockets, so the tests wait on condition variables with bounded time-outs.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -19,6 +24,7 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include "support/silent_listener.hpp"
 #include "zonaris/platform/gpsd.hpp"
 #include "zonaris/platform/production.hpp"
 
@@ -29,10 +35,12 @@ using namespace std::chrono_literals;
 constexpr auto kWait = 10s;
 
 // A gpsd on 127.0.0.1: greets each client with a VERSION line, records what clients send
-// ("connect", each ?WATCH command, "close"), and answers a watch request with `reports`.
+// ("connect", each ?WATCH command, "close"), and answers a watch request with `reports`. With
+// `dropClients` it closes each connection right after the greeting.
 class FakeGpsd {
  public:
-  explicit FakeGpsd(std::vector<std::string> reports, int port = 0) : reports_(std::move(reports)) {
+  explicit FakeGpsd(std::vector<std::string> reports, int port = 0, bool dropClients = false)
+      : reports_(std::move(reports)), dropClients_(dropClients) {
     listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int one = 1;
     ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
@@ -92,9 +100,12 @@ class FakeGpsd {
         break;
       if (fds[1].revents & POLLIN) {
         const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-        clients.push_back(client);
         note("connect");
         send(client, R"({"class":"VERSION","release":"3.22","proto_major":3,"proto_minor":14})");
+        if (dropClients_)
+          ::close(client);
+        else
+          clients.push_back(client);
       }
       for (std::size_t i = 2; i < fds.size(); ++i) {
         if (!fds[i].revents)
@@ -125,6 +136,7 @@ class FakeGpsd {
   }
 
   std::vector<std::string> reports_;
+  bool dropClients_ = false;
   int listener_ = -1;
   int port_ = 0;
   int stopPipe_[2] = {-1, -1};
@@ -154,15 +166,48 @@ class Recorder final : public LocationManagerDelegate {
   std::vector<Location> fixes_;
 };
 
+// The manager's developer-mode lines.
+class LogRecorder final : public Logger {
+ public:
+  void log(std::string_view line) override {
+    std::lock_guard lock(mutex_);
+    lines_.emplace_back(line);
+    changed_.notify_all();
+  }
+  // The lines containing `part`, once there are `count` of them (what there is after kWait
+  // otherwise).
+  std::vector<std::string> lines(const std::string& part, std::size_t count) {
+    std::unique_lock lock(mutex_);
+    std::vector<std::string> found;
+    changed_.wait_for(lock, kWait, [&] {
+      found.clear();
+      for (const auto& line : lines_) {
+        if (line.find(part) != std::string::npos)
+          found.push_back(line);
+      }
+      return found.size() >= count;
+    });
+    return found;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> lines_;
+};
+
 std::string isoTime(TimePoint time) {
   return fmt::format("{:%Y-%m-%dT%H:%M:%S}.000Z", std::chrono::floor<std::chrono::seconds>(time));
 }
 
 struct Fixture {
-  explicit Fixture(int port) {
-    GpsdOptions options{.host = "127.0.0.1", .port = std::to_string(port), .retryMin = 20ms};
-    manager = std::make_shared<GpsdLocationManager>(dispatcher, std::make_shared<StderrLogger>(),
-                                                    options);
+  explicit Fixture(int port, std::chrono::milliseconds connectTimeout = 10s) {
+    GpsdOptions options{.host = "127.0.0.1",
+                        .port = std::to_string(port),
+                        .retryMin = 20ms,
+                        .connectTimeout = connectTimeout};
+    manager = std::make_shared<GpsdLocationManager>(dispatcher, logger, options);
+    manager->setDevMode(true);
     manager->setDelegate(recorder);
     manager->setDesiredAccuracy(Accuracy::ThreeKilometers);
     manager->setDistanceFilter(99999.0);
@@ -182,32 +227,36 @@ struct Fixture {
   }
   std::shared_ptr<ThreadDispatcher> dispatcher = std::make_shared<ThreadDispatcher>();
   std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+  std::shared_ptr<LogRecorder> logger = std::make_shared<LogRecorder>();
   std::shared_ptr<GpsdLocationManager> manager;
 };
 
 // Every kind of report that must not become a fix, then three that must; the last one
-// delivered shows that everything before it was read.
-TEST(GpsdLocationManager, DeliversOnlyTpvReportsWithAFixTakenAfterTheArming) {
-  const auto later =
-      std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()) + 60s;
+// delivered shows that everything before it was read. The receiver's time is years before the
+// system clock's: freshness is judged by arrival, and only a report older than the last fix
+// delivered is refused. Reports do not reach the status listener.
+TEST(GpsdLocationManager, DeliversOnlyTpvReportsWithAFixReadAfterTheArming) {
+  const TimePoint later = std::chrono::sys_days(std::chrono::year(2019) / 3 / 14) + 9h;
   const std::string t = isoTime(later);
   const std::string old = isoTime(later - 3600s);
   FakeGpsd gpsd({
-      R"({"class":"TPV","mode":1,"time":")" + t + R"(","lat":48.1,"lon":11.5})",    // no fix
-      R"({"class":"TPV","time":")" + t + R"(","lat":48.1,"lon":11.5})",             // no mode
-      R"({"class":"TPV","mode":3,"time":")" + t + R"(","lon":11.5,"eph":5})",       // lat NaN
-      R"({"class":"TPV","mode":3,"time":")" + old + R"(","lat":48.1,"lon":11.5})",  // too old
-      R"({"class":"TPV","mode":3,"lat":48.1,"lon":11.5})",                          // no time
+      R"({"class":"TPV","mode":1,"time":")" + t + R"(","lat":48.1,"lon":11.5})",  // no fix
+      R"({"class":"TPV","time":")" + t + R"(","lat":48.1,"lon":11.5})",           // no mode
+      R"({"class":"TPV","mode":3,"time":")" + t + R"(","lon":11.5,"eph":5})",     // lat NaN
+      R"({"class":"TPV","mode":3,"lat":48.1,"lon":11.5})",                        // no time
       R"({"class":"SKY","time":")" + t + R"(","hdop":1.2})",
       R"(this is not JSON)",
       R"({"class":"TPV","mode":2,"time":")" + t +
           R"(","lat":48.1,"lon":11.5,"speed":1.5,"eph":7.5,"epx":3.0,"epy":9.0})",
+      R"({"class":"TPV","mode":3,"time":")" + old + R"(","lat":48.1,"lon":11.5})",  // older
       R"({"class":"TPV","mode":3,"time":")" + t + R"(","lat":48.2,"lon":11.6,"epx":3,"epy":9})",
       R"({"class":"TPV","mode":3,"time":")" + t + R"(","lat":48.3,"lon":11.7,"speed":0.0})",
   });
   Fixture f(gpsd.port());
   EXPECT_EQ(gpsd.transcript(2), (std::vector<std::string>{"connect", "unwatch"}));
   EXPECT_FALSE(f.manager->watching());
+  std::atomic<int> listened{0};
+  f.manager->setStatusListener([&](const GpsdStatus&) { ++listened; });
   f.arm();
   using Fix = std::tuple<double, double, double, double>;  // latitude, longitude, speed, accuracy
   std::vector<Fix> fixes;
@@ -218,6 +267,14 @@ TEST(GpsdLocationManager, DeliversOnlyTpvReportsWithAFixTakenAfterTheArming) {
   EXPECT_EQ(fixes, (std::vector<Fix>{
                        {48.1, 11.5, 1.5, 7.5}, {48.2, 11.6, -1.0, 9.0}, {48.3, 11.7, 0.0, -1.0}}));
   EXPECT_EQ(f.manager->status().reports, 8u);
+  EXPECT_EQ(f.logger->lines("dropped", 5),
+            (std::vector<std::string>{
+                "gpsd: report dropped: no fix (mode 1)", "gpsd: report dropped: no fix (mode 0)",
+                "gpsd: report dropped: no position", "gpsd: report dropped: no time",
+                "gpsd: report dropped: its time 2019-03-14T08:00:00Z is older than the last fix "
+                "delivered (2019-03-14T09:00:00Z)"}));
+  f.manager->setStatusListener(nullptr);
+  EXPECT_EQ(listened.load(), 0);
 }
 
 // Idle means not watching, armed means watching; after gpsd was killed and started again the
@@ -246,6 +303,64 @@ TEST(GpsdLocationManager, MapsSettingsOntoWatchAndReconnectsStillArmedAfterGpsdR
   EXPECT_EQ(gpsd->transcript(4),
             (std::vector<std::string>{"connect", "watch", "unwatch", "close"}));
   EXPECT_FALSE(f.manager->status().connected);
+}
+
+// A gpsd that never answers a connection and one that drops every connection: each attempt
+// ends within the connect time limit, and the waits between attempts keep growing because no
+// fix ever came.
+TEST(GpsdLocationManager, RetriesAFaultyGpsdEverMoreSlowly) {
+  test::SilentListener full(true);
+  FakeGpsd dropping({}, 0, true);
+  const std::pair<int, std::string> table[] = {
+      {full.port(), "(Connection timed out); retrying in "},
+      {dropping.port(), "); reconnecting in "}};
+  for (const auto& [port, reason] : table) {
+    Fixture f(port, 50ms);
+    std::vector<std::string> waits;
+    for (const auto& line : f.logger->lines(reason, 3))
+      waits.push_back(line.substr(line.find(reason) + reason.size()));
+    waits.resize(3);
+    EXPECT_EQ(waits, (std::vector<std::string>{"0.02 s", "0.04 s", "0.08 s"})) << reason;
+  }
+}
+
+// Descriptor numbers beyond FD_SETSIZE (select-based waits abort on them), and no descriptor
+// left at all when the manager is made (so it has no wake-up descriptor): either way it
+// connects, delivers, and sees a stop.
+TEST(GpsdLocationManager, WorksBeyondFdSetSizeAndWithoutAWakeUpDescriptor) {
+  const std::string report =
+      R"({"class":"TPV","mode":3,"time":"2019-03-14T09:00:00.000Z","lat":48.1,"lon":11.5})";
+  rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+  rlimit roomy = saved;
+  roomy.rlim_cur = std::max<rlim_t>(saved.rlim_cur, 1100);
+  if (roomy.rlim_cur > saved.rlim_max || ::setrlimit(RLIMIT_NOFILE, &roomy) != 0)
+    GTEST_SKIP() << "cannot allow 1100 open files";
+  for (const bool beyond : {true, false}) {
+    FakeGpsd gpsd({report});
+    std::vector<int> held{::open("/dev/null", O_RDONLY | O_CLOEXEC)};
+    while (beyond && held.back() >= 0 && held.back() < FD_SETSIZE - 1)
+      held.push_back(::fcntl(held.front(), F_DUPFD_CLOEXEC, 0));
+    ASSERT_GE(held.back(), 0);
+    {
+      rlimit none = roomy;
+      none.rlim_cur = static_cast<rlim_t>(held.back() + 1);
+      if (!beyond)
+        ::setrlimit(RLIMIT_NOFILE, &none);
+      Fixture f(gpsd.port());
+      ::setrlimit(RLIMIT_NOFILE, &roomy);
+      EXPECT_EQ(gpsd.transcript(2), (std::vector<std::string>{"connect", "unwatch"})) << beyond;
+      f.arm();
+      EXPECT_EQ(f.recorder->fixes(1).size(), 1u) << beyond;
+      f.manager->stopUpdatingLocation();
+      EXPECT_EQ(gpsd.transcript(4),
+                (std::vector<std::string>{"connect", "unwatch", "watch", "close"}))
+          << beyond;
+    }
+    for (int fd : held)
+      ::close(fd);
+  }
+  ::setrlimit(RLIMIT_NOFILE, &saved);
 }
 
 TEST(GpsdLocationManager, ReadsGpsdAddresses) {

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
+#include <thread>
 
 #include "support/fake_location_manager.hpp"
 #include "support/recording_delegate.hpp"
@@ -293,7 +295,7 @@ const std::array<int, 4> kHours[] = {{9, 17, 9, 0},  {9, 17, 10, 1}, {9, 17, 16,
 INSTANTIATE_TEST_SUITE_P(Hours, SilenceWindow, ::testing::ValuesIn(kHours));
 
 // The libcurl adapter alone: what arrives comes back as is; no complete answer (too slow, over
-// the body cap, no server) is a transport error with status 0 and no body.
+// the body cap, cancelled, no server) is a transport error with status 0 and no body.
 TEST(CurlHttpClient, ReturnsWhatArrivesAndStatusZeroWithoutACompleteAnswer) {
   RecordingServer server;
   server.respond("GET", "/a", {500, std::string(1024, 'a')});
@@ -311,6 +313,18 @@ TEST(CurlHttpClient, ReturnsWhatArrivesAndStatusZeroWithoutACompleteAnswer) {
   EXPECT_EQ(get("/a", fits), std::tuple(false, 500, std::string(1024, 'a')));
   EXPECT_EQ(get("/a", over), none);
   EXPECT_EQ(get("/slow", shortTimeout), none);
+  // A cancel ends the exchange in flight, and no later one is sent.
+  platform::CurlHttpOptions cancellable;
+  cancellable.cancel = std::make_shared<platform::CurlCancel>();
+  std::thread canceller([&] {
+    while (server.requests("GET", "/slow").size() < 2)
+      std::this_thread::sleep_for(1ms);
+    cancellable.cancel->cancel();
+  });
+  EXPECT_EQ(get("/slow", cancellable), none);
+  canceller.join();
+  EXPECT_EQ(get("/a", cancellable), none);
+  EXPECT_EQ(server.requests("GET", "/a").size(), 2u);
   server.stop();
   EXPECT_EQ(get("/a", fits), none);
 }

@@ -37,6 +37,12 @@ class Process {
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
+  /// Sends `signal` to the group while the program runs.
+  void signal(int signal) {
+    if (pid_ > 0)
+      ::kill(-pid_, signal);
+  }
+
   /// Sends `signal` (0: none) to the group, waits up to `limit` for the program to exit, then
   /// kills the group, the program's helpers included. The exit status; -1 when the program did
   /// not exit by itself (or did not start). Later calls give the same status.

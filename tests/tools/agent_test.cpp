@@ -1,6 +1,8 @@
 // zonaris-agent run as a process, end to end: a real zonaris-service, a real gpsd started by
 // gpsfake on 127.0.0.1 replaying an NMEA log generated from the example walk, and the agent.
-// gpsd is started only after the agent, so the agent also has to find it by retrying.
+// gpsd is started only after the agent, so the agent also has to find it by retrying. The
+// log carries the example day's date, long before the system clock's: fixes are fresh by
+// arrival. Then the stop: bounded whatever gpsd and the service do.
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -12,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "support/process.hpp"
+#include "support/silent_listener.hpp"
 
 #if defined(ZONARIS_AGENT_BIN) && defined(ZONARIS_SERVICE_BIN)
 
@@ -54,7 +57,7 @@ TEST(AgentProgram, TakesTheEntryAndItsMessageFromARealGpsdEndToEnd) {
   const std::string examples = ZONARIS_EXAMPLES_DIR;
   const std::string log = s.path("walk.nmea");
   const Ran nmea = run({"python3", examples + "/nmea_from_trace.py", examples + "/walk.csv",
-                        "--start", "now", "--seconds", "90", "-o", log},
+                        "--start", "2026-03-10T07:30:00Z", "--seconds", "90", "-o", log},
                        s, 60s, "nmea");
   ASSERT_EQ(nmea.status, 0) << nmea.err;
 
@@ -93,6 +96,50 @@ TEST(AgentProgram, TakesTheEntryAndItsMessageFromARealGpsdEndToEnd) {
   EXPECT_NE(slurp(s.dir / "store" / "zonaris-store.json").find("\"installId\""), std::string::npos);
 }
 
+// gpsd never accepts the connection (its listen queue is full) and the service never answers
+// the registration. SIGINT at 3 s: the agent is gone within its stop time-out (a short one
+// here; the default is the 60 s the README promises), every thread joined, status 0. With the
+// default, a second SIGINT ends it at once.
+TEST(AgentProgram, StopsWithinItsTimeOutAndAtOnceOnASecondSignal) {
+  Scratch s("zonaris-agent-test");
+  const test::SilentListener gpsd(true), service(false);
+  ASSERT_NE(gpsd.port() * service.port(), 0);
+  struct Row {
+    std::vector<std::string> options;
+    bool second;  // a second SIGINT 0.5 s after the first
+    int status;
+    Clock::duration bound;  // from the last signal to the exit
+    std::string says;
+  };
+  const Row table[] = {
+      {{"--stop-timeout", "2"}, false, 0, 3s, "threads:  all joined"},
+      {{}, true, 130, 1s, "zonaris-agent: SIGINT while stopping: exiting at once"},
+  };
+  for (const auto& row : table) {
+    std::vector<std::string> args{ZONARIS_AGENT_BIN,
+                                  "--service",
+                                  "http://127.0.0.1:" + std::to_string(service.port()),
+                                  "--gpsd",
+                                  "127.0.0.1:" + std::to_string(gpsd.port()),
+                                  "--store",
+                                  s.path("store")};
+    args.insert(args.end(), row.options.begin(), row.options.end());
+    Process agent(args, s.path("stop.out"), s.path("stop.err"));
+    std::this_thread::sleep_for(3s);
+    if (row.second) {
+      agent.signal(SIGINT);
+      std::this_thread::sleep_for(500ms);
+    }
+    const auto signalled = Clock::now();
+    const int status = agent.stop(SIGINT, 10s);
+    const auto took = Clock::now() - signalled;
+    const std::string err = slurp(s.dir / "stop.err");
+    EXPECT_EQ(status, row.status) << err;
+    EXPECT_LE(took, row.bound) << std::chrono::duration<double>(took).count() << " s\n" << err;
+    EXPECT_NE(err.find(row.says), std::string::npos) << err;
+  }
+}
+
 TEST(AgentProgram, RefusesBadOptionsWithOneLineAndStatusTwo) {
   Scratch s("zonaris-agent-test");
   const std::vector<std::vector<std::string>> table = {
@@ -103,6 +150,8 @@ TEST(AgentProgram, RefusesBadOptionsWithOneLineAndStatusTwo) {
       {"--service", "http://127.0.0.1:1", "--tags", "[1]"},
       {"--service", "http://127.0.0.1:1", "--silence", "7", "25"},
       {"--service", "http://127.0.0.1:1", "--until", "0"},
+      {"--service", "http://127.0.0.1:1", "--until", "nan"},
+      {"--service", "http://127.0.0.1:1", "--stop-timeout", "-1"},
       {"--service", "http://127.0.0.1:1", "--unknown"},
   };
   for (const auto& words : table) {

@@ -1,10 +1,28 @@
 #include "zonaris-agent/agent_options.hpp"
 
+#include <cmath>
+#include <cstdlib>
+
 #include <CLI/CLI.hpp>
 
 #include "cli_text.hpp"
 
 namespace zonaris::agent {
+
+namespace {
+
+// A number of seconds: CLI11's Range alone lets NaN through (every comparison with it fails).
+const CLI::Validator kFiniteSeconds(
+    [](std::string& text) -> std::string {
+      char* end = nullptr;
+      const double value = std::strtod(text.c_str(), &end);
+      if (text.empty() || *end != '\0' || !std::isfinite(value))
+        return "not a number of seconds: " + text;
+      return {};
+    },
+    "SECONDS");
+
+}  // namespace
 
 std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv) {
   Options o;
@@ -27,7 +45,12 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
                          ->check(CLI::Range(0, 23));
   app.add_flag("--dev-mode", o.devMode, "developer mode: the client logs every step");
   auto* untilOpt = app.add_option("--until", until, "stop after this many seconds")
-                       ->check(CLI::Range(0.001, 366.0 * 24 * 3600));
+                       ->check(kFiniteSeconds & CLI::Range(0.001, 366.0 * 24 * 3600));
+  app.add_option("--stop-timeout", o.stopTimeout,
+                 "longest the stop may take, in seconds; a second SIGINT or SIGTERM ends the "
+                 "agent at once")
+      ->capture_default_str()
+      ->check(kFiniteSeconds & CLI::Range(0.0, 3600.0));
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {

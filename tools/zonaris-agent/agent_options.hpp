@@ -29,6 +29,9 @@ struct Options {
   std::optional<std::pair<int, int>> silence;
   bool devMode = false;
   std::optional<double> until;
+  /// Seconds from SIGINT, SIGTERM or --until to the exit, whatever gpsd and the service do.
+  /// The README and examples/zonaris-agent.service (TimeoutStopSec=90) rely on this default.
+  double stopTimeout = 60;
 };
 
 /// An exit before the run: the help text with status 0, or one error line with status 2.

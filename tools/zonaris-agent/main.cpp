@@ -2,17 +2,19 @@
 // threads, libcurl, the file store) with gpsd as the position source, and prints every log line
 // and delegate callback as the JSON lines of zonaris-sim ("t": seconds since the agent started).
 // It runs until SIGINT, SIGTERM or --until, then frees the client, joins every thread and prints
-// a summary to stderr.
+// a summary to stderr, all within --stop-timeout; a second SIGINT or SIGTERM ends it at once.
 
 #include <signal.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <variant>
 
@@ -100,13 +102,18 @@ class GpsdWatch {
   bool warned_ = false;
 };
 
-// Waits for SIGINT or SIGTERM (blocked in every thread, see main) or until `until` has passed.
-// Returns the signal's name, or nothing at the deadline.
-std::optional<std::string> waitForStop(std::optional<std::chrono::steady_clock::time_point> until) {
+sigset_t stopSignals() {
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
+  return set;
+}
+
+// Waits for SIGINT or SIGTERM (blocked in every thread, see main) or until `until` has passed.
+// Returns the signal's name, or nothing at the deadline.
+std::optional<std::string> waitForStop(std::optional<std::chrono::steady_clock::time_point> until) {
+  const sigset_t set = stopSignals();
   for (;;) {
     int signal = -1;
     if (until) {
@@ -124,6 +131,19 @@ std::optional<std::string> waitForStop(std::optional<std::chrono::steady_clock::
     if (signal == SIGTERM)
       return "SIGTERM";
   }
+}
+
+// While the agent stops, a SIGINT or SIGTERM ends it at once, with the shell's status for a
+// process ended by that signal (130 or 143).
+void exitOnNextSignal() {
+  std::thread([] {
+    const sigset_t set = stopSignals();
+    int signal = -1;
+    while (signal != SIGINT && signal != SIGTERM)
+      signal = sigwaitinfo(&set, nullptr);
+    say(fmt::format("{} while stopping: exiting at once", signal == SIGINT ? "SIGINT" : "SIGTERM"));
+    std::_Exit(128 + signal);
+  }).detach();
 }
 
 int run(const Options& o) {
@@ -172,6 +192,10 @@ int run(const Options& o) {
     deadline = started + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                              std::chrono::duration<double>(*o.until));
   const auto stoppedBy = waitForStop(deadline);
+  exitOnNextSignal();
+  const auto stopDeadline = std::chrono::steady_clock::now() +
+                            std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                std::chrono::duration<double>(o.stopTimeout));
 
   client->stop();
   const platform::GpsdStatus gpsdStatus = gpsd ? gpsd->status() : platform::GpsdStatus{};
@@ -179,7 +203,9 @@ int run(const Options& o) {
     gpsd->setStatusListener(nullptr);
   gpsd.reset();
   client.reset();
-  const bool joined = production.shutdown();
+  // One deadline for the whole stop: the summary below takes no time worth counting.
+  const bool joined = production.shutdown(std::chrono::ceil<std::chrono::milliseconds>(
+      stopDeadline - std::chrono::steady_clock::now()));
 
   auto calls = writer.callbackCounts();
   auto count = [&](const char* name) { return calls.count(name) ? calls[name] : 0; };
@@ -214,6 +240,10 @@ int run(const Options& o) {
   text += joined ? "  threads:  all joined\n"
                  : "  threads:  a request was still running at exit; it was left behind\n";
   std::fputs(text.c_str(), stderr);
+  // A thread left behind may still write through `writer` and hold the client: end the process
+  // here rather than unwind what it uses.
+  if (!joined)
+    std::_Exit(0);
   return 0;
 }
 
@@ -229,10 +259,7 @@ int main(int argc, char** argv) {
   }
   // SIGINT and SIGTERM are taken by the main thread alone (sigwait); every thread started from
   // here on inherits the blocked mask.
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
+  const sigset_t set = stopSignals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   try {
     return run(std::get<Options>(parsed));

@@ -2,7 +2,8 @@
 
 #include "zonaris/export.h"
 
-// The position source on Linux devices: gpsd, the GNSS daemon, reached through libgps.
+// The position source on Linux devices: gpsd, the GNSS daemon, over its JSON protocol (libgps
+// reads the reports).
 
 #include <chrono>
 #include <cstdint>
@@ -23,9 +24,13 @@ struct ZONARIS_API GpsdOptions {
   std::string host = "localhost";
   std::string port = "2947";
   /// Wait before the first retry of a failed or lost connection; it doubles with each failure
-  /// in a row up to `retryMax`, and starts again from `retryMin` once connected.
+  /// in a row up to `retryMax`, and starts again from `retryMin` once gpsd has sent a report
+  /// with a fix (a gpsd that accepts connections and drops them is retried ever more slowly).
   std::chrono::milliseconds retryMin{1000};
   std::chrono::milliseconds retryMax{30000};
+  /// Longest a connection attempt may take, all of the host's addresses together (a gpsd whose
+  /// listen queue is full never answers); then it counts as failed and is retried.
+  std::chrono::milliseconds connectTimeout{10000};
 };
 
 /// Reads "HOST:PORT", "HOST", ":PORT" or "[IPV6]:PORT" into `GpsdOptions` (the missing part
@@ -53,12 +58,15 @@ struct ZONARIS_API GpsdStatus {
 /// manager stays connected, watching or not; after the stop it closes the connection.
 ///
 /// Delivery: while watching, every TPV report with a 2D or 3D fix, a finite position and a
-/// time no earlier than the moment watching began is delivered on the dispatcher's main queue
-/// (`mainAfter(0, ...)`) as one fix: latitude and longitude; speed in m/s, or -1 when the
-/// report has none; horizontal accuracy from `eph`, else the larger of `epx`/`epy`, else -1;
-/// the report's time as the timestamp. Reports without a fix, without a time or from before
-/// the arming are dropped. The time comparison uses the system clock, so the device's clock
-/// should follow GNSS or NTP time.
+/// time is delivered on the dispatcher's main queue (`mainAfter(0, ...)`) as one fix: latitude
+/// and longitude; speed in m/s, or -1 when the report has none; horizontal accuracy from `eph`,
+/// else the larger of `epx`/`epy`, else -1; the report's time as the timestamp. Freshness is
+/// judged by arrival, not by comparing the receiver's clock with the system clock: a report
+/// read after the arming is fresh, unless its time is earlier than that of the last fix
+/// delivered (a replayed or repeated report). A log recorded on another day and replayed
+/// through gpsfake, or a device whose system clock is wrong, still gets its fixes. Reports
+/// without a fix, a position or a time, older ones, and those read while no sample is armed are
+/// dropped; in developer mode each drop is one line of the platform log, with the reason.
 ///
 /// Failures: when gpsd cannot be reached or the connection is lost, the manager retries with a
 /// growing wait (`GpsdOptions`) and keeps its settings: a sample armed while gpsd was away is
@@ -70,9 +78,10 @@ struct ZONARIS_API GpsdStatus {
 ///
 /// Threads: one thread of its own talks to gpsd; it sleeps in poll() between reports, so an
 /// idle manager costs no CPU. Every operation may be called from any thread and returns without
-/// waiting for gpsd. The destructor (or `shutdown`) closes the connection and joins the thread;
-/// a connection attempt to a host that does not answer may delay it up to the system's connect
-/// time-out.
+/// waiting for gpsd. Every wait of the thread (connecting, reading, the retry back-off) is cut
+/// short by `stopUpdatingLocation` and `shutdown`, so the destructor (or `shutdown`) closes the
+/// connection and joins the thread at once; only a name lookup of the host in progress may hold
+/// it, up to the resolver's own time-outs. Descriptor numbers beyond FD_SETSIZE are fine.
 class ZONARIS_API GpsdLocationManager final : public LocationManager {
  public:
   GpsdLocationManager(std::shared_ptr<Dispatcher> dispatcher, std::shared_ptr<Logger> logger,
@@ -97,8 +106,8 @@ class ZONARIS_API GpsdLocationManager final : public LocationManager {
   /// True while the settings ask gpsd to stream reports.
   bool watching() const;
   GpsdStatus status() const;
-  /// Called on the manager's thread after each connection, lost connection and failed
-  /// attempt, outside the manager's lock. Keep it short.
+  /// Called on the manager's thread after each connection, lost connection, failed attempt and
+  /// close after a stop (never for a report), outside the manager's lock. Keep it short.
   void setStatusListener(std::function<void(const GpsdStatus&)> listener);
 
   /// Closes the connection and joins the manager's thread; nothing is delivered afterwards.

@@ -35,7 +35,8 @@ class GpsdLocationManager;
 class ZONARIS_API ProductionPlatform {
  public:
   explicit ProductionPlatform(const DefaultPlatformOptions& options = {});
-  /// Calls `shutdown()` with its default time-out.
+  /// Calls `shutdown()` with its default time-out, unless `shutdown` was called before: then it
+  /// does not wait again (threads that outlived that call hold what they use).
   ~ProductionPlatform();
   ProductionPlatform(const ProductionPlatform&) = delete;
   ProductionPlatform& operator=(const ProductionPlatform&) = delete;
@@ -43,17 +44,19 @@ class ZONARIS_API ProductionPlatform {
   /// The parts to make clients with (`Zonaris::initWithAppKey` keeps a copy that shares them).
   const Platform& platform() const;
 
-  /// Stops everything the platform runs, in this order: drops the work scheduled on the main
-  /// queue (retries, next samples, beacon steps), stops the tickers (dwell timers) and joins
-  /// the main-queue and ticker threads; closes the connections of the gpsd location managers
-  /// it made and joins their threads; then waits up to `timeout` for the threads that clients
-  /// started for a registration, a download or an evaluation pass (an exchange with the
-  /// service blocks its thread up to libcurl's 60 s time-out). Clients the application no
-  /// longer holds are then released; a client still held stays in memory but gets no more work
-  /// done. True when no thread of the platform is left running. Idempotent. Call it from the
-  /// application's own thread, never from a delegate callback (those run on the platform's
-  /// threads).
-  bool shutdown(std::chrono::milliseconds timeout = std::chrono::seconds(65));
+  /// Stops everything the platform runs within `timeout`, in this order: drops the work
+  /// scheduled on the main queue (retries, next samples, beacon steps), stops the tickers (dwell
+  /// timers) and joins the main-queue and ticker threads; closes the connections of the gpsd
+  /// location managers it made and joins their threads; then waits for the threads that clients
+  /// started for a registration, a download or an evaluation pass. An exchange with the
+  /// service (up to libcurl's 60 s, and a retry on the main queue or an error report may follow
+  /// one) may go on until shortly before the deadline (a tenth of `timeout`, at most 1 s); then
+  /// the platform's exchanges still in flight are cancelled, they fail as transport errors and
+  /// no later one is sent. Clients the application no longer holds are then released; a client
+  /// still held stays in memory but gets no more work done. True when no thread of the platform
+  /// is left running. Idempotent. Call it from the application's own thread, never from a
+  /// delegate callback (those run on the platform's threads).
+  bool shutdown(std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
  private:
   struct Parts;
