@@ -9,6 +9,8 @@
 // decided by the queue alone.
 #include "zonaris/sim/scheduler.hpp"
 
+#include <cxxabi.h>
+
 #include <cstdio>
 #include <exception>
 #include <thread>
@@ -36,6 +38,8 @@ void runGuarded(const platform::Task& task) {
     task();
   } catch (const std::exception& e) {
     std::fprintf(stderr, "zonaris sim: a task threw: %s\n", e.what());
+  } catch (const abi::__forced_unwind&) {
+    throw;  // a callback ended the thread (pthread_exit): swallowing that aborts the process
   } catch (...) {
     std::fprintf(stderr, "zonaris sim: a task threw\n");
   }

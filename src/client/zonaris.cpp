@@ -2,6 +2,8 @@
 // uses to log, to run work on other threads and to reach the delegate.
 #include "zonaris/zonaris.hpp"
 
+#include <cxxabi.h>
+
 #include <cstdlib>
 #include <exception>
 
@@ -129,18 +131,22 @@ void Zonaris::alwaysLog(std::string_view line) const {
 std::vector<std::string> Zonaris::callStackSymbols() const {
   try {
     return platform_.callStack->symbols();
+  } catch (const abi::__forced_unwind&) {
+    throw;  // the thread is being ended (see runGuarded)
   } catch (...) {
     return {};
   }
 }
 
-void Zonaris::reportUnexpected(const char* what, const char* message) noexcept {
+void Zonaris::reportUnexpected(const char* what, const char* message) {
   try {
     // Like every line but the beacon lines, written only in developer mode.
     devLog(fmt::format("Zonaris: unexpected failure in {}: {}", what, message));
     sendException("Unexpected failure", callStackSymbols(),
                   nlohmann::json::array({{{"name", "operation"}, {"value", what}},
                                          {{"name", "message"}, {"value", message}}}));
+  } catch (const abi::__forced_unwind&) {
+    throw;  // the thread is being ended (see runGuarded)
   } catch (...) {
     // Nothing more can be done without risking the host; the failure was logged if possible.
   }
@@ -148,11 +154,16 @@ void Zonaris::reportUnexpected(const char* what, const char* message) noexcept {
 
 namespace {
 
-// Runs one step of the client and keeps any exception inside the library.
+// Runs one step of the client and keeps any exception inside the library. The forced unwind by
+// which glibc ends a thread (pthread_exit or pthread_cancel in a callback of the application;
+// Python ends a foreign thread that asks for the interpreter while it finalises) is let through:
+// swallowed, it aborts the process.
 void runGuarded(Zonaris& self, const char* what, const std::function<void(Zonaris&)>& step,
-                void (Zonaris::*report)(const char*, const char*) noexcept) {
+                void (Zonaris::*report)(const char*, const char*)) {
   try {
     step(self);
+  } catch (const abi::__forced_unwind&) {
+    throw;
   } catch (const std::exception& e) {
     (self.*report)(what, e.what());
   } catch (...) {

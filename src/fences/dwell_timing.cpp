@@ -10,6 +10,8 @@
 // Locking: the walk over the catalogue uses the snapshot it read and takes no lock (fence
 // fields are atomics); each walk over one fence's windows holds the client's monitor, so a
 // tick and `getTimeBeforeDwell` never see a fence's windows half updated by the other.
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -57,6 +59,8 @@ void Zonaris::startDwellTimer() {
   auto ticker = platform_.dispatcher->startTicker(kDwellTick, [self] {
     try {
       self->updateDwellTimes();
+    } catch (const abi::__forced_unwind&) {
+      throw;  // the thread is being ended: see runGuarded in client/zonaris.cpp
     } catch (const std::exception& e) {
       self->reportUnexpected("updateDwellTimes", e.what());
     } catch (...) {

@@ -1,6 +1,8 @@
 // The production HTTP client over libcurl's easy interface.
 #include "zonaris/platform/curl_http.hpp"
 
+#include <cxxabi.h>
+
 #include <curl/curl.h>
 
 #include <cctype>
@@ -82,6 +84,8 @@ class CurlHttpClient final : public HttpClient {
       return perform(request);
     } catch (const std::exception& e) {
       return failure(e.what());
+    } catch (const abi::__forced_unwind&) {
+      throw;  // a thread being ended (pthread_cancel in poll) must not be stopped here
     } catch (...) {
       return failure("unknown failure");
     }

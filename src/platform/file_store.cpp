@@ -1,4 +1,6 @@
 // The key/value store as one JSON file, rewritten atomically on every change.
+#include <cxxabi.h>
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -104,13 +106,16 @@ bool fsyncRetrying(int fd) {
   return true;
 }
 
-// Called with the store's mutex held, which also guards `logger`.
+// Called with the store's mutex held, which also guards `logger`. Not noexcept: the logger may
+// be the application's, which may end the thread.
 void reportWriteFailure(const std::shared_ptr<Logger>& logger, const std::string& key,
-                        const char* step, const std::string& why) noexcept {
+                        const char* step, const std::string& why) {
   if (!logger)
     return;
   try {
     logger->log("zonaris: could not store \"" + key + "\" (" + step + "): " + why);
+  } catch (const abi::__forced_unwind&) {
+    throw;  // a thread being ended (pthread_exit, pthread_cancel) must not be stopped here
   } catch (...) {
     // A logger that fails has nowhere to report to.
   }
@@ -137,6 +142,8 @@ std::int64_t FileStore::getLong(const std::string& key) const {
       return 0;
     auto it = document->find(key);
     return it == document->end() ? 0 : integerOf(*it);
+  } catch (const abi::__forced_unwind&) {
+    throw;  // a thread being ended (pthread_exit, pthread_cancel) must not be stopped here
   } catch (...) {
     return 0;  // only allocation can fail here
   }
@@ -182,6 +189,8 @@ void FileStore::setLong(const std::string& key, std::int64_t value) {
       reportWriteFailure(logger_, key, "sync folder", errnoText());
   } catch (const std::exception& e) {
     reportWriteFailure(logger_, key, "unexpected", e.what());
+  } catch (const abi::__forced_unwind&) {
+    throw;  // a thread being ended (pthread_exit, pthread_cancel) must not be stopped here
   } catch (...) {
     reportWriteFailure(logger_, key, "unexpected", "unknown");
   }

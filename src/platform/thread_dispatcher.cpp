@@ -1,5 +1,7 @@
 // The production dispatcher: a detached thread per task, one main-queue thread and one ticker
 // thread, both started on first use.
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <condition_variable>
 #include <exception>
@@ -30,8 +32,9 @@ class ThreadDispatcher::Diagnostics {
     std::lock_guard lock(mutex_);
     logger_ = std::move(logger);
   }
-  // Call without holding the dispatcher's lock: a logger may post work of its own.
-  void report(const std::string& line) const noexcept {
+  // Call without holding the dispatcher's lock: a logger may post work of its own. Not
+  // noexcept: a logger may end the thread (see runCaught).
+  void report(const std::string& line) const {
     try {
       std::shared_ptr<Logger> logger;
       {
@@ -40,6 +43,8 @@ class ThreadDispatcher::Diagnostics {
       }
       if (logger)
         logger->log(line);
+    } catch (const abi::__forced_unwind&) {
+      throw;
     } catch (...) {
       // A logger that fails has nowhere to report to.
     }
@@ -52,18 +57,26 @@ class ThreadDispatcher::Diagnostics {
 
 namespace {
 
+// The forced unwind by which glibc ends a thread (pthread_exit or pthread_cancel inside a task,
+// for example in a callback of the application; Python ends a foreign thread that way while it
+// finalises) is not an exception of the task: swallowing it aborts the process, so it goes on
+// to the thread's start, which ends the thread.
 void runCaught(const ThreadDispatcher::Diagnostics& diagnostics, const Task& task,
-               const char* where) noexcept {
+               const char* where) {
   const auto escaped = [&](const char* what) {
     try {
       diagnostics.report(std::string("zonaris: an exception escaped a ") + where +
                          " task: " + what);
+    } catch (const abi::__forced_unwind&) {
+      throw;
     } catch (...) {
     }
   };
   try {
     if (task)
       task();
+  } catch (const abi::__forced_unwind&) {
+    throw;
   } catch (const std::exception& e) {
     escaped(e.what());
   } catch (...) {
@@ -176,13 +189,21 @@ void ThreadDispatcher::detach(Task task) {
   }
   try {
     std::thread([state, task = std::move(task)]() mutable {
+      // Counted as finished, its captures released first, also when the thread is ended
+      // inside the task (see runCaught).
+      struct Finished {
+        State& state;
+        Task& task;
+        ~Finished() {
+          task = nullptr;
+          {
+            std::lock_guard lock(state.mutex);
+            --state.detachedRunning;
+          }
+          state.detachedDone.notify_all();
+        }
+      } finished{*state, task};
       runCaught(state->diagnostics, task, "detached");
-      task = nullptr;  // release the captures before reporting the task finished
-      {
-        std::lock_guard lock(state->mutex);
-        --state->detachedRunning;
-      }
-      state->detachedDone.notify_all();
     }).detach();
   } catch (const std::system_error& e) {
     state->diagnostics.report(std::string("zonaris: could not start a thread, task dropped: ") +

@@ -1,6 +1,8 @@
 // Request building, sending and answer parsing shared by the four exchanges with the service.
 #include "service/request.hpp"
 
+#include <cxxabi.h>
+
 #include <charconv>
 #include <cmath>
 #include <exception>
@@ -133,6 +135,8 @@ platform::HttpResponse send(const platform::Platform& platform,
     response = {};
     response.transportError = true;
     response.errorMessage = e.what();
+  } catch (const abi::__forced_unwind&) {
+    throw;  // a thread being ended (pthread_exit, pthread_cancel) must not be stopped here
   } catch (...) {
     response = {};
     response.transportError = true;
