@@ -186,9 +186,6 @@ static void count_fix(void* user, const zonaris_location* location) {
   __atomic_add_fetch((int*)user, 1, __ATOMIC_RELAXED);
   (void)location;
 }
-static void ignore_float(void* user, float value) {
-  (void)user, (void)value;
-}
 static void ignore_line(void* user, const char* line) {
   (void)user, (void)line;
 }
@@ -213,7 +210,6 @@ static void callbacks_replaced_while_called(const char* store) {
   fclose(file);
   full = callbacks_with(&fixes);
   full.updatedInitLocation = count_fix;
-  full.updatedSpeed = full.updatedAvgSpeed = full.updatedGPSAccuracy = ignore_float;
   full.logLine = full.platformError = ignore_line;
   memset(&options, 0, sizeof options);
   options.struct_size = sizeof options;
@@ -324,6 +320,7 @@ static void simulated_walk(const char* examples) {
   const char* scored[] = {"--trace", trace, "--fences", fences, "--score", "s.json", NULL};
   const char* bad_trace[] = {"--trace", fences, "--fences", fences, NULL};
   Walk walk;
+  int i;
   zonaris_callbacks c = callbacks_with(&walk);
   zonaris_simulation* simulation = NULL;
 
@@ -346,10 +343,8 @@ static void simulated_walk(const char* examples) {
   walk.simulation = simulation;
   CHECK(zonaris_simulation_run_for(simulation, 600.0) == ZONARIS_STATUS_OK);
   CHECK(strcmp(walk.events, "entry Home, exit Home") == 0);
-  CHECK(walk.nested[0] == ZONARIS_STATUS_INVALID_STATE);
-  CHECK(walk.nested[1] == ZONARIS_STATUS_INVALID_STATE);
-  CHECK(walk.nested[2] == ZONARIS_STATUS_INVALID_STATE);
-  CHECK(walk.nested[3] == ZONARIS_STATUS_INVALID_STATE);
+  for (i = 0; i < 4; ++i)
+    CHECK(walk.nested[i] == ZONARIS_STATUS_INVALID_STATE);
   CHECK(zonaris_simulation_run_for(simulation, -1.0) == ZONARIS_STATUS_INVALID_ARGUMENT);
   CHECK(zonaris_simulation_run_until(simulation, "noon") == ZONARIS_STATUS_INVALID_ARGUMENT);
   CHECK(zonaris_simulation_run(simulation) == ZONARIS_STATUS_OK);
