@@ -8,8 +8,7 @@
 // one mutex, so everything a task wrote is visible to the next one, and the order of the run is
 // decided by the queue alone.
 #include "zonaris/sim/scheduler.hpp"
-
-#include <cxxabi.h>
+#include "platform/thread_exit.hpp"
 
 #include <cstdio>
 #include <exception>
@@ -38,9 +37,9 @@ void runGuarded(const platform::Task& task) {
     task();
   } catch (const std::exception& e) {
     std::fprintf(stderr, "zonaris sim: a task threw: %s\n", e.what());
-  } catch (const abi::__forced_unwind&) {
-    throw;  // a callback ended the thread (pthread_exit): swallowing that aborts the process
   } catch (...) {
+    if (platform::endingThread())
+      throw;
     std::fprintf(stderr, "zonaris sim: a task threw\n");
   }
 }

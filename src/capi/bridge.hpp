@@ -3,8 +3,6 @@
 // What the C API's entry points share: the calling thread's last error, the guard that keeps
 // every exception inside the library, and the delegate that calls the C callbacks.
 
-#include <cxxabi.h>
-
 #include <cstddef>
 #include <exception>
 #include <memory>
@@ -13,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/thread_exit.hpp"
 #include "zonaris/delegate.hpp"
 #include "zonaris/platform/log.hpp"
 #include "zonaris/zonaris.h"
@@ -30,13 +29,13 @@ template <class Body>
 zonaris_status guarded(Body&& body) {
   try {
     return body();
-  } catch (const abi::__forced_unwind&) {
-    throw;
   } catch (const std::bad_alloc&) {
     return fail(ZONARIS_STATUS_OUT_OF_MEMORY, "out of memory");
   } catch (const std::exception& e) {
     return fail(ZONARIS_STATUS_INTERNAL, e.what());
   } catch (...) {
+    if (platform::endingThread())
+      throw;
     return fail(ZONARIS_STATUS_INTERNAL, "unexpected failure");
   }
 }

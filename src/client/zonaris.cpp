@@ -2,14 +2,13 @@
 // uses to log, to run work on other threads and to reach the delegate.
 #include "zonaris/zonaris.hpp"
 
-#include <cxxabi.h>
-
 #include <cstdlib>
 #include <exception>
 
 #include <fmt/format.h>
 
 #include "client/system_version.hpp"
+#include "platform/thread_exit.hpp"
 
 namespace zonaris {
 
@@ -131,9 +130,9 @@ void Zonaris::alwaysLog(std::string_view line) const {
 std::vector<std::string> Zonaris::callStackSymbols() const {
   try {
     return platform_.callStack->symbols();
-  } catch (const abi::__forced_unwind&) {
-    throw;  // the thread is being ended (see runGuarded)
   } catch (...) {
+    if (platform::endingThread())
+      throw;
     return {};
   }
 }
@@ -145,30 +144,32 @@ void Zonaris::reportUnexpected(const char* what, const char* message) {
     sendException("Unexpected failure", callStackSymbols(),
                   nlohmann::json::array({{{"name", "operation"}, {"value", what}},
                                          {{"name", "message"}, {"value", message}}}));
-  } catch (const abi::__forced_unwind&) {
-    throw;  // the thread is being ended (see runGuarded)
   } catch (...) {
+    if (platform::endingThread())
+      throw;
     // Nothing more can be done without risking the host; the failure was logged if possible.
   }
 }
 
 namespace {
 
-// Runs one step of the client and keeps any exception inside the library. The forced unwind by
-// which glibc ends a thread (pthread_exit or pthread_cancel in a callback of the application;
-// Python ends a foreign thread that asks for the interpreter while it finalises) is let through:
-// swallowed, it aborts the process.
+// Runs one step of the client and keeps any exception inside the library; the forced unwind
+// that ends a thread goes on (see platform/thread_exit.hpp). The report comes after the
+// handler: it reaches the application's logger.
 void runGuarded(Zonaris& self, const char* what, const std::function<void(Zonaris&)>& step,
                 void (Zonaris::*report)(const char*, const char*)) {
+  std::string failure;
   try {
     step(self);
-  } catch (const abi::__forced_unwind&) {
-    throw;
+    return;
   } catch (const std::exception& e) {
-    (self.*report)(what, e.what());
+    failure = e.what();
   } catch (...) {
-    (self.*report)(what, "unknown exception");
+    if (platform::endingThread())
+      throw;
+    failure = "unknown exception";
   }
+  (self.*report)(what, failure.c_str());
 }
 
 }  // namespace

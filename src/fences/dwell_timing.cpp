@@ -10,8 +10,6 @@
 // Locking: the walk over the catalogue uses the snapshot it read and takes no lock (fence
 // fields are atomics); each walk over one fence's windows holds the client's monitor, so a
 // tick and `getTimeBeforeDwell` never see a fence's windows half updated by the other.
-#include <cxxabi.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -20,6 +18,7 @@
 #include <utility>
 
 #include "fences/fence_cache.hpp"
+#include "platform/thread_exit.hpp"
 #include "zonaris/zonaris.hpp"
 
 namespace zonaris {
@@ -57,15 +56,19 @@ void forCountingFences(const Zonaris::FencesPtr& fences, Visit&& visit) {
 void Zonaris::startDwellTimer() {
   auto self = shared_from_this();
   auto ticker = platform_.dispatcher->startTicker(kDwellTick, [self] {
+    // As runGuarded (client/zonaris.cpp): the report follows the handler.
+    std::string failure;
     try {
       self->updateDwellTimes();
-    } catch (const abi::__forced_unwind&) {
-      throw;  // the thread is being ended: see runGuarded in client/zonaris.cpp
+      return;
     } catch (const std::exception& e) {
-      self->reportUnexpected("updateDwellTimes", e.what());
+      failure = e.what();
     } catch (...) {
-      self->reportUnexpected("updateDwellTimes", "unknown exception");
+      if (platform::endingThread())
+        throw;
+      failure = "unknown exception";
     }
+    self->reportUnexpected("updateDwellTimes", failure.c_str());
   });
   std::shared_ptr<platform::TickerHandle> earlier;
   {

@@ -1,7 +1,6 @@
 // The production HTTP client over libcurl's easy interface.
+#include "platform/thread_exit.hpp"
 #include "zonaris/platform/curl_http.hpp"
-
-#include <cxxabi.h>
 
 #include <curl/curl.h>
 
@@ -84,9 +83,9 @@ class CurlHttpClient final : public HttpClient {
       return perform(request);
     } catch (const std::exception& e) {
       return failure(e.what());
-    } catch (const abi::__forced_unwind&) {
-      throw;  // a thread being ended (pthread_cancel in poll) must not be stopped here
     } catch (...) {
+      if (endingThread())
+        throw;
       return failure("unknown failure");
     }
   }

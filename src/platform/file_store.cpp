@@ -1,6 +1,4 @@
 // The key/value store as one JSON file, rewritten atomically on every change.
-#include <cxxabi.h>
-
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -16,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/posix_io.hpp"
+#include "platform/thread_exit.hpp"
 #include "zonaris/platform/production.hpp"
 
 namespace zonaris::platform {
@@ -114,9 +113,9 @@ void reportWriteFailure(const std::shared_ptr<Logger>& logger, const std::string
     return;
   try {
     logger->log("zonaris: could not store \"" + key + "\" (" + step + "): " + why);
-  } catch (const abi::__forced_unwind&) {
-    throw;  // a thread being ended (pthread_exit, pthread_cancel) must not be stopped here
   } catch (...) {
+    if (endingThread())
+      throw;
     // A logger that fails has nowhere to report to.
   }
 }
@@ -142,15 +141,16 @@ std::int64_t FileStore::getLong(const std::string& key) const {
       return 0;
     auto it = document->find(key);
     return it == document->end() ? 0 : integerOf(*it);
-  } catch (const abi::__forced_unwind&) {
-    throw;  // a thread being ended (pthread_exit, pthread_cancel) must not be stopped here
   } catch (...) {
+    if (endingThread())
+      throw;
     return 0;  // only allocation can fail here
   }
 }
 
 void FileStore::setLong(const std::string& key, std::int64_t value) {
   std::lock_guard lock(mutex_);
+  std::string unexpected;  // reported after its handler: see platform/thread_exit.hpp
   try {
     std::error_code ec;
     std::filesystem::create_directories(directory_, ec);  // an error shows at open below
@@ -187,13 +187,15 @@ void FileStore::setLong(const std::string& key, std::int64_t value) {
     // Makes the rename itself durable.
     if (!fsyncRetrying(folder.get()))
       reportWriteFailure(logger_, key, "sync folder", errnoText());
+    return;
   } catch (const std::exception& e) {
-    reportWriteFailure(logger_, key, "unexpected", e.what());
-  } catch (const abi::__forced_unwind&) {
-    throw;  // a thread being ended (pthread_exit, pthread_cancel) must not be stopped here
+    unexpected = e.what();
   } catch (...) {
-    reportWriteFailure(logger_, key, "unexpected", "unknown");
+    if (endingThread())
+      throw;
+    unexpected = "unknown";
   }
+  reportWriteFailure(logger_, key, "unexpected", unexpected);
 }
 
 }  // namespace zonaris::platform

@@ -1,7 +1,5 @@
 // The small system adapters: stderr logging, the system clock, the OS version and the call
 // stack.
-#include <cxxabi.h>
-
 #include <execinfo.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -16,6 +14,7 @@
 #include <sstream>
 
 #include "platform/posix_io.hpp"
+#include "platform/thread_exit.hpp"
 #include "zonaris/platform/production.hpp"
 
 namespace zonaris::platform {
@@ -31,9 +30,9 @@ void StderrLogger::log(std::string_view line) {
     text.append(prefix_).append(line).push_back('\n');
     std::lock_guard lock(mutex_);
     writeAll(STDERR_FILENO, text);  // when stderr refuses, there is nowhere to log to
-  } catch (const abi::__forced_unwind&) {
-    throw;  // a thread being ended (pthread_exit, pthread_cancel) must not be stopped here
   } catch (...) {
+    if (endingThread())
+      throw;
     // Logging must never fail its caller.
   }
 }
@@ -116,9 +115,9 @@ std::string detectSystemVersion() {
 SystemDeviceInfo::SystemDeviceInfo() {
   try {
     version_ = detectSystemVersion();
-  } catch (const abi::__forced_unwind&) {
-    throw;  // a thread being ended (pthread_exit, pthread_cancel) must not be stopped here
   } catch (...) {
+    if (endingThread())
+      throw;
     // Not `version_ = "0"`: GCC 12 at -O3 warns falsely (-Wrestrict) on that assignment.
     version_.assign(1, '0');
   }

@@ -1,7 +1,5 @@
 // The production dispatcher: a detached thread per task, one main-queue thread and one ticker
 // thread, both started on first use.
-#include <cxxabi.h>
-
 #include <algorithm>
 #include <condition_variable>
 #include <exception>
@@ -10,6 +8,7 @@
 #include <thread>
 #include <utility>
 
+#include "platform/thread_exit.hpp"
 #include "zonaris/platform/production.hpp"
 
 namespace zonaris::platform {
@@ -24,8 +23,8 @@ constexpr Duration kMaxDelay = std::chrono::hours(24 * 365 * 100);
 
 }  // namespace
 
-// The dispatcher's own failures go to the logger given to setLogger, if any; never to stderr
-// behind the application's back.
+// The dispatcher's own failures go to the logger given to setLogger, if any (the production
+// platform gives it the error logger of its options); never to stderr by themselves.
 class ThreadDispatcher::Diagnostics {
  public:
   void set(std::shared_ptr<Logger> logger) {
@@ -43,9 +42,9 @@ class ThreadDispatcher::Diagnostics {
       }
       if (logger)
         logger->log(line);
-    } catch (const abi::__forced_unwind&) {
-      throw;
     } catch (...) {
+      if (endingThread())
+        throw;
       // A logger that fails has nowhere to report to.
     }
   }
@@ -57,30 +56,30 @@ class ThreadDispatcher::Diagnostics {
 
 namespace {
 
-// The forced unwind by which glibc ends a thread (pthread_exit or pthread_cancel inside a task,
-// for example in a callback of the application; Python ends a foreign thread that way while it
-// finalises) is not an exception of the task: swallowing it aborts the process, so it goes on
-// to the thread's start, which ends the thread.
+// The forced unwind that ends a thread (pthread_exit or pthread_cancel inside a task, for
+// example in a callback of the application) is not an exception of the task: it goes on to the
+// thread's start, which ends the thread (see platform/thread_exit.hpp). An exception is
+// reported after its handler, since the logger may be the application's.
 void runCaught(const ThreadDispatcher::Diagnostics& diagnostics, const Task& task,
                const char* where) {
-  const auto escaped = [&](const char* what) {
-    try {
-      diagnostics.report(std::string("zonaris: an exception escaped a ") + where +
-                         " task: " + what);
-    } catch (const abi::__forced_unwind&) {
-      throw;
-    } catch (...) {
-    }
-  };
+  std::string failure;
   try {
     if (task)
       task();
-  } catch (const abi::__forced_unwind&) {
-    throw;
+    return;
   } catch (const std::exception& e) {
-    escaped(e.what());
+    failure = e.what();
   } catch (...) {
-    escaped("unknown exception");
+    if (endingThread())
+      throw;
+    failure = "unknown exception";
+  }
+  try {
+    diagnostics.report(std::string("zonaris: an exception escaped a ") + where +
+                       " task: " + failure);
+  } catch (...) {
+    if (endingThread())
+      throw;
   }
 }
 

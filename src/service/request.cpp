@@ -1,7 +1,6 @@
 // Request building, sending and answer parsing shared by the four exchanges with the service.
 #include "service/request.hpp"
-
-#include <cxxabi.h>
+#include "platform/thread_exit.hpp"
 
 #include <charconv>
 #include <cmath>
@@ -135,9 +134,9 @@ platform::HttpResponse send(const platform::Platform& platform,
     response = {};
     response.transportError = true;
     response.errorMessage = e.what();
-  } catch (const abi::__forced_unwind&) {
-    throw;  // a thread being ended (pthread_exit, pthread_cancel) must not be stopped here
   } catch (...) {
+    if (platform::endingThread())
+      throw;
     response = {};
     response.transportError = true;
     response.errorMessage = "unknown failure in the HTTP client";
