@@ -8,6 +8,7 @@
 // one mutex, so everything a task wrote is visible to the next one, and the order of the run is
 // decided by the queue alone.
 #include "zonaris/sim/scheduler.hpp"
+#include "platform/thread_exit.hpp"
 
 #include <cstdio>
 #include <exception>
@@ -37,6 +38,8 @@ void runGuarded(const platform::Task& task) {
   } catch (const std::exception& e) {
     std::fprintf(stderr, "zonaris sim: a task threw: %s\n", e.what());
   } catch (...) {
+    if (platform::endingThread())
+      throw;
     std::fprintf(stderr, "zonaris sim: a task threw\n");
   }
 }

@@ -130,6 +130,12 @@ typedef struct zonaris_callbacks {
   /* One line of the platform log (the library logs in developer mode, and always its beacon
    * scan lines). Without it a client writes its log to stderr. */
   void (*logLine)(void* user, const char* line);
+  /* One line about a failure of the platform under the client that whoever runs the device
+   * should hear of, whatever the developer mode: a write of the store that failed (the
+   * installation's id is then not kept, and the next start registers a new installation), a
+   * thread that could not be started. It arrives on the thread that met the failure. Without
+   * it a client writes such lines to stderr. A simulation has none. */
+  void (*platformError)(void* user, const char* line);
 } zonaris_callbacks;
 
 /* ---- The client ---------------------------------------------------------------------------- */
@@ -149,7 +155,8 @@ typedef struct zonaris_platform_options {
   const char* base_url;             /* the service; null: the one built in */
   const char* store_directory;      /* null: $XDG_DATA_HOME/zonaris, else ~/.local/share/zonaris */
   zonaris_position_source position; /* default ZONARIS_POSITION_FEED */
-  const char* gpsd_host;            /* null: "localhost" */
+  const char* gpsd_host;            /* null: "localhost"; an IPv6 address with or without
+                                       brackets ("::1" or "[::1]") */
   int gpsd_port;                    /* 0: 2947 */
 } zonaris_platform_options;
 
@@ -200,9 +207,14 @@ ZONARIS_API zonaris_status zonaris_push_beacons(zonaris_client* client,
  * is stopped, the work it scheduled is dropped, the platform's threads are joined, and the
  * threads running an exchange with the service are waited for (up to `timeout_ms`; a negative
  * value: 65000, longer than an exchange's 60 s time-out). When this returns no callback of the
- * client runs any more. ZONARIS_STATUS_TIMEOUT: a thread was still running when the time was
- * up; it finishes on its own and calls nothing of the application's. Called from inside one of
- * the client's callbacks: INVALID_STATE, and the client stays as it was. A null client: OK. */
+ * client runs any more. A null client: OK.
+ *
+ * The handle is released whatever this returns, except INVALID_STATE: after OK, TIMEOUT or any
+ * other status it is gone and must not be passed to any function again, not even to this one.
+ * ZONARIS_STATUS_TIMEOUT: the handle is released, but a thread was still running when the time
+ * was up; it finishes on its own and calls nothing of the application's. INVALID_STATE, when
+ * called from inside one of the client's callbacks: nothing is released, the client stays as it
+ * was. */
 ZONARIS_API zonaris_status zonaris_destroy(zonaris_client* client, int timeout_ms);
 
 #ifdef __cplusplus

@@ -200,22 +200,22 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
   // Runs `step` on the main queue after `delay`, holding the client, guarded as above.
   void mainAfterGuarded(const char* what, platform::Duration delay,
                         std::function<void(Zonaris&)> step);
-  // Turns an exception that reached a thread entry into an error report.
-  void reportUnexpected(const char* what, const char* message) noexcept;
+  // Turns an exception that reached a thread entry into an error report. Throws nothing but
+  // the forced unwind that ends a thread.
+  void reportUnexpected(const char* what, const char* message);
   std::vector<std::string> callStackSymbols() const;
   // The efficient policy's state while that policy is in force, else null.
   std::shared_ptr<sampling::EfficientPolicy> efficientPolicy() const;
 
   // The delegate sending rule: resolve the weak reference, ask whether the operation is
-  // implemented, resolve again and call. Nothing is cached between calls.
+  // implemented and call it on that same delegate. Nothing is cached between calls. The
+  // delegate is held for the call, so one replaced meanwhile is never asked one thing and
+  // called for another, and one released meanwhile finishes its call first.
   template <class Call>
   void notifyDelegate(ZonarisCallback which, Call&& call) {
     auto delegate = mDelegate().lock();
-    if (!delegate || !delegate->respondsTo(which))
-      return;
-    delegate.reset();
-    if (auto again = mDelegate().lock())
-      call(*again);
+    if (delegate && delegate->respondsTo(which))
+      call(*delegate);
   }
 
   platform::Platform platform_;

@@ -30,6 +30,10 @@ ZONARIS_API zonaris_status zonaris_simulation_create(const char* const* args,
                                                      const zonaris_callbacks* callbacks,
                                                      zonaris_simulation** simulation);
 
+/* The three run functions move the simulation's time and call back on the calling thread.
+ * Called from inside a callback of the same simulation they do nothing and return
+ * INVALID_STATE: the run in progress is not run again from within itself. */
+
 /* Runs the simulation for `seconds` virtual seconds (>= 0, at most a year). */
 ZONARIS_API zonaris_status zonaris_simulation_run_for(zonaris_simulation* simulation,
                                                       double seconds);

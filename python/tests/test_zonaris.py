@@ -1,11 +1,17 @@
 """The Python package over the C API: the simulation's transcript, the production client's
 threads and errors, and the statuses that become exceptions."""
+import http.server
+import json
+import os
+import subprocess
+import sys
 import threading
 from pathlib import Path
 
 import pytest
 
 import zonaris
+from zonaris import _native
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
 WALK = dict(trace=EXAMPLES / "walk.csv", fences=EXAMPLES / "fences.json")
@@ -14,6 +20,8 @@ WALK = dict(trace=EXAMPLES / "walk.csv", fences=EXAMPLES / "fences.json")
 def test_identity():
     assert zonaris.abi_version() == zonaris.ABI_VERSION
     assert zonaris.version().startswith("2.")
+    lib = _native.client_library()
+    assert [lib.zonaris_status_text(s).decode() for s in range(8)] == zonaris.STATUS_TEXTS
 
 
 def test_the_walk_as_events_messages_and_callbacks():
@@ -45,7 +53,10 @@ def test_the_walk_as_events_messages_and_callbacks():
     (dict(WALK, trace=EXAMPLES / "fences.json"), "invalid argument", "fences.json"),
     (dict(WALK, silence=(25, 3)), "invalid argument", "--silence"),
 ])
-def test_wrong_simulation_options_raise(options, status, words):
+def test_wrong_simulation_options_raise(options, status, words, monkeypatch):
+    # The simulation library alone is enough to describe its errors.
+    monkeypatch.setattr(_native, "_client_lib", None)
+    monkeypatch.setenv("ZONARIS_LIBRARY", "/nonexistent/libzonaris.so")
     with pytest.raises(zonaris.ZonarisError) as raised:
         zonaris.Simulation(**options)
     assert raised.value.status_text == status and words in raised.value.message
@@ -92,3 +103,52 @@ def test_client_refuses_wrong_values(tmp_path, call, words):
         with pytest.raises((zonaris.ZonarisError, TypeError), match=words):
             call(client)
         assert client.push_location(52.52, 13.40)  # the source runs from construction on
+
+
+@pytest.mark.parametrize("mode", ["drop", "exit", "unwind", "timeout"])
+def test_a_client_left_behind_does_not_crash_its_host(tmp_path, mode):
+    probe = subprocess.run([sys.executable, str(Path(__file__).with_name("probe.py")), mode,
+                            str(tmp_path)], capture_output=True, text=True, timeout=120)
+    assert (probe.returncode, probe.stdout) == (0, "ok\n"), probe.stderr
+
+
+def test_set_delegate_reuses_its_functions_and_a_refused_init_leaves_no_client(tmp_path):
+    with zonaris.Client("py-test", base_url="http://127.0.0.1:9",
+                        store_directory=str(tmp_path), logLine=print) as client:
+        for _ in range(50):
+            client.set_delegate(logLine=print, updatedSpeed=print)
+            client.set_delegate()
+        assert len(client._callbacks.functions) == 2
+    tasks = len(os.listdir("/proc/self/task"))
+    with pytest.raises(TypeError, match="unknown callback"):  # gpsd: a thread from the start
+        zonaris.Client("py-test", position="gpsd", gpsd_host="127.0.0.1", gpsd_port=9,
+                       store_directory=str(tmp_path), noSuchCallback=print)
+    assert len(os.listdir("/proc/self/task")) == tasks
+
+
+def test_a_store_that_cannot_be_written_reaches_platform_error():
+    class Service(http.server.BaseHTTPRequestHandler):
+        def do_POST(self):
+            self.rfile.read(int(self.headers.get("Content-Length", 0)))
+            body = json.dumps({"id": 5}).encode() if self.path == "/install" else b"{}"
+            self.send_response(201 if self.path == "/install" else 200)
+            self.send_header("Content-Length", str(len(body)))
+            self.end_headers()
+            self.wfile.write(body)
+
+        def log_message(self, *args):
+            pass
+
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Service)
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    errors, arrived = [], threading.Event()
+    try:
+        with zonaris.Client("py-test", base_url="http://127.0.0.1:%d" % server.server_port,
+                            store_directory="/proc/zonaris-store",
+                            platformError=lambda line: (errors.append(line), arrived.set())
+                            ) as client:
+            client.start()  # not in developer mode: the client itself logs nothing
+            assert arrived.wait(20)
+    finally:
+        server.shutdown()
+    assert errors[0].startswith('zonaris: could not store "installId"'), errors

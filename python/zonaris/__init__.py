@@ -12,6 +12,7 @@ simulation), a file or a folder; else the build trees of the source tree; else t
 import ctypes
 import json
 import time
+import weakref
 from dataclasses import dataclass, field
 from typing import Any, Callable, Dict, List, Optional
 
@@ -22,7 +23,13 @@ __all__ = ["Client", "Simulation", "SimulationResult", "Event", "Message", "Call
 
 #: The ABI this package was written for (ZONARIS_ABI_VERSION of zonaris/zonaris.h).
 ABI_VERSION = 1
-CALLBACK_NAMES = [name for name in _native.CALLBACK_TYPES if name != "logLine"]
+CALLBACK_NAMES = [name for name in _native.CALLBACK_TYPES
+                  if name not in ("logLine", "platformError")]
+# zonaris_status_text of every status, here so that a simulation's errors need only
+# libzonaris_simulation.so, which exports its own API alone.
+STATUS_TEXTS = ["ok", "invalid argument", "invalid state", "unsupported", "input/output error",
+                "out of memory", "timeout", "internal error"]
+_INVALID_STATE, _TIMEOUT = 2, 6
 
 
 class ZonarisError(Exception):
@@ -35,9 +42,8 @@ class ZonarisError(Exception):
 
 def _check(status, last_error):
     if status != 0:
-        lib = _native.client_library()
-        raise ZonarisError(status, lib.zonaris_status_text(status).decode(),
-                           last_error().decode("utf-8", "replace"))
+        text = STATUS_TEXTS[status] if 0 <= status < len(STATUS_TEXTS) else "unknown status"
+        raise ZonarisError(status, text, last_error().decode("utf-8", "replace"))
 
 
 def version() -> str:
@@ -78,31 +84,63 @@ _CONVERT: Dict[str, Callable[..., list]] = {
     "updatedInterval": lambda seconds: [seconds],
     "updatedGPSAccuracy": lambda metres: [metres],
     "logLine": lambda line: [_text(line)],
+    "platformError": lambda line: [_text(line)],
 }
 
 
-def _callbacks(handlers: Dict[str, Callable], on_error: Callable[[BaseException], None]):
-    """A zonaris_callbacks struct calling `handlers` (name -> callable), and the ctypes function
-    objects it points to, which must stay alive as long as the library may call them."""
-    struct = _native.Callbacks()
-    struct.struct_size = ctypes.sizeof(_native.Callbacks)
-    keep = []
-    for name, handler in handlers.items():
-        if handler is None:
-            continue
-        if name not in _native.CALLBACK_TYPES:
-            raise TypeError(f"unknown callback: {name}")
+class _Callbacks:
+    """The C side of a handle's callbacks: one ctypes function per callback name, made on first
+    use and kept as long as the library may call it, which calls the handler currently set for
+    that name. Replacing the handlers makes no new functions, so nothing piles up, and a call
+    already on its way into an old handler still finds a live function. It holds nothing of the
+    Client, so that the Client can be collected."""
 
-        def trampoline(user, *args, _name=name, _handler=handler):
+    def __init__(self, on_error: Callable[[BaseException], None]):
+        self.handlers: Dict[str, Callable] = {}
+        self.functions: Dict[str, Any] = {}
+        self._on_error = on_error
+
+    def struct(self, handlers: Dict[str, Callable]):
+        """A zonaris_callbacks struct for `handlers` (name -> callable; None leaves it out),
+        which become the handlers called. TypeError for a name that is not a callback."""
+        unknown = [name for name in handlers if name not in _native.CALLBACK_TYPES]
+        if unknown:
+            raise TypeError(f"unknown callback: {unknown[0]}")
+        struct = _native.Callbacks()
+        struct.struct_size = ctypes.sizeof(_native.Callbacks)
+        for name, handler in handlers.items():
+            if handler is not None:
+                if name not in self.functions:
+                    self.functions[name] = _native.CALLBACK_TYPES[name](self._trampoline(name))
+                setattr(struct, name, self.functions[name])
+        self.handlers = dict(handlers)
+        return struct
+
+    def _trampoline(self, name):
+        def trampoline(user, *args):
+            handler = self.handlers.get(name)
+            if handler is None:
+                return
             try:  # an exception must not unwind through the library
-                _handler(*_CONVERT[_name](*args))
+                handler(*_CONVERT[name](*args))
             except BaseException as error:  # noqa: B036 - reported, never raised into C
-                on_error(error)
+                self._on_error(error)
+        return trampoline
 
-        function = _native.CALLBACK_TYPES[name](trampoline)
-        setattr(struct, name, function)
-        keep.append(function)
-    return struct, keep
+
+# Callbacks of clients whose release timed out: a thread of theirs may still be inside one.
+_ABANDONED: List[_Callbacks] = []
+
+
+def _destroy(lib, handle, callbacks: _Callbacks, timeout_ms: int = -1, closing=False) -> int:
+    """zonaris_destroy. The handle is gone after any status but INVALID_STATE (called from
+    inside one of the client's own callbacks). A finalizer that meets INVALID_STATE (the garbage
+    collector ran on such a thread) leaves the handle, and with it the callback functions, for
+    good; close() leaves the client open."""
+    status = lib.zonaris_destroy(handle, timeout_ms)
+    if status == _TIMEOUT or (status == _INVALID_STATE and not closing):
+        _ABANDONED.append(callbacks)
+    return status
 
 
 def _report(error: BaseException):
@@ -120,7 +158,10 @@ class Client:
     others on a thread per position fix), so guard what they share. Exceptions they raise are
     printed to stderr and go no further. Positions are pushed with push_location (position
     "feed", the default) or come from gpsd (position="gpsd", gpsd_host, gpsd_port).
-    close() (or leaving a with-block) releases the client and joins its threads.
+    platformError=... receives the platform's own failures (a store that cannot be written),
+    whatever the developer mode; without it they go to stderr.
+    close() (or leaving a with-block) releases the client and joins its threads; a client
+    that is collected, or still open when the interpreter exits, is closed then.
     """
 
     def __init__(self, app_key: str, *, base_url: Optional[str] = None,
@@ -137,15 +178,23 @@ class Client:
             store_directory.encode() if store_directory else None,
             1 if position == "gpsd" else 0,
             gpsd_host.encode() if gpsd_host else None, gpsd_port)
-        handle = ctypes.c_void_p()
         self._handle = None
-        self._keep: List[Any] = []
-        self._on_error = on_callback_error
+        self._callbacks = _Callbacks(on_callback_error)
+        struct = self._callbacks.struct(callbacks)  # refuses unknown names before any handle
+        handle = ctypes.c_void_p()
         self._call(self._lib.zonaris_init_with_app_key, app_key.encode(), ctypes.byref(options),
                    ctypes.byref(handle))
         self._handle = handle
+        # Closes the client when it is collected or at interpreter exit, before the interpreter
+        # goes away under the library's threads; close() does it earlier.
+        self._finalizer = weakref.finalize(self, _destroy, self._lib, handle, self._callbacks)
         if callbacks:
-            self.set_delegate(**callbacks)
+            try:
+                self._call(self._lib.zonaris_set_delegate, handle, ctypes.byref(struct))
+            except BaseException:
+                self._handle = None
+                self._finalizer()
+                raise
 
     def _call(self, function, *args):
         _check(function(*args), self._lib.zonaris_last_error)
@@ -171,11 +220,10 @@ class Client:
 
     def set_delegate(self, **callbacks: Callable):
         """Replaces all callbacks; none given removes them."""
-        struct, keep = _callbacks(callbacks, self._on_error)
-        self._call(self._lib.zonaris_set_delegate, self._live(),
+        handle = self._live()
+        struct = self._callbacks.struct(callbacks)
+        self._call(self._lib.zonaris_set_delegate, handle,
                    ctypes.byref(struct) if callbacks else None)
-        # The old function objects stay referenced: a callback may still be finishing.
-        self._keep.extend(keep)
 
     def start(self):
         self._call(self._lib.zonaris_start, self._live())
@@ -202,11 +250,18 @@ class Client:
         self._call(self._lib.zonaris_push_beacons, self._live(), array, len(beacons))
 
     def close(self, timeout: float = 65.0):
-        """Releases the client and joins its threads; no callback runs afterwards."""
-        if self._handle is not None:
-            self._call(self._lib.zonaris_destroy, self._handle, int(timeout * 1000))
+        """Releases the client and joins its threads; no callback runs afterwards. ZonarisError
+        "timeout" when a thread was still running after `timeout` seconds: the client is
+        released all the same. Called from inside one of its callbacks: ZonarisError "invalid
+        state", and the client stays open."""
+        if self._handle is None:
+            return
+        status = _destroy(self._lib, self._handle, self._callbacks, int(timeout * 1000),
+                          closing=True)
+        if status != _INVALID_STATE:
             self._handle = None
-            self._keep.clear()
+            self._finalizer.detach()
+        _check(status, self._lib.zonaris_last_error)
 
     def __enter__(self):
         return self
@@ -296,8 +351,8 @@ class Simulation:
         def keep_first_error(error):
             self._error = self._error or error
 
-        struct, self._keep = _callbacks({name: record(name) for name in _native.CALLBACK_TYPES},
-                                        keep_first_error)
+        self._callbacks = _Callbacks(keep_first_error)
+        struct = self._callbacks.struct({name: record(name) for name in _native.CALLBACK_TYPES})
         handle = ctypes.c_void_p()
         self._call(self._lib.zonaris_simulation_create, argv, ctypes.byref(struct),
                    ctypes.byref(handle))

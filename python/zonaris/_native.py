@@ -74,6 +74,7 @@ CALLBACK_TYPES = {
     "updatedInterval": ctypes.CFUNCTYPE(None, _V, ctypes.c_int32),
     "updatedGPSAccuracy": ctypes.CFUNCTYPE(None, _V, ctypes.c_float),
     "logLine": ctypes.CFUNCTYPE(None, _V, ctypes.c_char_p),
+    "platformError": ctypes.CFUNCTYPE(None, _V, ctypes.c_char_p),
 }
 
 

@@ -54,17 +54,20 @@ const void* callbackOwner() {
   return currentOwner;
 }
 
-template <class Call>
-void CallbackDelegate::call(Call&& call) const {
+template <class Function, class... Args>
+void CallbackDelegate::invoke(Function zonaris_callbacks::*slot, Args... args) const {
+  const Function function = callbacks_.*slot;
+  if (!function)
+    return;
   OwnerScope scope(owner_);
-  call(callbacks_);
+  function(callbacks_.user, args...);
 }
 
-bool CallbackDelegate::logLine(std::string_view line) const {
-  if (!callbacks_.logLine)
+bool CallbackDelegate::line(LineSlot slot, std::string_view text) const {
+  if (!(callbacks_.*slot))
     return false;
-  const std::string text(line);
-  call([&](const zonaris_callbacks& c) { c.logLine(c.user, text.c_str()); });
+  const std::string copy(text);
+  invoke(slot, copy.c_str());
   return true;
 }
 
@@ -104,66 +107,62 @@ bool CallbackDelegate::respondsTo(ZonarisCallback callback) const {
 void CallbackDelegate::updatedInitLocation(const platform::Location& l) {
   const zonaris_location location{l.latitude, l.longitude, l.speed, l.horizontalAccuracy,
                                   toUnixSeconds(l.timestamp)};
-  call([&](const zonaris_callbacks& c) { c.updatedInitLocation(c.user, &location); });
+  invoke(&zonaris_callbacks::updatedInitLocation, &location);
 }
 
 void CallbackDelegate::updatedDistanceToNearestFence(double distance, bool inside) {
-  call([&](const zonaris_callbacks& c) {
-    c.updatedDistanceToNearestFence(c.user, distance, inside ? 1 : 0);
-  });
+  invoke(&zonaris_callbacks::updatedDistanceToNearestFence, distance, inside ? 1 : 0);
 }
 
 void CallbackDelegate::updatedBeaconScan(bool scanning) {
-  call([&](const zonaris_callbacks& c) { c.updatedBeaconScan(c.user, scanning ? 1 : 0); });
+  invoke(&zonaris_callbacks::updatedBeaconScan, scanning ? 1 : 0);
 }
 
 void CallbackDelegate::reportSent() {
-  call([&](const zonaris_callbacks& c) { c.reportSent(c.user); });
+  invoke(&zonaris_callbacks::reportSent);
 }
 
 void CallbackDelegate::eventEnterCallback(const std::optional<std::string>& name) {
-  call([&](const zonaris_callbacks& c) { c.eventEnterCallback(c.user, nameOrNull(name)); });
+  invoke(&zonaris_callbacks::eventEnterCallback, nameOrNull(name));
 }
 
 void CallbackDelegate::eventExitCallback(const std::optional<std::string>& name) {
-  call([&](const zonaris_callbacks& c) { c.eventExitCallback(c.user, nameOrNull(name)); });
+  invoke(&zonaris_callbacks::eventExitCallback, nameOrNull(name));
 }
 
 void CallbackDelegate::eventDwellCallback(const std::optional<std::string>& name) {
-  call([&](const zonaris_callbacks& c) { c.eventDwellCallback(c.user, nameOrNull(name)); });
+  invoke(&zonaris_callbacks::eventDwellCallback, nameOrNull(name));
 }
 
 void CallbackDelegate::actionBasicCallback(std::shared_ptr<const ZonarisActionBasic> action) {
   if (!action)
     return;
-  call([&](const zonaris_callbacks& c) {
-    c.actionBasicCallback(c.user, action->getTitle().c_str(), action->getBody().c_str(),
-                          action->getURL().c_str());
-  });
+  invoke(&zonaris_callbacks::actionBasicCallback, action->getTitle().c_str(),
+         action->getBody().c_str(), action->getURL().c_str());
 }
 
 void CallbackDelegate::actionDataCallback(std::shared_ptr<const ZonarisActionData> action) {
-  if (!action)
+  if (!action || !callbacks_.actionDataCallback)
     return;
   const std::string values =
       action->values().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-  call([&](const zonaris_callbacks& c) { c.actionDataCallback(c.user, values.c_str()); });
+  invoke(&zonaris_callbacks::actionDataCallback, values.c_str());
 }
 
 void CallbackDelegate::updatedSpeed(float speed) {
-  call([&](const zonaris_callbacks& c) { c.updatedSpeed(c.user, speed); });
+  invoke(&zonaris_callbacks::updatedSpeed, speed);
 }
 
 void CallbackDelegate::updatedAvgSpeed(float speed) {
-  call([&](const zonaris_callbacks& c) { c.updatedAvgSpeed(c.user, speed); });
+  invoke(&zonaris_callbacks::updatedAvgSpeed, speed);
 }
 
 void CallbackDelegate::updatedInterval(std::int32_t seconds) {
-  call([&](const zonaris_callbacks& c) { c.updatedInterval(c.user, seconds); });
+  invoke(&zonaris_callbacks::updatedInterval, seconds);
 }
 
 void CallbackDelegate::updatedGPSAccuracy(float metres) {
-  call([&](const zonaris_callbacks& c) { c.updatedGPSAccuracy(c.user, metres); });
+  invoke(&zonaris_callbacks::updatedGPSAccuracy, metres);
 }
 
 void ForwardingLogger::log(std::string_view line) {
@@ -176,7 +175,7 @@ void ForwardingLogger::log(std::string_view line) {
     target = target_;
     fallback = fallback_;
   }
-  if (target && target->logLine(line))
+  if (target && target->line(slot_, line))
     return;
   if (fallback)
     fallback->log(line);

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/thread_exit.hpp"
 #include "zonaris/delegate.hpp"
 #include "zonaris/platform/log.hpp"
 #include "zonaris/zonaris.h"
@@ -21,8 +22,11 @@ namespace zonaris::capi {
 zonaris_status fail(zonaris_status status, std::string_view message) noexcept;
 
 /// Runs `body` (which returns a zonaris_status) and turns anything it throws into a status.
+/// The one thing let through is the forced unwind by which glibc ends a thread (pthread_exit,
+/// pthread_cancel; Python ends a foreign thread that way while it finalises): swallowing it
+/// aborts the process, so it is not noexcept.
 template <class Body>
-zonaris_status guarded(Body&& body) noexcept {
+zonaris_status guarded(Body&& body) {
   try {
     return body();
   } catch (const std::bad_alloc&) {
@@ -30,6 +34,8 @@ zonaris_status guarded(Body&& body) noexcept {
   } catch (const std::exception& e) {
     return fail(ZONARIS_STATUS_INTERNAL, e.what());
   } catch (...) {
+    if (platform::endingThread())
+      throw;
     return fail(ZONARIS_STATUS_INTERNAL, "unexpected failure");
   }
 }
@@ -43,16 +49,23 @@ bool copyCallbacks(const zonaris_callbacks& in, zonaris_callbacks& out);
 /// null outside callbacks.
 const void* callbackOwner();
 
-/// Calls the C callbacks. Each delegate operation is wanted exactly when its pointer is set.
-/// Exceptions cannot come back through a C callback, so none is caught here.
+/// A callback that takes one line of text (logLine, platformError), as a member of the struct.
+using LineCallback = void (*)(void* user, const char* line);
+using LineSlot = LineCallback zonaris_callbacks::*;
+
+/// Calls the C callbacks. Each delegate operation is wanted exactly when its pointer is set, and
+/// each call checks its pointer again, so a struct without it is never called through a null
+/// pointer whoever asks. Exceptions cannot come back through a C callback, so none is caught
+/// here.
 class CallbackDelegate final : public ZonarisDelegate {
  public:
   CallbackDelegate(const zonaris_callbacks& callbacks, const void* owner)
       : callbacks_(callbacks), owner_(owner) {}
 
   const zonaris_callbacks& callbacks() const { return callbacks_; }
-  /// Passes one log line to logLine; false when there is none.
-  bool logLine(std::string_view line) const;
+  /// Passes one line to the callback in `slot`; false when the struct has none.
+  bool line(LineSlot slot, std::string_view text) const;
+  bool logLine(std::string_view text) const { return line(&zonaris_callbacks::logLine, text); }
 
   bool respondsTo(ZonarisCallback callback) const override;
   void updatedInitLocation(const platform::Location& location) override;
@@ -70,19 +83,21 @@ class CallbackDelegate final : public ZonarisDelegate {
   void updatedGPSAccuracy(float metres) override;
 
  private:
-  template <class Call>
-  void call(Call&& call) const;
+  // Calls the function in `slot` with `user` first, unless it is null.
+  template <class Function, class... Args>
+  void invoke(Function zonaris_callbacks::*slot, Args... args) const;
 
   const zonaris_callbacks callbacks_;
   const void* owner_;
 };
 
-/// The platform log of a handle: each line goes to the current delegate's logLine, or to
-/// `fallback` (may be null) when the delegate has none. `silence()` drops every later line.
+/// A line sink of a handle: each line goes to the current delegate's callback in `slot`
+/// (logLine, platformError), or to `fallback` (may be null) when the delegate has none.
+/// `silence()` drops every later line.
 class ForwardingLogger final : public platform::Logger {
  public:
-  explicit ForwardingLogger(std::shared_ptr<platform::Logger> fallback)
-      : fallback_(std::move(fallback)) {}
+  ForwardingLogger(std::shared_ptr<platform::Logger> fallback, LineSlot slot)
+      : fallback_(std::move(fallback)), slot_(slot) {}
   void log(std::string_view line) override;
   void setTarget(std::shared_ptr<const CallbackDelegate> target);
   void silence();
@@ -90,6 +105,7 @@ class ForwardingLogger final : public platform::Logger {
  private:
   std::mutex mutex_;
   std::shared_ptr<platform::Logger> fallback_;
+  const LineSlot slot_;
   std::shared_ptr<const CallbackDelegate> target_;
   bool silent_ = false;
 };

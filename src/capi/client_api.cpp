@@ -20,6 +20,7 @@ using zonaris::capi::guarded;
 struct zonaris_client {
   std::unique_ptr<zonaris::platform::ProductionPlatform> production;
   std::shared_ptr<zonaris::capi::ForwardingLogger> logger;
+  std::shared_ptr<zonaris::capi::ForwardingLogger> errors;  // the platform's own failures
   std::shared_ptr<zonaris::Zonaris> client;
   std::shared_ptr<zonaris::ZonarisTags> tags = std::make_shared<zonaris::ZonarisTags>();
   std::shared_ptr<zonaris::capi::CallbackDelegate> delegate;
@@ -75,7 +76,10 @@ ZONARIS_API zonaris_status zonaris_init_with_app_key(const char* app_key,
     if (o.position == ZONARIS_POSITION_GPSD) {
       if (o.gpsd_port < 0 || o.gpsd_port > 65535)
         return fail(ZONARIS_STATUS_INVALID_ARGUMENT, "gpsd_port is not a port number");
-      const std::string host = o.gpsd_host ? o.gpsd_host : "localhost";
+      std::string host = o.gpsd_host ? o.gpsd_host : "localhost";
+      // An IPv6 address is bracketed in "HOST:PORT"; one given without brackets gets them.
+      if (host.find(':') != std::string::npos && host.front() != '[')
+        host = "[" + host + "]";
       const int port = o.gpsd_port ? o.gpsd_port : kDefaultGpsdPort;
       platformOptions.gpsd = host + ":" + std::to_string(port);
       if (!zonaris::platform::parseGpsdAddress(platformOptions.gpsd))
@@ -85,9 +89,13 @@ ZONARIS_API zonaris_status zonaris_init_with_app_key(const char* app_key,
     }
 
     auto handle = std::make_unique<zonaris_client>();
-    handle->logger = std::make_shared<zonaris::capi::ForwardingLogger>(
-        std::make_shared<zonaris::platform::StderrLogger>());
+    auto stderrLogger = std::make_shared<zonaris::platform::StderrLogger>();
+    handle->logger = std::make_shared<zonaris::capi::ForwardingLogger>(stderrLogger,
+                                                                       &zonaris_callbacks::logLine);
+    handle->errors = std::make_shared<zonaris::capi::ForwardingLogger>(
+        stderrLogger, &zonaris_callbacks::platformError);
     platformOptions.logger = handle->logger;
+    platformOptions.errorLogger = handle->errors;
     handle->production = std::make_unique<zonaris::platform::ProductionPlatform>(platformOptions);
     handle->client = zonaris::Zonaris::initWithAppKey(app_key, handle->production->platform());
     if (!handle->client)
@@ -161,6 +169,7 @@ ZONARIS_API zonaris_status zonaris_set_delegate(zonaris_client* handle,
     }
     handle->client->setDelegate(delegate);
     handle->logger->setTarget(delegate);
+    handle->errors->setTarget(delegate);
     handle->delegate = std::move(delegate);
     return ZONARIS_STATUS_OK;
   });
@@ -247,6 +256,7 @@ ZONARIS_API zonaris_status zonaris_destroy(zonaris_client* handle, int timeout_m
                   "a client cannot be destroyed from inside one of its callbacks");
     std::unique_ptr<zonaris_client> owned(handle);
     owned->logger->silence();
+    owned->errors->silence();
     owned->client->setDelegate({});
     owned->client->stop();
     owned->client.reset();

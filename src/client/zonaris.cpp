@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "client/system_version.hpp"
+#include "platform/thread_exit.hpp"
 
 namespace zonaris {
 
@@ -130,11 +131,13 @@ std::vector<std::string> Zonaris::callStackSymbols() const {
   try {
     return platform_.callStack->symbols();
   } catch (...) {
+    if (platform::endingThread())
+      throw;
     return {};
   }
 }
 
-void Zonaris::reportUnexpected(const char* what, const char* message) noexcept {
+void Zonaris::reportUnexpected(const char* what, const char* message) {
   try {
     // Like every line but the beacon lines, written only in developer mode.
     devLog(fmt::format("Zonaris: unexpected failure in {}: {}", what, message));
@@ -142,22 +145,31 @@ void Zonaris::reportUnexpected(const char* what, const char* message) noexcept {
                   nlohmann::json::array({{{"name", "operation"}, {"value", what}},
                                          {{"name", "message"}, {"value", message}}}));
   } catch (...) {
+    if (platform::endingThread())
+      throw;
     // Nothing more can be done without risking the host; the failure was logged if possible.
   }
 }
 
 namespace {
 
-// Runs one step of the client and keeps any exception inside the library.
+// Runs one step of the client and keeps any exception inside the library; the forced unwind
+// that ends a thread goes on (see platform/thread_exit.hpp). The report comes after the
+// handler: it reaches the application's logger.
 void runGuarded(Zonaris& self, const char* what, const std::function<void(Zonaris&)>& step,
-                void (Zonaris::*report)(const char*, const char*) noexcept) {
+                void (Zonaris::*report)(const char*, const char*)) {
+  std::string failure;
   try {
     step(self);
+    return;
   } catch (const std::exception& e) {
-    (self.*report)(what, e.what());
+    failure = e.what();
   } catch (...) {
-    (self.*report)(what, "unknown exception");
+    if (platform::endingThread())
+      throw;
+    failure = "unknown exception";
   }
+  (self.*report)(what, failure.c_str());
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "fences/fence_cache.hpp"
+#include "platform/thread_exit.hpp"
 #include "zonaris/zonaris.hpp"
 
 namespace zonaris {
@@ -55,13 +56,19 @@ void forCountingFences(const Zonaris::FencesPtr& fences, Visit&& visit) {
 void Zonaris::startDwellTimer() {
   auto self = shared_from_this();
   auto ticker = platform_.dispatcher->startTicker(kDwellTick, [self] {
+    // As runGuarded (client/zonaris.cpp): the report follows the handler.
+    std::string failure;
     try {
       self->updateDwellTimes();
+      return;
     } catch (const std::exception& e) {
-      self->reportUnexpected("updateDwellTimes", e.what());
+      failure = e.what();
     } catch (...) {
-      self->reportUnexpected("updateDwellTimes", "unknown exception");
+      if (platform::endingThread())
+        throw;
+      failure = "unknown exception";
     }
+    self->reportUnexpected("updateDwellTimes", failure.c_str());
   });
   std::shared_ptr<platform::TickerHandle> earlier;
   {

@@ -1,4 +1,5 @@
 // The production HTTP client over libcurl's easy interface.
+#include "platform/thread_exit.hpp"
 #include "zonaris/platform/curl_http.hpp"
 
 #include <curl/curl.h>
@@ -142,6 +143,8 @@ class CurlHttpClient final : public HttpClient {
     } catch (const std::exception& e) {
       return failure(e.what());
     } catch (...) {
+      if (endingThread())
+        throw;
       return failure("unknown failure");
     }
   }

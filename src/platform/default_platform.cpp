@@ -54,7 +54,13 @@ Platform assemble(const DefaultPlatformOptions& options,
   CurlHttpOptions http;
   http.cancel = std::move(cancel);
   platform.http = makeCurlHttpClient(http);
-  platform.store = std::make_shared<FileStore>(resolveStoreDirectory(options.storeDirectory));
+  // A store that cannot keep the install id makes the device a new installation at every
+  // start: its failures go where the operator sees them, not only to a developer-mode log.
+  const auto errors = options.errorLogger ? options.errorLogger : std::make_shared<StderrLogger>();
+  auto store = std::make_shared<FileStore>(resolveStoreDirectory(options.storeDirectory));
+  store->setLogger(errors);
+  platform.store = std::move(store);
+  dispatcher->setLogger(errors);
   platform.clock = std::make_shared<SystemClock>();
   platform.logger = options.logger ? options.logger : std::make_shared<StderrLogger>();
   platform.device = std::make_shared<SystemDeviceInfo>();

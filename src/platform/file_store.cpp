@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/posix_io.hpp"
+#include "platform/thread_exit.hpp"
 #include "zonaris/platform/production.hpp"
 
 namespace zonaris::platform {
@@ -104,14 +105,17 @@ bool fsyncRetrying(int fd) {
   return true;
 }
 
-// Called with the store's mutex held, which also guards `logger`.
+// Called with the store's mutex held, which also guards `logger`. Not noexcept: the logger may
+// be the application's, which may end the thread.
 void reportWriteFailure(const std::shared_ptr<Logger>& logger, const std::string& key,
-                        const char* step, const std::string& why) noexcept {
+                        const char* step, const std::string& why) {
   if (!logger)
     return;
   try {
     logger->log("zonaris: could not store \"" + key + "\" (" + step + "): " + why);
   } catch (...) {
+    if (endingThread())
+      throw;
     // A logger that fails has nowhere to report to.
   }
 }
@@ -138,12 +142,15 @@ std::int64_t FileStore::getLong(const std::string& key) const {
     auto it = document->find(key);
     return it == document->end() ? 0 : integerOf(*it);
   } catch (...) {
+    if (endingThread())
+      throw;
     return 0;  // only allocation can fail here
   }
 }
 
 void FileStore::setLong(const std::string& key, std::int64_t value) {
   std::lock_guard lock(mutex_);
+  std::string unexpected;  // reported after its handler: see platform/thread_exit.hpp
   try {
     std::error_code ec;
     std::filesystem::create_directories(directory_, ec);  // an error shows at open below
@@ -180,11 +187,15 @@ void FileStore::setLong(const std::string& key, std::int64_t value) {
     // Makes the rename itself durable.
     if (!fsyncRetrying(folder.get()))
       reportWriteFailure(logger_, key, "sync folder", errnoText());
+    return;
   } catch (const std::exception& e) {
-    reportWriteFailure(logger_, key, "unexpected", e.what());
+    unexpected = e.what();
   } catch (...) {
-    reportWriteFailure(logger_, key, "unexpected", "unknown");
+    if (endingThread())
+      throw;
+    unexpected = "unknown";
   }
+  reportWriteFailure(logger_, key, "unexpected", unexpected);
 }
 
 }  // namespace zonaris::platform

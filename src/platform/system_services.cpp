@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "platform/posix_io.hpp"
+#include "platform/thread_exit.hpp"
 #include "zonaris/platform/production.hpp"
 
 namespace zonaris::platform {
@@ -30,6 +31,8 @@ void StderrLogger::log(std::string_view line) {
     std::lock_guard lock(mutex_);
     writeAll(STDERR_FILENO, text);  // when stderr refuses, there is nowhere to log to
   } catch (...) {
+    if (endingThread())
+      throw;
     // Logging must never fail its caller.
   }
 }
@@ -113,6 +116,8 @@ SystemDeviceInfo::SystemDeviceInfo() {
   try {
     version_ = detectSystemVersion();
   } catch (...) {
+    if (endingThread())
+      throw;
     // Not `version_ = "0"`: GCC 12 at -O3 warns falsely (-Wrestrict) on that assignment.
     version_.assign(1, '0');
   }

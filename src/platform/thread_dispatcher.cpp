@@ -8,6 +8,7 @@
 #include <thread>
 #include <utility>
 
+#include "platform/thread_exit.hpp"
 #include "zonaris/platform/production.hpp"
 
 namespace zonaris::platform {
@@ -22,16 +23,17 @@ constexpr Duration kMaxDelay = std::chrono::hours(24 * 365 * 100);
 
 }  // namespace
 
-// The dispatcher's own failures go to the logger given to setLogger, if any; never to stderr
-// behind the application's back.
+// The dispatcher's own failures go to the logger given to setLogger, if any (the production
+// platform gives it the error logger of its options); never to stderr by themselves.
 class ThreadDispatcher::Diagnostics {
  public:
   void set(std::shared_ptr<Logger> logger) {
     std::lock_guard lock(mutex_);
     logger_ = std::move(logger);
   }
-  // Call without holding the dispatcher's lock: a logger may post work of its own.
-  void report(const std::string& line) const noexcept {
+  // Call without holding the dispatcher's lock: a logger may post work of its own. Not
+  // noexcept: a logger may end the thread (see runCaught).
+  void report(const std::string& line) const {
     try {
       std::shared_ptr<Logger> logger;
       {
@@ -41,6 +43,8 @@ class ThreadDispatcher::Diagnostics {
       if (logger)
         logger->log(line);
     } catch (...) {
+      if (endingThread())
+        throw;
       // A logger that fails has nowhere to report to.
     }
   }
@@ -52,22 +56,30 @@ class ThreadDispatcher::Diagnostics {
 
 namespace {
 
+// The forced unwind that ends a thread (pthread_exit or pthread_cancel inside a task, for
+// example in a callback of the application) is not an exception of the task: it goes on to the
+// thread's start, which ends the thread (see platform/thread_exit.hpp). An exception is
+// reported after its handler, since the logger may be the application's.
 void runCaught(const ThreadDispatcher::Diagnostics& diagnostics, const Task& task,
-               const char* where) noexcept {
-  const auto escaped = [&](const char* what) {
-    try {
-      diagnostics.report(std::string("zonaris: an exception escaped a ") + where +
-                         " task: " + what);
-    } catch (...) {
-    }
-  };
+               const char* where) {
+  std::string failure;
   try {
     if (task)
       task();
+    return;
   } catch (const std::exception& e) {
-    escaped(e.what());
+    failure = e.what();
   } catch (...) {
-    escaped("unknown exception");
+    if (endingThread())
+      throw;
+    failure = "unknown exception";
+  }
+  try {
+    diagnostics.report(std::string("zonaris: an exception escaped a ") + where +
+                       " task: " + failure);
+  } catch (...) {
+    if (endingThread())
+      throw;
   }
 }
 
@@ -176,13 +188,21 @@ void ThreadDispatcher::detach(Task task) {
   }
   try {
     std::thread([state, task = std::move(task)]() mutable {
+      // Counted as finished, its captures released first, also when the thread is ended
+      // inside the task (see runCaught).
+      struct Finished {
+        State& state;
+        Task& task;
+        ~Finished() {
+          task = nullptr;
+          {
+            std::lock_guard lock(state.mutex);
+            --state.detachedRunning;
+          }
+          state.detachedDone.notify_all();
+        }
+      } finished{*state, task};
       runCaught(state->diagnostics, task, "detached");
-      task = nullptr;  // release the captures before reporting the task finished
-      {
-        std::lock_guard lock(state->mutex);
-        --state->detachedRunning;
-      }
-      state->detachedDone.notify_all();
     }).detach();
   } catch (const std::system_error& e) {
     state->diagnostics.report(std::string("zonaris: could not start a thread, task dropped: ") +

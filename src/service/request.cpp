@@ -1,5 +1,6 @@
 // Request building, sending and answer parsing shared by the four exchanges with the service.
 #include "service/request.hpp"
+#include "platform/thread_exit.hpp"
 
 #include <charconv>
 #include <cmath>
@@ -134,6 +135,8 @@ platform::HttpResponse send(const platform::Platform& platform,
     response.transportError = true;
     response.errorMessage = e.what();
   } catch (...) {
+    if (platform::endingThread())
+      throw;
     response = {};
     response.transportError = true;
     response.errorMessage = "unknown failure in the HTTP client";

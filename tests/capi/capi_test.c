@@ -1,5 +1,6 @@
 /* Drives the C API across its boundary, as a C application would: statuses for wrong
- * arguments, callbacks from the library's threads, destroy joining them, and a simulated walk.
+ * arguments, callbacks from the library's threads, destroy joining them, callbacks replaced
+ * while they are called, a callback that ends its thread, and a simulated walk.
  * usage: capi_test EXAMPLES_DIR */
 #define _POSIX_C_SOURCE 200809L
 #include <pthread.h>
@@ -168,9 +169,112 @@ static void gpsd_client_takes_no_pushed_fixes(const char* store) {
   CHECK(zonaris_push_location(client, &fix, NULL) == ZONARIS_STATUS_INVALID_STATE);
   CHECK(zonaris_push_beacons(client, NULL, 0) == ZONARIS_STATUS_INVALID_STATE);
   CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  options.gpsd_host = "::1"; /* an IPv6 address, bracketed or not */
+  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
+  CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  options.gpsd_host = "[::1]";
+  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
+  CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
   options.gpsd_port = 70000;
   CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_INVALID_ARGUMENT);
   CHECK(client == NULL);
+}
+
+/* ---- Callbacks replaced while the library calls them ---------------------------------------- */
+
+static void count_fix(void* user, const zonaris_location* location) {
+  __atomic_add_fetch((int*)user, 1, __ATOMIC_RELAXED);
+  (void)location;
+}
+static void ignore_line(void* user, const char* line) {
+  (void)user, (void)line;
+}
+
+/* A store that already holds an install id, so that start() samples at once: each client takes
+ * the one fix pushed (updatedInitLocation on the library's main-queue thread) while this thread
+ * swaps between a full and an empty struct. No callback may be called through a null pointer,
+ * and the swaps race with the calls (ThreadSanitizer watches). */
+static void callbacks_replaced_while_called(const char* store) {
+  char path[512];
+  FILE* file;
+  zonaris_platform_options options;
+  zonaris_callbacks full, empty = callbacks_with(NULL);
+  zonaris_location fix = {52.52, 13.40, -1.0, 5.0, 0.0};
+  int fixes = 0, round, swap, accepted;
+  snprintf(path, sizeof path, "%s/zonaris-store.json", store);
+  file = fopen(path, "w");
+  CHECK(file != NULL);
+  if (!file)
+    return;
+  fputs("{\"installId\":7}", file);
+  fclose(file);
+  full = callbacks_with(&fixes);
+  full.updatedInitLocation = count_fix;
+  full.logLine = full.platformError = ignore_line;
+  memset(&options, 0, sizeof options);
+  options.struct_size = sizeof options;
+  options.base_url = "http://127.0.0.1:9";
+  options.store_directory = store;
+  for (round = 0; round < 20; ++round) {
+    zonaris_client* client = NULL;
+    CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
+    if (!client)
+      return;
+    CHECK(zonaris_set_delegate(client, &full) == ZONARIS_STATUS_OK);
+    CHECK(zonaris_start(client) == ZONARIS_STATUS_OK);
+    CHECK(zonaris_push_location(client, &fix, &accepted) == ZONARIS_STATUS_OK && accepted);
+    for (swap = 0; swap < 20000; ++swap)
+      CHECK(zonaris_set_delegate(client, swap % 2 ? &full : &empty) == ZONARIS_STATUS_OK);
+    CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  }
+  remove(path);
+  (void)fixes; /* which struct each fix met depends on timing */
+}
+
+/* ---- A callback that ends its thread ------------------------------------------------------- */
+
+static void exit_thread_unless_application(void* user, const char* line) {
+  Watch* w = (Watch*)user;
+  int off_thread;
+  pthread_mutex_lock(&w->mutex);
+  off_thread = !pthread_equal(pthread_self(), w->application);
+  if (off_thread)
+    ++w->lines_off_thread;
+  pthread_mutex_unlock(&w->mutex);
+  if (off_thread)
+    pthread_exit(NULL); /* as Python does to a thread that calls in while it finalises */
+  (void)line;
+}
+
+/* The library's frames let the thread end (pthread_exit unwinds through them) instead of
+ * swallowing the unwind, which aborts; destroy then finds no thread left to wait for. */
+static void callback_ends_its_thread(const char* store) {
+  zonaris_platform_options options;
+  zonaris_callbacks c;
+  zonaris_client* client = NULL;
+  Watch w;
+  struct timespec tick = {0, 10 * 1000 * 1000};
+  int waited;
+  memset(&w, 0, sizeof w);
+  pthread_mutex_init(&w.mutex, NULL);
+  w.application = pthread_self();
+  memset(&options, 0, sizeof options);
+  options.struct_size = sizeof options;
+  options.base_url = "http://127.0.0.1:9";
+  options.store_directory = store;
+  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
+  if (!client)
+    return;
+  c = callbacks_with(&w);
+  c.logLine = exit_thread_unless_application;
+  CHECK(zonaris_set_delegate(client, &c) == ZONARIS_STATUS_OK);
+  CHECK(zonaris_set_dev_mode(client, 1) == ZONARIS_STATUS_OK);
+  CHECK(zonaris_start(client) == ZONARIS_STATUS_OK); /* registration fails on its thread */
+  for (waited = 0; waited < 1000 && lines_off_thread(&w) == 0; ++waited)
+    nanosleep(&tick, NULL);
+  CHECK(lines_off_thread(&w) == 1);
+  CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  pthread_mutex_destroy(&w.mutex);
 }
 
 /* ---- A simulated walk yields its events ----------------------------------------------------- */
@@ -180,10 +284,17 @@ typedef struct {
   int messages;
   double last_t;
   zonaris_simulation* simulation;
+  zonaris_status nested[4]; /* run_for, run_until, run, destroy from inside a callback */
 } Walk;
 
 static void note(Walk* walk, const char* type, const char* fence) {
   size_t used = strlen(walk->events);
+  if (used == 0) {
+    walk->nested[0] = zonaris_simulation_run_for(walk->simulation, 60.0);
+    walk->nested[1] = zonaris_simulation_run_until(walk->simulation, "2030-01-01T00:00:00");
+    walk->nested[2] = zonaris_simulation_run(walk->simulation);
+    walk->nested[3] = zonaris_simulation_destroy(walk->simulation);
+  }
   snprintf(walk->events + used, sizeof walk->events - used, "%s%s %s", used ? ", " : "", type,
            fence ? fence : "(null)");
   walk->last_t = zonaris_simulation_elapsed(walk->simulation);
@@ -209,6 +320,7 @@ static void simulated_walk(const char* examples) {
   const char* scored[] = {"--trace", trace, "--fences", fences, "--score", "s.json", NULL};
   const char* bad_trace[] = {"--trace", fences, "--fences", fences, NULL};
   Walk walk;
+  int i;
   zonaris_callbacks c = callbacks_with(&walk);
   zonaris_simulation* simulation = NULL;
 
@@ -231,6 +343,8 @@ static void simulated_walk(const char* examples) {
   walk.simulation = simulation;
   CHECK(zonaris_simulation_run_for(simulation, 600.0) == ZONARIS_STATUS_OK);
   CHECK(strcmp(walk.events, "entry Home, exit Home") == 0);
+  for (i = 0; i < 4; ++i)
+    CHECK(walk.nested[i] == ZONARIS_STATUS_INVALID_STATE);
   CHECK(zonaris_simulation_run_for(simulation, -1.0) == ZONARIS_STATUS_INVALID_ARGUMENT);
   CHECK(zonaris_simulation_run_until(simulation, "noon") == ZONARIS_STATUS_INVALID_ARGUMENT);
   CHECK(zonaris_simulation_run(simulation) == ZONARIS_STATUS_OK);
@@ -268,6 +382,8 @@ int main(int argc, char** argv) {
   }
   callbacks_and_destroy(store);
   gpsd_client_takes_no_pushed_fixes(store);
+  callback_ends_its_thread(store);
+  callbacks_replaced_while_called(store);
   simulated_walk(argv[1]);
 
   snprintf(command, sizeof command, "rm -rf '%s'", store);

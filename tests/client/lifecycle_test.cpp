@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "capi/bridge.hpp"
 #include "support/fake_location_manager.hpp"
 #include "support/recording_delegate.hpp"
 #include "zonaris/sim/sim_platform.hpp"
@@ -159,6 +160,29 @@ TEST_F(ClientLifecycle, DelegateRuleAbsentPartialReplacedAndReleased) {
   deliverFirstFix();
   ASSERT_EQ(full->names(), (Lines{"updatedInitLocation"}));
   EXPECT_EQ(full->calls()[0]["args"][0]["latitude"], 48.85);
+
+  // Replaced between the question and the call (another thread's setDelegate): the delegate
+  // that was asked is the one called, never one that said no.
+  struct Replaced : RecordingDelegate {
+    mutable std::function<void()> onAsk;
+    bool respondsTo(ZonarisCallback callback) const override {
+      if (auto ask = std::exchange(onAsk, nullptr))
+        ask();
+      return RecordingDelegate::respondsTo(callback);
+    }
+  };
+  auto asked = std::make_shared<Replaced>();
+  asked->onAsk = [&] { client->setDelegate(partial); };
+  client->setDelegate(asked);
+  deliverFirstFix();
+  EXPECT_EQ(asked->names(), (Lines{"updatedInitLocation"}));
+  EXPECT_TRUE(partial->calls().empty());
+  // The C API's delegate checks each pointer itself too: an empty struct is never called.
+  capi::CallbackDelegate empty(zonaris_callbacks{}, nullptr);
+  empty.updatedInitLocation({});
+  empty.updatedSpeed(1.0f);
+  empty.eventEnterCallback("Home");
+  EXPECT_FALSE(empty.logLine("line"));
 
   std::weak_ptr<RecordingDelegate> watch = full;
   full.reset();

@@ -140,6 +140,26 @@ TEST(AgentProgram, StopsWithinItsTimeOutAndAtOnceOnASecondSignal) {
   }
 }
 
+// The install id that cannot be kept would make the device a new installation at every start:
+// the operator hears of it on stderr, also outside developer mode.
+TEST(AgentProgram, SaysOnStderrWhenTheStoreCannotBeWritten) {
+  Scratch s("zonaris-agent-test");
+  Process service({ZONARIS_SERVICE_BIN, "--fences",
+                   std::string(ZONARIS_EXAMPLES_DIR) + "/fences.json", "--port", "0"},
+                  s.path("service.out"), s.path("service.err"));
+  ASSERT_TRUE(waitForText(s.dir / "service.out", "listening on", 10s));
+  const std::string listening = slurp(s.dir / "service.out");
+  const std::string url = listening.substr(listening.find("http://"));
+  const Ran agent = run(
+      {ZONARIS_AGENT_BIN, "--service", url.substr(0, url.find_first_of(" \n")), "--gpsd",
+       "127.0.0.1:" + std::to_string(freePort()), "--store", "/proc/zonaris-store", "--until", "3"},
+      s, 60s, "agent");
+  EXPECT_EQ(agent.status, 0) << agent.err;
+  EXPECT_NE(agent.err.find(R"(zonaris-agent: zonaris: could not store "installId")"),
+            std::string::npos)
+      << agent.err;
+}
+
 TEST(AgentProgram, RefusesBadOptionsWithOneLineAndStatusTwo) {
   Scratch s("zonaris-agent-test");
   const std::vector<std::vector<std::string>> table = {

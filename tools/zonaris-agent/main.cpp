@@ -158,6 +158,7 @@ int run(const Options& o) {
   options.storeDirectory = o.store;
   options.gpsd = o.gpsdText;
   options.logger = std::make_shared<JsonLinesLogger>(writer);
+  options.errorLogger = std::make_shared<platform::StderrLogger>("zonaris-agent: ");
   platform::ProductionPlatform production(options);
   platform::Platform parts = production.platform();
   auto http = std::make_shared<CountingHttpClient>(

@@ -26,6 +26,17 @@ zonaris_status noSimulation() {
   return fail(ZONARIS_STATUS_INVALID_ARGUMENT, "the simulation handle is null");
 }
 
+// A run started from inside a callback of the same simulation would run the scheduler from
+// within its own task and leave it in a state where later events are lost.
+bool insideCallback(const zonaris_simulation* simulation) {
+  return zonaris::capi::callbackOwner() == simulation;
+}
+
+zonaris_status nestedRun() {
+  return fail(ZONARIS_STATUS_INVALID_STATE,
+              "a simulation cannot be run from inside one of its callbacks");
+}
+
 zonaris_status runError(const zonaris::sim_tool::RunError& error) {
   return fail(error.status == zonaris::sim_tool::kUsageError ? ZONARIS_STATUS_INVALID_ARGUMENT
                                                              : ZONARIS_STATUS_IO_ERROR,
@@ -79,6 +90,8 @@ ZONARIS_API zonaris_status zonaris_simulation_run_for(zonaris_simulation* simula
   return guarded([&] {
     if (!simulation)
       return noSimulation();
+    if (insideCallback(simulation))
+      return nestedRun();
     if (!(seconds >= 0.0 && seconds <= kLongestRun))
       return fail(ZONARIS_STATUS_INVALID_ARGUMENT, "seconds must lie between 0 and a year");
     simulation->run->runFor(std::chrono::duration_cast<zonaris::platform::Duration>(
@@ -92,6 +105,8 @@ ZONARIS_API zonaris_status zonaris_simulation_run_until(zonaris_simulation* simu
   return guarded([&] {
     if (!simulation)
       return noSimulation();
+    if (insideCallback(simulation))
+      return nestedRun();
     if (!local_time)
       return fail(ZONARIS_STATUS_INVALID_ARGUMENT, "the time is null");
     auto end = zonaris::sim::parseLocalTime(local_time);
@@ -110,6 +125,8 @@ ZONARIS_API zonaris_status zonaris_simulation_run(zonaris_simulation* simulation
   return guarded([&] {
     if (!simulation)
       return noSimulation();
+    if (insideCallback(simulation))
+      return nestedRun();
     if (simulation->run->end() > simulation->run->now())
       simulation->run->runUntil(simulation->run->end());
     return ZONARIS_STATUS_OK;
@@ -124,7 +141,7 @@ ZONARIS_API zonaris_status zonaris_simulation_destroy(zonaris_simulation* simula
   return guarded([&] {
     if (!simulation)
       return ZONARIS_STATUS_OK;
-    if (zonaris::capi::callbackOwner() == simulation)
+    if (insideCallback(simulation))
       return fail(ZONARIS_STATUS_INVALID_STATE,
                   "a simulation cannot be destroyed from inside one of its callbacks");
     std::unique_ptr<zonaris_simulation> owned(simulation);

@@ -70,6 +70,12 @@ struct ZONARIS_API DefaultPlatformOptions {
   std::string gpsd;
   /// The platform log; empty: a `StderrLogger`.
   std::shared_ptr<Logger> logger;
+  /// Where the platform's own failures are written, whatever the client's developer mode: a
+  /// write of the store that failed (the install id is then not kept, and the next start
+  /// registers a new installation) and the dispatcher's failures (a thread that could not be
+  /// started). Not part of the client's log; no error report is sent for them. Empty: a
+  /// `StderrLogger`.
+  std::shared_ptr<Logger> errorLogger;
   std::string baseUrl = ZONARIS_BASE_URL;
 };
 
