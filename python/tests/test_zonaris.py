@@ -20,10 +20,10 @@ def test_the_walk_as_events_messages_and_callbacks():
     with zonaris.Simulation(**WALK, dev_mode=True) as simulation:
         first = simulation.run(seconds=600)
         assert [(e.t, e.type, e.fence) for e in first.events] == [
-            (2.0, "entry", "Home"), (350.0, "exit", "Home")]
+            (2.0, "entry", "Home"), (366.0, "exit", "Home")]
         run = simulation.run()
     assert [(e.t, e.type, e.fence) for e in run.events] == [
-        (2.0, "entry", "Home"), (350.0, "exit", "Home"), (943.0, "entry", "Corner Bakery"),
+        (2.0, "entry", "Home"), (366.0, "exit", "Home"), (943.0, "entry", "Corner Bakery"),
         (1071.0, "dwell", "Corner Bakery")]
     assert [(m.t, m.kind, m.title, m.values) for m in run.messages] == [
         (2.0, "basic", "Welcome home", {}), (2.0, "data", None, {"scene": "evening"}),

@@ -294,6 +294,37 @@ GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view 
   return result;
 }
 
+GeometryDistance distanceToBoundary(std::string_view fenceWkt, std::string_view pointWkt) {
+  GeometryDistance result;
+  auto [contextPtr, reader] = geos::openThreadReader(result.diagnostic);
+  if (!reader)
+    return result;
+  const geos::Context& context = *contextPtr;
+  std::string fenceWhy;
+  std::string pointWhy;
+  const geos::GeomPtr fence = geos::readGeometry(context, reader.get(), fenceWkt, fenceWhy);
+  const auto point = geos::readDevicePoint(context, reader.get(), pointWkt, pointWhy);
+  result.fenceReadable = static_cast<bool>(fence);
+  result.pointReadable = point.has_value();
+  if (!fence || !point) {
+    result.diagnostic = !fence ? "fence: " + fenceWhy : "point: " + pointWhy;
+    return result;
+  }
+  GEOSContextHandle_t ctx = context.get();
+  // A point's boundary is empty; its distance is the distance to the point itself.
+  const bool pointLike = GEOSGeomTypeId_r(ctx, fence.get()) == GEOS_POINT ||
+                         GEOSGeomTypeId_r(ctx, fence.get()) == GEOS_MULTIPOINT;
+  const geos::GeomPtr boundary(pointLike ? nullptr : GEOSBoundary_r(ctx, fence.get()),
+                               geos::Release{ctx});
+  const GEOSGeometry* measured = pointLike ? fence.get() : boundary.get();
+  if (!measured || GEOSisEmpty_r(ctx, measured) != 0) {
+    result.diagnostic = "no boundary";
+    return result;
+  }
+  result.metres = geos::nearestDistance(context, measured, *point);
+  return result;
+}
+
 std::optional<GeometryBounds> geometryBounds(std::string_view fenceWkt) {
   std::string why;
   auto [context, reader] = geos::openThreadReader(why);

@@ -31,6 +31,11 @@ struct GeometryDistance {
 /// and so does a device text that is not a point. Safe to call from any number of threads at once.
 GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view pointWkt);
 
+/// As `distanceToGeometry`, but to the geometry's boundary (the rings of a polygon), so that a
+/// point inside a polygon gets its depth instead of 0. Nothing in `metres` for a geometry that
+/// has no boundary GEOS can compute (a collection of mixed parts).
+GeometryDistance distanceToBoundary(std::string_view fenceWkt, std::string_view pointWkt);
+
 /// The extent of a fence geometry in degrees.
 struct GeometryBounds {
   double xmin = 0.0;

@@ -67,7 +67,7 @@ json parsed(const ServiceResponse& r) {
 }
 
 // A point fence with dwell windows and messages, a polygon, a beacon fence and a point fence
-// with no events, on a fake clock; install 1 is registered.
+// with no events, on a fake clock, under the exact rule; install 1 is registered.
 class ServiceTest : public ::testing::Test {
  protected:
   std::atomic<std::int64_t> clockMs{1'767'268'800'000};
@@ -87,6 +87,7 @@ class ServiceTest : public ::testing::Test {
       {"id": 4, "type": "point", "location": "POINT (10 50)", "radius": 100, "_event_types": []}
     ])j");
     o.now = [this] { return std::chrono::system_clock::time_point(clockMs.load() * 1ms); };
+    o.confirm = ConfirmRule::Exact;  // one observation decides
     return o;
   }
   void SetUp() override {
@@ -235,6 +236,43 @@ TEST_F(ServiceTest, ServesTheExchangesOverHttpOn127001) {
 
   service.stop();
   EXPECT_EQ(post("/install", R"({"appKey":"demo"})").first, 0);
+}
+
+// The robust rules keep a crossing pending in the database: a service restarted on the same
+// file confirms it with the next observation. After a fence query, one observation decides.
+TEST(RobustService, KeepsAPendingCrossingAcrossARestartAndLetsTheReloadDecide) {
+  zonaris::test::Scratch scratch("zonaris-service-test");
+  std::atomic<std::int64_t> clockMs{1'767'268'800'000};
+  auto open = [&] {
+    ServiceOptions o;
+    o.fences = json::parse(R"j([{"id": 1, "type": "point", "location": "POINT (10 50)",
+                                 "radius": 100, "_event_types": ["entry", "exit"]}])j");
+    o.dbPath = scratch.path("state.db");
+    o.now = [&] { return std::chrono::system_clock::time_point(clockMs.load() * 1ms); };
+    return std::make_unique<ReferenceService>(std::move(o));
+  };
+  auto observe = [&](const ReferenceService& s, double northMetres, double accuracy) {
+    json o = observation(1, kLat + northMetres / 111'195.0, kPointLon);
+    o["gps"]["radius"] = accuracy;
+    clockMs += 15'000;
+    std::string got;
+    const json answer = parsed(s.handle("POST", "/observation", {}, o.dump()));
+    for (const auto& e : answer.value("events", json::array()))
+      got += e.at("event_type").get<std::string>() + " ";
+    return got;
+  };
+
+  auto service = open();
+  ASSERT_TRUE(service->ok()) << service->error();
+  EXPECT_EQ(observe(*service, 0, 5), "entry ") << "the accuracy disc lies inside";
+  EXPECT_EQ(observe(*service, 130, 5), "") << "an exit waits for a second observation";
+  service = open();
+  EXPECT_EQ(observe(*service, 150, 5), "exit ");
+
+  EXPECT_EQ(observe(*service, 90, 18), "") << "an entry with the disc across the boundary waits";
+  EXPECT_EQ(send(*service, "/install/location", "/install", "1").status, 200);
+  EXPECT_EQ(observe(*service, 95, 18), "entry ") << "the client counts itself inside now";
+  EXPECT_EQ(observe(*service, 101, 18), "") << "and the next one waits again";
 }
 
 #ifdef ZONARIS_SERVICE_BIN

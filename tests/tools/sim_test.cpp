@@ -258,6 +258,8 @@ TEST(SimRefuses, BadCommandLinesWithOneErrorLineAndStatusTwo) {
       {"@ok --outage 50-20", "--outage"},
       {"@ok --outage-kind down", "--outage-kind"},
       {"@ok --outliers 2", "--outliers"},
+      {"@ok --confirm sometimes", "--confirm"},
+      {"@ok --confirm-exit-margin -1", "--confirm-exit-margin"},
       {"--trace @trace --service http://127.0.0.1:9 --score @missing", "--score"},
       {"@ok --device fast", "--device"},
       {"@ok --idle-fixes wifi", "--idle-fixes"},

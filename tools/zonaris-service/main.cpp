@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
+#include "zonaris-service/confirm_options.hpp"
 #include "zonaris-service/reference_service.hpp"
 
 namespace {
@@ -33,6 +34,7 @@ int main(int argc, char** argv) {
   app.add_option("--port", port, "TCP port on 127.0.0.1; 0 picks a free one")
       ->capture_default_str()
       ->check(CLI::Range(0, 65535));
+  zonaris::service_tool::addConfirmOptions(app, options.confirm, options.robust);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

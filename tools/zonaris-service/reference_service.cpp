@@ -6,6 +6,7 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <limits>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -95,6 +96,7 @@ std::optional<json> parseObject(std::string_view body, std::string& error) {
 struct Observation {
   double latitude = 0.0;
   double longitude = 0.0;
+  double accuracy = 0.0;
   std::vector<ObservedBeacon> beacons;
   std::int64_t install = 0;
 };
@@ -128,6 +130,7 @@ std::optional<Observation> readObservation(const json& doc, std::string& error) 
   }
   o.latitude = *lat;
   o.longitude = *lon;
+  o.accuracy = *accuracy;
 
   auto beacons = doc.find("beacons");
   if (beacons == doc.end() || !beacons->is_array()) {
@@ -236,6 +239,8 @@ struct ReferenceService::Impl {
   std::vector<std::size_t> beaconFences;
   double maxPointRadius = 0.0;
   std::function<std::chrono::system_clock::time_point()> now;
+  ConfirmRule confirm = ConfirmRule::Robust;
+  RobustParams robust;
 
   mutable std::mutex storeMutex;  // one request at a time against the database
   std::unique_ptr<ServiceStore> store;
@@ -341,6 +346,18 @@ struct ReferenceService::Impl {
       std::lock_guard lock(storeMutex);
       if (auto refused = checkInstall(*install))
         return *refused;
+      // The client resets its fence flags from this answer; the robust rules let its next
+      // observation decide alone.
+      if (confirm == ConfirmRule::Robust) {
+        auto track = store->installTrack(*install);
+        if (!track)
+          return storeFailure();
+        if (!track->fencesServed) {
+          track->fencesServed = true;
+          if (!store->saveInstallTrack(*install, *track))
+            return storeFailure();
+        }
+      }
       auto near = candidatesNear(*lat, *lon, *radius);
       if (!near)
         return storeFailure();
@@ -379,10 +396,24 @@ struct ReferenceService::Impl {
     }
     candidates.insert(candidates.end(), beaconFences.begin(), beaconFences.end());
     std::vector<bool> inside(fences.size(), false);
+    std::vector<bool> measured(fences.size(), false);
+    // The robust rules need how far past the boundary the device is; fences that are not
+    // candidates are measured below only when their state needs it.
+    constexpr double kFar = std::numeric_limits<double>::infinity();
+    std::vector<double> distance(fences.size(), kFar);
     for (std::size_t i : candidates) {
       const Fence& fence = fences[i];
-      inside[i] = fence.takesPart && isInside(fence, observation->latitude, observation->longitude,
-                                              observation->beacons);
+      if (!fence.takesPart)
+        continue;
+      measured[i] = true;
+      if (confirm == ConfirmRule::Exact || fence.type == "beacon") {
+        inside[i] =
+            isInside(fence, observation->latitude, observation->longitude, observation->beacons);
+        continue;
+      }
+      distance[i] =
+          boundaryDistance(fence, observation->latitude, observation->longitude).value_or(kFar);
+      inside[i] = distance[i] <= 0.0;
     }
 
     std::lock_guard lock(storeMutex);
@@ -392,6 +423,22 @@ struct ReferenceService::Impl {
     auto states = store->fenceStates(observation->install);
     if (!states || !store->begin())
       return storeFailure();
+    const ObservationFix fix{at, observation->latitude, observation->longitude,
+                             observation->accuracy};
+    Judgement judgement;
+    if (confirm == ConfirmRule::Robust) {
+      auto track = store->installTrack(observation->install);
+      if (!track) {
+        store->rollback();
+        return storeFailure();
+      }
+      const InstallTrack before = *track;
+      judgement = judge(*track, fix, robust);
+      if (*track != before && !store->saveInstallTrack(observation->install, *track)) {
+        store->rollback();
+        return storeFailure();
+      }
+    }
     auto observationId = store->addObservation(observation->install, at, dump(*doc));
     if (!observationId) {
       store->rollback();
@@ -404,7 +451,18 @@ struct ReferenceService::Impl {
         continue;
       FenceState state = (*states)[fence.id];
       const FenceState before = state;
-      for (const auto& type : advance(state, inside[i], at, fence.dwellWindows)) {
+      std::vector<std::string> yielded;
+      if (confirm == ConfirmRule::Exact) {
+        yielded = advance(state, inside[i], at, fence.dwellWindows);
+      } else {
+        const bool beacon = fence.type == "beacon";
+        if (!beacon && !measured[i] && (state.inside || state.pendingCount != 0))
+          distance[i] =
+              boundaryDistance(fence, observation->latitude, observation->longitude).value_or(kFar);
+        yielded = advanceRobust(state, {inside[i], distance[i], beacon}, fix, judgement,
+                                fence.dwellWindows, robust);
+      }
+      for (const auto& type : yielded) {
         if (!store->addEvent(*observationId, fence.id, type)) {
           store->rollback();
           return storeFailure();
@@ -448,6 +506,8 @@ struct ReferenceService::Impl {
 
 ReferenceService::ReferenceService(ServiceOptions options) : impl_(std::make_unique<Impl>()) {
   impl_->now = std::move(options.now);
+  impl_->confirm = options.confirm;
+  impl_->robust = options.robust;
   std::string source = "fences";
   std::optional<json> fromFile;
   if (!options.fencesFile.empty()) {

@@ -9,6 +9,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "zonaris-service/event_rules.hpp"
+
 namespace zonaris::service_tool {
 
 /// What a `ReferenceService` serves and where it keeps its state.
@@ -24,6 +26,9 @@ struct ServiceOptions {
   /// The service clock (entry times, dwell durations, timestamps of stored records). Called
   /// from the server's threads, so it must be thread-safe. Empty: the system clock.
   std::function<std::chrono::system_clock::time_point()> now;
+  /// How crossings are confirmed, and the parameters of the robust rules.
+  ConfirmRule confirm = ConfirmRule::Robust;
+  RobustParams robust;
 };
 
 /// One answer of the service: an HTTP status and a JSON body.
@@ -36,10 +41,13 @@ struct ServiceResponse {
 /// the fence query, observation reports with event confirmation, and error reports.
 ///
 /// Event rules, per install and fence (fences whose "_event_types" is missing or empty take no
-/// part): an observation that finds the device inside a fence it was not inside before gets an
-/// "entry"; the first one outside again gets an "exit"; while inside, each of the fence's
-/// "_dwell_windows" (seconds) yields one "dwell" on the first observation at least that long
-/// after the entry, measured on the service clock. Events come in fence-file order, and the
+/// part). The exact rule (`ConfirmRule::Exact`): an observation that finds the device inside a
+/// fence it was not inside before gets an "entry"; the first one outside again gets an "exit";
+/// while inside, each of the fence's "_dwell_windows" (seconds) yields one "dwell" on the first
+/// observation at least that long after the entry, measured on the service clock. The robust
+/// rules (`ConfirmRule::Robust`, the default) are those of `advanceRobust` and `judge`, with the
+/// install's last usable observation and the pending crossings kept in the database; the first
+/// observation after a fence query decides alone. Events come in fence-file order, and the
 /// fence's configured message for the event type travels as the event's "data".
 ///
 /// Thread safety: `handle` may be called from any number of threads at once; requests are

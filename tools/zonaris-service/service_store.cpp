@@ -18,7 +18,19 @@ CREATE TABLE IF NOT EXISTS fence_states (
   fence_id INTEGER NOT NULL,
   inside INTEGER NOT NULL,
   entered_ms INTEGER NOT NULL,
+  pending_since_ms INTEGER NOT NULL DEFAULT 0,
+  pending_last_ms INTEGER NOT NULL DEFAULT 0,
+  pending_count INTEGER NOT NULL DEFAULT 0,
+  pending_past REAL NOT NULL DEFAULT 0,
   PRIMARY KEY (install_id, fence_id));
+CREATE TABLE IF NOT EXISTS install_tracks (
+  install_id INTEGER PRIMARY KEY REFERENCES installs(id),
+  known INTEGER NOT NULL,
+  at_ms INTEGER NOT NULL,
+  latitude REAL NOT NULL,
+  longitude REAL NOT NULL,
+  accuracy REAL NOT NULL,
+  fences_served INTEGER NOT NULL);
 CREATE TABLE IF NOT EXISTS dwells_sent (
   install_id INTEGER NOT NULL,
   fence_id INTEGER NOT NULL,
@@ -40,8 +52,17 @@ CREATE TABLE IF NOT EXISTS error_reports (
   body TEXT NOT NULL);
 )sql";
 
-constexpr std::array<std::string_view, 6> kTables = {
-    "installs", "fence_states", "dwells_sent", "observations", "events", "error_reports"};
+// Columns that databases made before the robust rules lack; adding one that exists fails
+// harmlessly.
+constexpr const char* kAddedColumns[] = {
+    "ALTER TABLE fence_states ADD COLUMN pending_since_ms INTEGER NOT NULL DEFAULT 0",
+    "ALTER TABLE fence_states ADD COLUMN pending_last_ms INTEGER NOT NULL DEFAULT 0",
+    "ALTER TABLE fence_states ADD COLUMN pending_count INTEGER NOT NULL DEFAULT 0",
+    "ALTER TABLE fence_states ADD COLUMN pending_past REAL NOT NULL DEFAULT 0"};
+
+constexpr std::array<std::string_view, 7> kTables = {
+    "installs", "fence_states",  "dwells_sent",   "observations",
+    "events",   "error_reports", "install_tracks"};
 
 // One prepared statement, finalised on every path.
 class Statement {
@@ -60,6 +81,9 @@ class Statement {
   bool bind(int index, std::int64_t value) {
     return sqlite3_bind_int64(stmt_, index, value) == SQLITE_OK;
   }
+  bool bind(int index, double value) {
+    return sqlite3_bind_double(stmt_, index, value) == SQLITE_OK;
+  }
   bool bind(int index, std::string_view text) {
     return sqlite3_bind_text64(stmt_, index, text.data(), text.size(), SQLITE_TRANSIENT,
                                SQLITE_UTF8) == SQLITE_OK;
@@ -67,6 +91,7 @@ class Statement {
   /// SQLITE_ROW, SQLITE_DONE or an error code.
   int step() { return sqlite3_step(stmt_); }
   std::int64_t column(int index) const { return sqlite3_column_int64(stmt_, index); }
+  double real(int index) const { return sqlite3_column_double(stmt_, index); }
 
  private:
   sqlite3_stmt* stmt_ = nullptr;
@@ -88,6 +113,8 @@ std::unique_ptr<ServiceStore> ServiceStore::open(const std::string& path, std::s
     error = "cannot set up the database " + path + ": " + store->lastError();
     return nullptr;
   }
+  for (const char* sql : kAddedColumns)
+    sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
   return store;
 }
 
@@ -160,7 +187,9 @@ std::optional<bool> ServiceStore::installExists(std::int64_t id) {
 std::optional<std::map<std::int64_t, FenceState>> ServiceStore::fenceStates(
     std::int64_t installId) {
   std::map<std::int64_t, FenceState> states;
-  Statement s(db_, "SELECT fence_id, inside, entered_ms FROM fence_states WHERE install_id = ?");
+  Statement s(db_,
+              "SELECT fence_id, inside, entered_ms, pending_since_ms, pending_last_ms, "
+              "pending_count, pending_past FROM fence_states WHERE install_id = ?");
   if (!s || !s.bind(1, installId))
     return failed();
   int rc;
@@ -168,6 +197,10 @@ std::optional<std::map<std::int64_t, FenceState>> ServiceStore::fenceStates(
     FenceState& state = states[s.column(0)];
     state.inside = s.column(1) != 0;
     state.enteredAtMs = s.column(2);
+    state.pendingSinceMs = s.column(3);
+    state.pendingLastMs = s.column(4);
+    state.pendingCount = static_cast<int>(s.column(5));
+    state.pendingPast = s.real(6);
   }
   if (rc != SQLITE_DONE)
     return failed();
@@ -187,10 +220,13 @@ std::optional<std::map<std::int64_t, FenceState>> ServiceStore::fenceStates(
 bool ServiceStore::saveFenceState(std::int64_t installId, std::int64_t fenceId,
                                   const FenceState& state) {
   Statement upsert(db_,
-                   "INSERT OR REPLACE INTO fence_states (install_id, fence_id, inside, entered_ms)"
-                   " VALUES (?, ?, ?, ?)");
+                   "INSERT OR REPLACE INTO fence_states (install_id, fence_id, inside, entered_ms,"
+                   " pending_since_ms, pending_last_ms, pending_count, pending_past)"
+                   " VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
   if (!upsert || !upsert.bind(1, installId) || !upsert.bind(2, fenceId) ||
       !upsert.bind(3, std::int64_t{state.inside}) || !upsert.bind(4, state.enteredAtMs) ||
+      !upsert.bind(5, state.pendingSinceMs) || !upsert.bind(6, state.pendingLastMs) ||
+      !upsert.bind(7, std::int64_t{state.pendingCount}) || !upsert.bind(8, state.pendingPast) ||
       upsert.step() != SQLITE_DONE)
     return fail();
   Statement clear(db_, "DELETE FROM dwells_sent WHERE install_id = ? AND fence_id = ?");
@@ -203,6 +239,39 @@ bool ServiceStore::saveFenceState(std::int64_t installId, std::int64_t fenceId,
         !add.bind(3, static_cast<std::int64_t>(index)) || add.step() != SQLITE_DONE)
       return fail();
   }
+  return true;
+}
+
+std::optional<InstallTrack> ServiceStore::installTrack(std::int64_t installId) {
+  Statement s(db_,
+              "SELECT known, at_ms, latitude, longitude, accuracy, fences_served FROM "
+              "install_tracks WHERE install_id = ?");
+  if (!s || !s.bind(1, installId))
+    return failed();
+  InstallTrack track;
+  const int rc = s.step();
+  if (rc == SQLITE_ROW) {
+    track.known = s.column(0) != 0;
+    track.atMs = s.column(1);
+    track.latitude = s.real(2);
+    track.longitude = s.real(3);
+    track.accuracy = s.real(4);
+    track.fencesServed = s.column(5) != 0;
+  } else if (rc != SQLITE_DONE) {
+    return failed();
+  }
+  return track;
+}
+
+bool ServiceStore::saveInstallTrack(std::int64_t installId, const InstallTrack& track) {
+  Statement s(db_,
+              "INSERT OR REPLACE INTO install_tracks (install_id, known, at_ms, latitude, "
+              "longitude, accuracy, fences_served) VALUES (?, ?, ?, ?, ?, ?, ?)");
+  if (!s || !s.bind(1, installId) || !s.bind(2, std::int64_t{track.known}) ||
+      !s.bind(3, track.atMs) || !s.bind(4, track.latitude) || !s.bind(5, track.longitude) ||
+      !s.bind(6, track.accuracy) || !s.bind(7, std::int64_t{track.fencesServed}) ||
+      s.step() != SQLITE_DONE)
+    return fail();
   return true;
 }
 

@@ -14,8 +14,9 @@ struct sqlite3;
 
 namespace zonaris::service_tool {
 
-/// The service's state in SQLite: installs, per-install fence state, observations with the
-/// events they yielded, and error reports. Not thread-safe: the owner serialises its use.
+/// The service's state in SQLite: installs, per-install fence state (with the crossings the
+/// robust rules hold pending), the last usable observation of each install, observations with
+/// the events they yielded, and error reports. Not thread-safe: the owner serialises its use.
 /// Every operation answers nothing (or false) when SQLite fails; `lastError()` says why.
 class ServiceStore {
  public:
@@ -43,6 +44,10 @@ class ServiceStore {
   /// absent: outside).
   std::optional<std::map<std::int64_t, FenceState>> fenceStates(std::int64_t installId);
   bool saveFenceState(std::int64_t installId, std::int64_t fenceId, const FenceState& state);
+
+  /// The robust rules' memory of the install (a default track when there is none yet).
+  std::optional<InstallTrack> installTrack(std::int64_t installId);
+  bool saveInstallTrack(std::int64_t installId, const InstallTrack& track);
 
   std::optional<std::int64_t> addObservation(std::int64_t installId, std::int64_t atMs,
                                              std::string_view body);

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli_text.hpp"
+#include "zonaris-service/confirm_options.hpp"
 
 namespace zonaris::sim_tool {
 
@@ -119,6 +120,7 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
                  "fixes, see the README)")
       ->capture_default_str()
       ->check(CLI::IsMember({"design", "efficient"}));
+  service_tool::addConfirmOptions(app, o.confirm, o.robust);
   auto* scoreOpt = app.add_option(
       "--score", score, "write the ground-truth score of the run to FILE (JSON; needs --fences)");
 

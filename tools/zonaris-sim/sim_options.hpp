@@ -8,6 +8,7 @@
 #include <variant>
 #include <vector>
 
+#include "zonaris-service/event_rules.hpp"
 #include "zonaris/sim/location_manager.hpp"
 #include "zonaris/sim/network.hpp"
 #include "zonaris/zonaris.hpp"
@@ -38,6 +39,9 @@ struct Options {
   sim::NetworkModel network;         ///< --latency (also --device), --outage, --outage-kind
   std::optional<std::string> score;  ///< --score FILE
   SamplingPolicy sampling = SamplingPolicy::Design;  ///< --sampling design|efficient
+  /// The embedded service's confirmation rules: --confirm and its parameters.
+  service_tool::ConfirmRule confirm = service_tool::ConfirmRule::Robust;
+  service_tool::RobustParams robust;
 };
 
 /// What a --device preset sets: the fix delay (s), the stale first fix, the noise (m), the

@@ -87,6 +87,8 @@ std::variant<std::unique_ptr<SimRun>, RunError> SimRun::open(const Options& o) {
   if (o.fences) {
     service_tool::ServiceOptions serviceOptions;
     serviceOptions.fencesFile = *o.fences;
+    serviceOptions.confirm = o.confirm;
+    serviceOptions.robust = o.robust;
     serviceOptions.now = [clock = run->clock_, start = run->inputs_.start] {
       sim::Scheduler* s = clock->load();
       return s ? s->now() : start;

@@ -1,0 +1,132 @@
+// The robust confirmation rules as transcripts: one device on a line north-south, a fence
+// covering everything south of the line's origin, and what each observation yields.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "zonaris-service/event_rules.hpp"
+
+namespace zonaris::service_tool::test {
+namespace {
+
+constexpr double kMetresPerDegree = 6378137.0 * 0.017453292519943295;
+
+struct Step {
+  double t;          ///< seconds
+  double north;      ///< metres north of the boundary: inside at 0 and below (beacon: heard)
+  double accuracy;   ///< metres
+  const char* want;  ///< events, space-separated
+  bool fencesServed = false;  ///< a fence query was answered just before
+};
+
+struct Transcript {
+  const char* name;
+  bool beacon;
+  std::vector<Step> steps;
+  std::vector<std::int32_t> dwellWindows = {};
+};
+
+// Entered at once: the accuracy disc lies inside.
+const std::vector<Step> kEntered = {{0, -40, 5, "entry"}};
+
+std::vector<Step> entered(std::vector<Step> then) {
+  auto steps = kEntered;
+  steps.insert(steps.end(), then.begin(), then.end());
+  return steps;
+}
+
+class RobustRules : public ::testing::TestWithParam<Transcript> {};
+
+TEST_P(RobustRules, YieldTheEventsOfTheTranscript) {
+  const RobustParams params;  // the defaults
+  InstallTrack track;
+  FenceState state;
+  for (const Step& step : GetParam().steps) {
+    track.fencesServed = step.fencesServed;
+    const ObservationFix fix{static_cast<std::int64_t>(step.t * 1000),
+                             50.0 + step.north / kMetresPerDegree, 10.0, step.accuracy};
+    const Judgement judgement = judge(track, fix, params);
+    const FenceSighting sighting{step.north <= 0.0, step.north, GetParam().beacon};
+    std::string got;
+    for (const auto& e :
+         advanceRobust(state, sighting, fix, judgement, GetParam().dwellWindows, params))
+      got += (got.empty() ? "" : " ") + e;
+    EXPECT_EQ(got, step.want) << "at " << step.t << " s, " << step.north << " m north";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, RobustRules,
+    ::testing::Values(
+        // Sitting 3 m inside a wall with 10 m noise: single fixes outside, or pairs too close
+        // to the boundary to count, confirm nothing.
+        Transcript{"NoiseAtTheEdge", false,
+                   entered({{15, 12, 18, ""},
+                            {30, 17, 18, ""},
+                            {45, -3, 18, ""},
+                            {60, 25, 18, ""},
+                            {75, -1, 18, ""},
+                            {90, 8, 18, ""},
+                            {105, 19, 18, ""}})},
+        // Walking out: the first fix beyond the margin makes it pending, the next confirms.
+        Transcript{"ARealExit", false,
+                   entered({{15, 6, 18, ""}, {30, 24, 18, ""}, {45, 44, 18, "exit"}})},
+        // A fix 400 m off after 15 s is an outlier; so is one that would complete a pair.
+        Transcript{"AnOutlier", false,
+                   entered({{15, 400, 5, ""},
+                            {30, -38, 5, ""},
+                            {45, 25, 18, ""},
+                            {60, 420, 5, ""},
+                            {75, -30, 5, ""},
+                            {90, 21, 18, ""}})},
+        // A fix too coarse to tell confirms nothing and does not drop a pending crossing.
+        Transcript{
+            "ACoarseFix",
+            false,
+            {{0, -300, 1500, ""}, {15, -10, 18, ""}, {30, -200, 1500, ""}, {45, -22, 18, "entry"}}},
+        // Heard, missed once, heard again, then missed twice: one entry, one exit.
+        Transcript{"ABeaconThatFlickers",
+                   true,
+                   {{0, -1, 65, "entry"},
+                    {15, 1, 65, ""},
+                    {30, -1, 65, ""},
+                    {45, 1, 65, ""},
+                    {60, 1, 65, "exit"}}},
+        // Through a small fence in 75 s: both crossings are confirmed.
+        Transcript{"AShortRealVisit",
+                   false,
+                   {{0, 30, 5, ""},
+                    {15, -8, 5, "entry"},
+                    {30, -12, 5, ""},
+                    {45, -6, 5, ""},
+                    {60, 9, 5, ""},
+                    {75, 27, 5, "exit"}}},
+        // The stay counts from the first observation of its entry; an exit seen once and
+        // never confirmed does not restart it.
+        Transcript{"DwellFromTheConfirmedEntry",
+                   false,
+                   {{0, -10, 18, ""},
+                    {15, -12, 18, "entry"},
+                    {30, 25, 18, ""},
+                    {45, -5, 18, ""},
+                    {59, -5, 18, ""},
+                    {60, -5, 18, "dwell"}},
+                   {60}},
+        // A gap longer than the expiry lets the device have come back unseen: start again.
+        // Far past the boundary (driving away) the device could not have, so the pair holds.
+        Transcript{"APendingCrossingLapses", false,
+                   entered({{15, 25, 18, ""},
+                            {75, 26, 18, ""},
+                            {90, 30, 18, "exit"},
+                            {200, -20, 5, "entry"},
+                            {215, 150, 5, ""},
+                            {260, 760, 5, "exit"}})},
+        // After a fence query the client resets its flags from the next observation and will
+        // not report a disagreement about it again: that observation decides alone.
+        Transcript{"AfterAFenceQueryOneObservationDecides", false,
+                   entered({{15, 3, 18, "exit", true}, {30, -2, 18, "entry", true}})}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace zonaris::service_tool::test
