@@ -88,7 +88,8 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
   /// Switches beacon ranging off, disarms sampling and stops the location service.
   void stop();
   /// Chooses when samples are taken (default `SamplingPolicy::Design`). Best set before
-  /// `start`; a change takes effect from the next accepted fix on.
+  /// `start`; a change takes effect from the next accepted fix on. The efficient policy starts
+  /// the location service's motion updates (where it has them); the design's never does.
   void setSamplingPolicy(SamplingPolicy policy);
   SamplingPolicy samplingPolicy() const { return samplingPolicy_.load(); }
 
@@ -115,6 +116,9 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
 
   void updateLocation();
   void didUpdateLocations(const std::vector<platform::Location>& locations) override;
+  /// Under `SamplingPolicy::Efficient` (the only policy that listens): "moving" after rest
+  /// takes a sample at once; every transition shapes the intervals that follow.
+  void didChangeMotion(const platform::MotionTransition& transition) override;
   void calculateIntervalAndAccuracy();
   void startUpdateBeacons();
   void stopUpdateBeacons();
