@@ -28,6 +28,12 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
   app.add_flag("--dev-mode", o.devMode, "developer mode: the client logs every step");
   auto* untilOpt = app.add_option("--until", until, "stop after this many seconds")
                        ->check(CLI::Range(0.001, 366.0 * 24 * 3600));
+  std::string sampling = "design";
+  app.add_option("--sampling", sampling,
+                 "when the client samples: design (the design's rule) or efficient (fewer "
+                 "fixes; gpsd has no motion sensor, so stops are bounded by the nearest fence)")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"design", "efficient"}));
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -60,6 +66,7 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
     o.silence = silence;
   if (untilOpt->count())
     o.until = until;
+  o.sampling = sampling == "efficient" ? SamplingPolicy::Efficient : SamplingPolicy::Design;
   return o;
 }
 

@@ -29,6 +29,7 @@ struct Options {
   std::optional<std::pair<int, int>> silence;
   bool devMode = false;
   std::optional<double> until;
+  SamplingPolicy sampling = SamplingPolicy::Design;  ///< --sampling design|efficient
 };
 
 /// An exit before the run: the help text with status 0, or one error line with status 2.
