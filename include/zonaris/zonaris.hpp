@@ -33,10 +33,12 @@ enum class SamplingPolicy : std::uint8_t {
   /// The design's rule: half the time to reach the nearest fence at the averaged speed, cut to
   /// the next dwell deadline, between 15 and 600 seconds. The default.
   Design,
-  /// Fewer fixes for the same events: measures from inside a fence to its boundary, lets the
-  /// interval grow while the device stands still (and asks the location service to wake the
-  /// client when it moves), and samples right after each dwell deadline. What a pass decides
-  /// and sends is unchanged; only the moments of the samples differ. See the README.
+  /// Fewer fixes for the same events: measures from inside a fence to its boundary, rests the
+  /// GPS while the platform's motion sensor says stationary (where there is one), otherwise
+  /// lets a stop's interval grow no further than a walker needs to reach the nearest boundary,
+  /// samples again soon after an unconfirmed observation, and right after each dwell deadline.
+  /// What a pass decides and sends is unchanged; only the moments of the samples differ. See
+  /// the README.
   Efficient,
 };
 

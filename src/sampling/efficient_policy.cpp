@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <utility>
 
 #include "fences/fence_cache.hpp"
 #include "fences/geometry.hpp"
@@ -167,11 +168,16 @@ double boundaryClearance(const std::shared_ptr<const FenceList>& snapshot, doubl
 double EfficientPolicy::acceptFix(const platform::Location& fix) {
   ++accepted_;
   std::lock_guard lock(mutex_);
-  // A new pass: the row of unconfirmed observations goes on only if the last pass sent one.
-  if (!retry_)
-    unconfirmed_ = 0;
-  retry_ = false;
+  // A new pass: one of the quick passes that follow an unconfirmed observation, or the end of
+  // a row of them.
+  if (doubt_ > 0) {
+    --doubt_;
+    ++quick_;
+  } else {
+    quick_ = 0;
+  }
   const bool first = fixesSinceReport_++ == 0;
+  lastFixAt_ = fix.timestamp;
   if (started_) {
     platform::Location centre;
     centre.latitude = latitude_;
@@ -180,7 +186,8 @@ double EfficientPolicy::acceptFix(const platform::Location& fix) {
     // A fix that measured a speed of its own (a receiver's Doppler speed) says the device moves
     // even where its noise keeps it near the stop.
     const bool moving = std::isfinite(fix.speed) && fix.speed > kMovingSpeed;
-    if (!moving && fix.distanceFrom(centre) <= tolerance) {
+    lastAway_ = fix.distanceFrom(centre);
+    if (!moving && lastAway_ <= tolerance) {
       // Averaging plain degrees is exact enough over a stop's few tens of metres.
       fixes_ = std::min(fixes_ + 1, kCentreFixes);
       latitude_ += (fix.latitude - latitude_) / fixes_;
@@ -238,13 +245,15 @@ bool EfficientPolicy::motion(const platform::MotionTransition& transition) {
     movedSinceReport_ = false;
   }
   motion_ = transition.motion;
+  motionAt_ = transition.timestamp;
   return started;
 }
 
 void EfficientPolicy::observed(bool confirmed) {
   std::lock_guard lock(mutex_);
-  unconfirmed_ = confirmed ? 0 : unconfirmed_ + 1;
-  retry_ = !confirmed && unconfirmed_ <= kRetries;
+  if (confirmed)
+    doubt_ = 0;
+  unconfirmed_ = !confirmed;
 }
 
 double EfficientPolicy::stillFor() const {
@@ -254,22 +263,38 @@ double EfficientPolicy::stillFor() const {
 
 std::int32_t EfficientPolicy::shortest() const {
   std::lock_guard lock(mutex_);
-  return retry_ ? kRetryAfter : kMinInterval;
+  return doubt_ > 0 ? kRetryAfter : kMinInterval;
 }
 
-std::int32_t EfficientPolicy::spacing(const PassFacts& facts) const {
+std::int32_t EfficientPolicy::spacing(const PassFacts& facts) {
   const std::int32_t byDistance =
       saturatedSeconds(facts.clearance / static_cast<double>(facts.averageSpeed) * 0.5);
-  if (facts.fixAge > kFreshFor)
-    return std::min(byDistance, kMinInterval);
   std::lock_guard lock(mutex_);
-  if (retry_)
+  if (std::exchange(unconfirmed_, false)) {
+    // Without motion, a fix whose accuracy disc holds the boundary, within 20 m of a stop that
+    // has lasted a while, is the noise of a fix near a wall; a real crossing comes with movement, a
+    // young stop or a clear fix. (With motion the quick passes are what confirms an arrival.)
+    const bool noise = !motion_ && still_ && stillFor_ >= kSettledAfter &&
+                       lastAway_ <= kStillFloor && facts.clearance < facts.accuracy;
+    if (quick_ < kQuickPasses && !noise)
+      doubt_ = kRetries + 1;  // this pass's own interval, then kRetries more
+  }
+  // The motion sensor vouches that a device at rest has not moved since even an old fix.
+  // The rest starts with a fix taken after the report: one from before it may show the device
+  // short of where it stopped.
+  const bool resting =
+      motion_ == platform::Motion::Stationary && !movedSinceReport_ && lastFixAt_ >= motionAt_;
+  if (facts.fixAge > kFreshFor && !resting)
+    return std::min(byDistance, kMinInterval);
+  if (doubt_ > 0)
     return std::min(byDistance, kRetryAfter);
   if (facts.ranging)
     return byDistance;
   if (motion_) {
-    if (*motion_ == platform::Motion::Stationary && !movedSinceReport_)
+    if (resting)
       return kRestInterval;
+    if (*motion_ == platform::Motion::Stationary && !movedSinceReport_)
+      return std::min(byDistance, kMinInterval);
     return byDistance;
   }
   const double still = still_ ? stillFor_ : 0.0;

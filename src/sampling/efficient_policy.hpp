@@ -19,11 +19,13 @@
 //   setting (`kWakeFilter`) may wake the client sooner when they say the device moved, but nothing
 //   depends on them: a receiver that is switched off between samples delivers none;
 // - an observation the service did not confirm: the service's rules may wait for a second
-//   observation on the same side, so the next sample follows soon (`kRetryAfter`);
+//   observation on the same side, so the next samples follow soon (`kRetryAfter`), unless the
+//   device has stood still for a while (then it is a noisy fix near a wall);
 // - the next dwell deadline: the sample comes right after the tick that fires a window, never
 //   later.
 // A fix that is already old when it arrives (a location service's cached first fix) says little
-// about where the device is now, so the next sample follows after the minimum interval.
+// about where the device is now, so the next sample follows after the minimum interval, unless
+// the motion sensor says the device has been at rest all along.
 
 #include <atomic>
 #include <cstdint>
@@ -62,9 +64,15 @@ inline constexpr double kVisitSlack = 60.0;
 /// Seconds from a pass whose observation got no confirmation to the next sample: after the
 /// service's wait between two observations of one crossing (10 s), well before it lapses.
 inline constexpr std::int32_t kRetryAfter = 12;
-/// Unconfirmed observations in a row that are followed that soon; later ones wait as usual (a
-/// device that stays where the service cannot decide is not sampled every few seconds).
+/// Passes after an unconfirmed observation that follow that soon, whether or not they send one
+/// (a noisy fix may put the device back on the old side for a pass while the crossing is real).
 inline constexpr int kRetries = 3;
+/// A stop older than this (seconds) gets no quick passes after an unconfirmed observation from
+/// a fix whose accuracy disc holds the boundary, unless the motion sensor says otherwise.
+inline constexpr double kSettledAfter = 120.0;
+/// At most this many quick passes in a row: a device that stays where the service cannot decide
+/// is not sampled every few seconds.
+inline constexpr int kQuickPasses = 8;
 /// The longest interval, which is also the motion-gated rest of a stationary device (seconds).
 inline constexpr std::int32_t kRestInterval = 600;
 
@@ -108,7 +116,7 @@ class EfficientPolicy {
   void observed(bool confirmed);
 
   /// Seconds until the next sample by distance, motion and stillness, before the dwell cap.
-  std::int32_t spacing(const PassFacts& facts) const;
+  std::int32_t spacing(const PassFacts& facts);
 
   /// The shortest interval allowed now: the design's minimum, or `kRetryAfter` after an
   /// unconfirmed observation.
@@ -141,11 +149,16 @@ class EfficientPolicy {
   // The platform's last motion report, and whether a fix has moved away from the one before it
   // since a stationary report (the motion sensor missed a start).
   std::optional<platform::Motion> motion_;
+  platform::TimePoint motionAt_{};  // when it was reported
+  platform::TimePoint lastFixAt_{};
   bool movedSinceReport_ = false;
   int fixesSinceReport_ = 0;
-  // Unconfirmed observations in a row, and whether the pass now running had one.
-  int unconfirmed_ = 0;
-  bool retry_ = false;
+  // Quick passes still to come after an unconfirmed observation, and quick passes in a row.
+  int doubt_ = 0;
+  int quick_ = 0;
+  bool unconfirmed_ = false;
+  double lastAway_ = 0.0;  // metres from the last fix to the stop's centre before it  // the pass
+                           // now running had an observation the service withheld
   std::atomic<std::uint64_t> accepted_{0};
 };
 
