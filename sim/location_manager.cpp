@@ -57,6 +57,10 @@ struct SimLocationManager::State {
   DeviceModel model;
   std::vector<platform::Location> batch;  // fixes waiting to travel together
 
+  bool motionUpdates = false;
+  std::uint64_t motionGeneration = 0;
+  std::optional<std::vector<MotionReport>> motionReports;  // made on first use
+
   struct Ranging {
     platform::BeaconRegion region;
     std::uint64_t generation = 0;
@@ -151,7 +155,54 @@ void networkFix(const DeviceModel& model, platform::Duration elapsed, platform::
   fix.speed = -1.0;  // a network position measures no speed
 }
 
+// Keys the motion sensor's draws apart from the others.
+constexpr std::uint64_t kMotionKey = 0x6D6F74696F6E3031ull;
+constexpr double kMovingSpeed = 0.3;                              // m/s
+constexpr double kReportDelayMin = 10.0, kReportDelayMax = 30.0;  // seconds
+
 }  // namespace
+
+std::vector<MotionReport> phoneMotionReports(const Trace& trace, std::uint64_t seed) {
+  // The true motion as (time of change, moving) from segment speeds.
+  struct Change {
+    double t;
+    bool moving;
+  };
+  std::vector<Change> changes;
+  const auto& points = trace.points();
+  for (std::size_t i = 0; i + 1 < points.size(); ++i) {
+    const double dt = points[i + 1].t - points[i].t;
+    if (!(dt > 0.0))
+      continue;
+    platform::Location a, b;
+    a.latitude = points[i].latitude;
+    a.longitude = points[i].longitude;
+    b.latitude = points[i + 1].latitude;
+    b.longitude = points[i + 1].longitude;
+    const bool moving = a.distanceFrom(b) > kMovingSpeed * dt;
+    if (changes.empty() || changes.back().moving != moving)
+      changes.push_back({changes.empty() ? 0.0 : points[i].t, moving});
+  }
+  std::vector<MotionReport> reports;
+  const auto motionOf = [](bool moving) {
+    return moving ? platform::Motion::Moving : platform::Motion::Stationary;
+  };
+  reports.push_back({0.0, motionOf(!changes.empty() && changes.front().moving)});
+  for (std::size_t i = 1; i < changes.size(); ++i) {
+    const Change& c = changes[i];
+    FixRandom random(seed ^ kMotionKey, std::chrono::duration_cast<platform::Duration>(
+                                            std::chrono::duration<double>(c.t)));
+    const double delay = kReportDelayMin + (kReportDelayMax - kReportDelayMin) * random.uniform();
+    const bool missed = c.moving && random.uniform() < kMissedStart;
+    const platform::Motion motion = motionOf(c.moving);
+    // After a missed start the stop that ends the movement changes nothing either.
+    if (missed || reports.back().motion == motion)
+      continue;
+    // Reports keep their order: a quick stop is told right after its start.
+    reports.push_back({std::max(c.t + delay, reports.back().t + 1.0), motion});
+  }
+  return reports;
+}
 
 // Starts a new chain (the caller holds the state's mutex).
 void SimLocationManager::restartLocationChain(const std::shared_ptr<State>& state) {
@@ -253,6 +304,44 @@ void SimLocationManager::locationTick(const std::weak_ptr<State>& weak, std::uin
   }
   // Called without the lock: the delegate changes the settings from inside the callback.
   delegate->didUpdateLocations(fixes);
+}
+
+// Delivers one report (or, without one, the motion last reported) and arms the next.
+void SimLocationManager::motionTick(const std::weak_ptr<State>& weak, std::uint64_t generation,
+                                    std::optional<std::size_t> report) {
+  auto state = weak.lock();
+  if (!state)
+    return;
+  std::shared_ptr<platform::LocationManagerDelegate> delegate;
+  platform::MotionTransition transition;
+  {
+    std::lock_guard lock(state->mutex);
+    auto scheduler = state->scheduler.lock();
+    if (!scheduler || generation != state->motionGeneration || !state->motionUpdates ||
+        !state->motionReports || state->motionReports->empty())
+      return;
+    const auto& reports = *state->motionReports;
+    const double now = secondsSinceStart(*scheduler);
+    std::size_t index = 0;
+    if (report) {
+      index = *report;
+    } else {
+      while (index + 1 < reports.size() && reports[index + 1].t <= now)
+        ++index;
+    }
+    if (index + 1 < reports.size()) {
+      const auto wait = std::chrono::duration_cast<platform::Duration>(
+          std::chrono::duration<double>(std::max(0.0, reports[index + 1].t - now)));
+      const std::size_t next = index + 1;
+      scheduler->postAfter(
+          wait, [weak, generation, next] { motionTick(weak, generation, next); }, Lane::Main);
+    }
+    transition.motion = reports[index].motion;
+    transition.timestamp = scheduler->now();
+    delegate = state->delegate.lock();
+  }
+  if (delegate)
+    delegate->didChangeMotion(transition);
 }
 
 void SimLocationManager::rangingTick(const std::weak_ptr<State>& weak,
@@ -378,6 +467,30 @@ void SimLocationManager::startRangingBeacons(const platform::BeaconRegion& regio
 void SimLocationManager::stopRangingBeacons(const platform::BeaconRegion& region) {
   std::lock_guard lock(state_->mutex);
   state_->ranged.erase(region.identifier);
+}
+
+bool SimLocationManager::hasMotion() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->model.motion != MotionSensor::None;
+}
+
+void SimLocationManager::startMotionUpdates() {
+  std::lock_guard lock(state_->mutex);
+  if (state_->model.motion == MotionSensor::None || state_->motionUpdates)
+    return;
+  state_->motionUpdates = true;
+  const auto generation = ++state_->motionGeneration;
+  if (!state_->motionReports && state_->trace)
+    state_->motionReports = phoneMotionReports(*state_->trace, state_->model.seed);
+  std::weak_ptr<State> weak = state_;
+  scheduler_->postAfter(
+      1s, [weak, generation] { motionTick(weak, generation, std::nullopt); }, Lane::Main);
+}
+
+void SimLocationManager::stopMotionUpdates() {
+  std::lock_guard lock(state_->mutex);
+  state_->motionUpdates = false;
+  ++state_->motionGeneration;
 }
 
 bool SimLocationManager::updating() const {

@@ -203,6 +203,20 @@ ZONARIS_API zonaris_status zonaris_push_location(zonaris_client* client,
 ZONARIS_API zonaris_status zonaris_push_beacons(zonaris_client* client,
                                                 const zonaris_beacon* beacons, size_t count);
 
+/* When the client takes its samples (Zonaris::setSamplingPolicy); design is the default. */
+#define ZONARIS_SAMPLING_DESIGN 0
+#define ZONARIS_SAMPLING_EFFICIENT 1
+/* Sets the sampling policy: ZONARIS_SAMPLING_DESIGN or ZONARIS_SAMPLING_EFFICIENT; any other
+ * value: INVALID_ARGUMENT. Best set before zonaris_start. */
+ZONARIS_API zonaris_status zonaris_set_sampling_policy(zonaris_client* client, int policy);
+/* Offers one motion transition from the application's motion sensor to a client whose
+ * positions are pushed: `moving` 1 for "moving", 0 for "stationary", at `timestamp` (seconds
+ * since 1970-01-01T00:00:00Z; 0: the time of the push). Only the efficient sampling policy
+ * listens. *accepted (may be null) is 1 when the transition will be delivered to the client now.
+ * A client on gpsd (which has no motion sensor): INVALID_STATE. */
+ZONARIS_API zonaris_status zonaris_push_motion(zonaris_client* client, int moving, double timestamp,
+                                               int* accepted);
+
 /* Releases the client and everything its platform runs: the callbacks are removed, the client
  * is stopped, the work it scheduled is dropped, the platform's threads are joined, and the
  * threads running an exchange with the service are waited for (up to `timeout_ms`; a negative

@@ -33,10 +33,12 @@ enum class SamplingPolicy : std::uint8_t {
   /// The design's rule: half the time to reach the nearest fence at the averaged speed, cut to
   /// the next dwell deadline, between 15 and 600 seconds. The default.
   Design,
-  /// Fewer fixes for the same events: measures from inside a fence to its boundary, lets the
-  /// interval grow while the device stands still (and asks the location service to wake the
-  /// client when it moves), and samples right after each dwell deadline. What a pass decides
-  /// and sends is unchanged; only the moments of the samples differ. See the README.
+  /// Fewer fixes for the same events: measures from inside a fence to its boundary, rests the
+  /// GPS while the platform's motion sensor says stationary (where there is one), otherwise
+  /// lets a stop's interval grow no further than a walker needs to reach the nearest boundary,
+  /// samples again soon after an unconfirmed observation, and right after each dwell deadline.
+  /// What a pass decides and sends is unchanged; only the moments of the samples differ. See
+  /// the README.
   Efficient,
 };
 
@@ -88,7 +90,8 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
   /// Switches beacon ranging off, disarms sampling and stops the location service.
   void stop();
   /// Chooses when samples are taken (default `SamplingPolicy::Design`). Best set before
-  /// `start`; a change takes effect from the next accepted fix on.
+  /// `start`; a change takes effect from the next accepted fix on. The efficient policy starts
+  /// the location service's motion updates (where it has them); the design's never does.
   void setSamplingPolicy(SamplingPolicy policy);
   SamplingPolicy samplingPolicy() const { return samplingPolicy_.load(); }
 
@@ -115,6 +118,9 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
 
   void updateLocation();
   void didUpdateLocations(const std::vector<platform::Location>& locations) override;
+  /// Under `SamplingPolicy::Efficient` (the only policy that listens): "moving" after rest
+  /// takes a sample at once; every transition shapes the intervals that follow.
+  void didChangeMotion(const platform::MotionTransition& transition) override;
   void calculateIntervalAndAccuracy();
   void startUpdateBeacons();
   void stopUpdateBeacons();

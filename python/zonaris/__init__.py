@@ -249,6 +249,21 @@ class Client:
                            b.get("accuracy", -1.0), b.get("proximity", 0)) for b in beacons])
         self._call(self._lib.zonaris_push_beacons, self._live(), array, len(beacons))
 
+    def set_sampling(self, policy: str):
+        """"design" (the default) or "efficient"; best set before start()."""
+        codes = {"design": 0, "efficient": 1}
+        if policy not in codes:
+            raise ValueError("sampling policy must be 'design' or 'efficient': %r" % (policy,))
+        self._call(self._lib.zonaris_set_sampling_policy, self._live(), codes[policy])
+
+    def push_motion(self, moving: bool, *, timestamp: Optional[float] = None) -> bool:
+        """Offers a motion transition ("moving" or "stationary") from the application's motion
+        sensor; only the efficient sampling listens. True when it is delivered to the client."""
+        accepted = ctypes.c_int(0)
+        self._call(self._lib.zonaris_push_motion, self._live(), 1 if moving else 0,
+                   time.time() if timestamp is None else timestamp, ctypes.byref(accepted))
+        return bool(accepted.value)
+
     def close(self, timeout: float = 65.0):
         """Releases the client and joins its threads; no callback runs afterwards. ZonarisError
         "timeout" when a thread was still running after `timeout` seconds: the client is

@@ -112,6 +112,9 @@ def client_library():
         _declare(lib, "zonaris_push_location", s, p, ctypes.POINTER(Location),
                  ctypes.POINTER(ctypes.c_int))
         _declare(lib, "zonaris_push_beacons", s, p, ctypes.POINTER(Beacon), ctypes.c_size_t)
+        _declare(lib, "zonaris_set_sampling_policy", s, p, i)
+        _declare(lib, "zonaris_push_motion", s, p, i, ctypes.c_double,
+                 ctypes.POINTER(ctypes.c_int))
         _declare(lib, "zonaris_destroy", s, p, s)
         _client_lib = lib
     return _client_lib

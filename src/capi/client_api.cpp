@@ -247,6 +247,40 @@ ZONARIS_API zonaris_status zonaris_push_beacons(zonaris_client* handle,
   });
 }
 
+ZONARIS_API zonaris_status zonaris_set_sampling_policy(zonaris_client* handle, int policy) {
+  return guarded([&] {
+    if (!handle)
+      return noClient();
+    if (policy != ZONARIS_SAMPLING_DESIGN && policy != ZONARIS_SAMPLING_EFFICIENT)
+      return fail(ZONARIS_STATUS_INVALID_ARGUMENT, "not a sampling policy");
+    handle->client->setSamplingPolicy(policy == ZONARIS_SAMPLING_EFFICIENT
+                                          ? zonaris::SamplingPolicy::Efficient
+                                          : zonaris::SamplingPolicy::Design);
+    return ZONARIS_STATUS_OK;
+  });
+}
+
+ZONARIS_API zonaris_status zonaris_push_motion(zonaris_client* handle, int moving, double timestamp,
+                                               int* accepted) {
+  return guarded([&] {
+    if (accepted)
+      *accepted = 0;
+    if (!handle || !handle->feed)
+      return noFeed(handle);
+    if (!std::isfinite(timestamp))
+      return fail(ZONARIS_STATUS_INVALID_ARGUMENT, "the timestamp is not finite");
+    zonaris::platform::MotionTransition transition;
+    transition.motion =
+        moving ? zonaris::platform::Motion::Moving : zonaris::platform::Motion::Stationary;
+    transition.timestamp = timestamp == 0.0 ? std::chrono::system_clock::now()
+                                            : zonaris::capi::fromUnixSeconds(timestamp);
+    const bool delivered = handle->feed->pushMotion(transition);
+    if (accepted)
+      *accepted = delivered ? 1 : 0;
+    return ZONARIS_STATUS_OK;
+  });
+}
+
 ZONARIS_API zonaris_status zonaris_destroy(zonaris_client* handle, int timeout_ms) {
   return guarded([&] {
     if (!handle)

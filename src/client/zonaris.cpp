@@ -113,6 +113,8 @@ void Zonaris::stop() {
   devLog("Zonaris stopped");
   stopUpdateBeacons();
   mUpdatingLocation_.store(false);
+  if (samplingPolicy_.load() == SamplingPolicy::Efficient)
+    mLocationManager_->stopMotionUpdates();
   mLocationManager_->stopUpdatingLocation();
 }
 

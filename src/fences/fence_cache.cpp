@@ -225,6 +225,18 @@ std::optional<double> FenceCache::measure(const geos::Context& context, std::siz
   return geos::nearestDistance(context, fences_[i].geometry.get(), device);
 }
 
+std::optional<double> FenceCache::measureBoundary(const geos::Context& context, std::size_t i,
+                                                  const geos::DevicePoint& device) const {
+  GEOSContextHandle_t ctx = context.get();
+  if (ctx == nullptr || !fences_[i].geometry)
+    return std::nullopt;
+  const std::lock_guard lock(measureMutex_);
+  const geos::GeomPtr boundary(GEOSBoundary_r(ctx, fences_[i].geometry.get()), geos::Release{ctx});
+  if (!boundary || GEOSisEmpty_r(ctx, boundary.get()) != 0)
+    return std::nullopt;
+  return geos::nearestDistance(context, boundary.get(), device);
+}
+
 std::vector<FenceCache::Measured> FenceCache::measureCandidates(const geos::Context& context,
                                                                 const geos::DevicePoint& device,
                                                                 const FenceList* fences) const {

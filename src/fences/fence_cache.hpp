@@ -89,6 +89,12 @@ class FenceCache {
   std::optional<double> measure(const geos::Context& context, std::size_t i,
                                 const geos::DevicePoint& device) const;
 
+  /// The distance from the device to the boundary of one readable fence's cached geometry (the
+  /// rings of a polygon), or nothing when the geometry has no boundary (a point, a closed line)
+  /// or GEOS cannot measure it.
+  std::optional<double> measureBoundary(const geos::Context& context, std::size_t i,
+                                        const geos::DevicePoint& device) const;
+
   /// Bytes held beyond the GEOS geometries themselves (index and per-fence records).
   std::size_t indexBytes() const;
 

@@ -134,6 +134,47 @@ std::size_t FeedLocationManager::pushBeacons(const std::vector<Beacon>& beacons)
   return regions.size();
 }
 
+bool FeedLocationManager::pushMotion(const MotionTransition& transition) {
+  std::weak_ptr<LocationManagerDelegate> delegate;
+  {
+    std::lock_guard lock(mutex_);
+    motion_ = transition;
+    if (!settings_.motionUpdates || !dispatcher_)
+      return false;
+    delegate = delegate_;
+  }
+  dispatcher_->mainAfter(Duration::zero(), [delegate, transition] {
+    if (auto receiver = delegate.lock())
+      receiver->didChangeMotion(transition);
+  });
+  return true;
+}
+
+bool FeedLocationManager::hasMotion() const {
+  std::lock_guard lock(mutex_);
+  return motion_.has_value();
+}
+
+void FeedLocationManager::startMotionUpdates() {
+  std::optional<MotionTransition> current;
+  std::weak_ptr<LocationManagerDelegate> delegate;
+  change([&] {
+    if (!settings_.motionUpdates)
+      current = motion_;
+    settings_.motionUpdates = true;
+    delegate = delegate_;
+  });
+  if (current && dispatcher_)
+    dispatcher_->mainAfter(Duration::zero(), [delegate, transition = *current] {
+      if (auto receiver = delegate.lock())
+        receiver->didChangeMotion(transition);
+    });
+}
+
+void FeedLocationManager::stopMotionUpdates() {
+  change([&] { settings_.motionUpdates = false; });
+}
+
 FeedSettings FeedLocationManager::settings() const {
   std::lock_guard lock(mutex_);
   return settings_;

@@ -50,7 +50,12 @@ void Zonaris::setSamplingPolicy(SamplingPolicy policy) {
     if (policy == SamplingPolicy::Efficient && !efficient_)
       efficient_ = std::make_shared<sampling::EfficientPolicy>();
   }
-  samplingPolicy_.store(policy);
+  const SamplingPolicy before = samplingPolicy_.exchange(policy);
+  // Only the efficient policy listens to the motion sensor.
+  if (policy == SamplingPolicy::Efficient && before != policy)
+    mLocationManager_->startMotionUpdates();
+  else if (before == SamplingPolicy::Efficient && policy != before)
+    mLocationManager_->stopMotionUpdates();
 }
 
 std::shared_ptr<sampling::EfficientPolicy> Zonaris::efficientPolicy() const {
@@ -102,7 +107,10 @@ void Zonaris::calculateIntervalAndAccuracy() {
     // Inside a polygon the nearest distance is 0; the policy measures the way out instead.
     const FencesPtr fences = mFences();
     if (current && fences && !(minDist > 0.0))
-      facts.clearance = sampling::boundaryClearance(*fences, current->longitude, current->latitude);
+      facts.clearance = sampling::boundaryClearance(fences, current->longitude, current->latitude);
+    facts.accuracy = current && std::isfinite(current->horizontalAccuracy)
+                         ? std::max(current->horizontalAccuracy, 0.0)
+                         : 0.0;
     facts.ranging = mBeaconEnabled_.load();
     facts.fixAge =
         current ? std::chrono::duration<double>(platform_.clock->now() - current->timestamp).count()
@@ -110,7 +118,7 @@ void Zonaris::calculateIntervalAndAccuracy() {
     facts.beforeDwell = getTimeBeforeDwell();
     bySpeed = efficient->spacing(facts);
     beforeDwell = sampling::EfficientPolicy::dwellCap(facts.beforeDwell);
-    lowest = std::clamp(beforeDwell, 1, MIN_INTERVAL);
+    lowest = std::clamp(beforeDwell, 1, efficient->shortest());
   }
   devLog(fmt::format("Interval(sp)    = {}", bySpeed));
   std::int32_t interval = bySpeed < beforeDwell ? bySpeed : beforeDwell;

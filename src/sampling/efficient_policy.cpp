@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <utility>
 
 #include "fences/fence_cache.hpp"
 #include "fences/geometry.hpp"
@@ -20,6 +21,7 @@ constexpr std::int32_t kMinInterval = 15;  // seconds, as the design's lower bou
 constexpr double kStillFloor = 20.0;  // metres
 constexpr double kStillCap = 100.0;   // metres
 constexpr double kBeaconReach = 70.0;
+constexpr double kMovingSpeed = 1.0;  // m/s
 // The centre of a stop follows its last fixes: a running mean over at most this many.
 constexpr int kCentreFixes = 16;
 
@@ -61,43 +63,104 @@ std::int32_t saturatedSeconds(double x) {
   return static_cast<std::int32_t>(x);
 }
 
-double boundaryClearance(const FenceList& fenceList, double longitude, double latitude) {
-  double nearest = std::numeric_limits<double>::max();
-  const std::string point = fences::devicePointWkt(longitude, latitude);
+namespace {
+
+// The clearance of one fence from its raw distance; `boundary` measures the way out of a
+// geometry that holds the device.
+template <class Boundary>
+double clearanceOf(fences::FenceKind kind, float radius, double raw, Boundary&& boundary) {
+  switch (kind) {
+    case fences::FenceKind::Point:
+      return std::abs(raw - static_cast<double>(radius));
+    case fences::FenceKind::Beacon:
+      return std::abs(raw - kBeaconReach);
+    case fences::FenceKind::Other:
+      // Inside: the way out is the boundary. Without one (a point or line geometry the device
+      // sits on) the device is on the edge.
+      return raw <= 0.0 ? boundary().value_or(0.0) : raw;
+  }
+  return raw;
+}
+
+struct DeviceReader {
   fences::geos::Context& context = fences::geos::threadContext();
   std::optional<fences::geos::DevicePoint> device;
-  if (context.get() != nullptr) {
+  explicit DeviceReader(const std::string& point) {
+    if (context.get() == nullptr)
+      return;
     const fences::geos::ReaderPtr reader(GEOSWKTReader_create_r(context.get()),
                                          fences::geos::Release{context.get()});
     std::string why;
     if (reader)
       device = fences::geos::readDevicePoint(context, reader.get(), point, why);
   }
+};
+
+// One fence measured from its text.
+std::optional<double> clearanceFromText(const ZonarisFence& fence, const std::string& point,
+                                        const DeviceReader& reader) {
+  const std::string wkt = fence.location().value_or("");
+  const auto measured = fences::distanceToGeometry(wkt, point);
+  if (!measured.metres)
+    return std::nullopt;
+  return clearanceOf(
+      fences::kindOf(fence.type()), static_cast<float>(fence.radius()), *measured.metres, [&] {
+        return reader.device ? distanceToBoundary(wkt, reader.context, *reader.device)
+                             : std::nullopt;
+      });
+}
+
+}  // namespace
+
+double boundaryClearance(const FenceList& fenceList, double longitude, double latitude) {
+  double nearest = std::numeric_limits<double>::max();
+  const std::string point = fences::devicePointWkt(longitude, latitude);
+  const DeviceReader reader(point);
   for (const auto& fence : fenceList) {
-    const std::string wkt = fence->location().value_or("");
-    const auto measured = fences::distanceToGeometry(wkt, point);
-    if (!measured.metres)
-      continue;
-    const double raw = *measured.metres;
-    double clearance = raw;
-    switch (fences::kindOf(fence->type())) {
-      case fences::FenceKind::Point:
-        clearance = std::abs(raw - static_cast<double>(fence->radius()));
-        break;
-      case fences::FenceKind::Beacon:
-        clearance = std::abs(raw - kBeaconReach);
-        break;
-      case fences::FenceKind::Other:
-        if (raw <= 0.0) {
-          // Inside: the way out is the boundary. Without one (a point or line geometry the
-          // device sits on) the device is on the edge.
-          const auto edge = device ? distanceToBoundary(wkt, context, *device) : std::nullopt;
-          clearance = edge.value_or(0.0);
-        }
-        break;
-    }
-    if (clearance < nearest)
-      nearest = clearance;
+    const auto clearance = clearanceFromText(*fence, point, reader);
+    if (clearance && *clearance < nearest)
+      nearest = *clearance;
+  }
+  return nearest;
+}
+
+double boundaryClearance(const std::shared_ptr<const FenceList>& snapshot, double longitude,
+                         double latitude) {
+  if (!snapshot)
+    return std::numeric_limits<double>::max();
+  const fences::FenceCache* cache = fences::cacheOf(snapshot);
+  const std::string point = fences::devicePointWkt(longitude, latitude);
+  const DeviceReader reader(point);
+  if (cache == nullptr || !reader.device || cache->size() != snapshot->size())
+    return boundaryClearance(*snapshot, longitude, latitude);
+  const FenceList& list = *snapshot;
+  const fences::geos::DevicePoint& device = *reader.device;
+  double nearest = std::numeric_limits<double>::max();
+  auto take = [&](std::optional<double> clearance) {
+    if (clearance && *clearance < nearest)
+      nearest = *clearance;
+  };
+  auto fromCache = [&](std::size_t i, std::optional<double> raw) {
+    if (!raw)
+      return;
+    take(clearanceOf(cache->kind(i), static_cast<float>(list[i]->radius()), *raw,
+                     [&] { return cache->measureBoundary(reader.context, i, device); }));
+  };
+  // The candidates of a pass hold every fence nearer than the nearest one outside; only a
+  // polygon that holds the device can have its way out farther than a fence left out.
+  bool holds = false;
+  for (const auto& measured : cache->measureCandidates(reader.context, device, &list)) {
+    if (cache->kind(measured.index) == fences::FenceKind::Other && measured.metres &&
+        *measured.metres <= 0.0)
+      holds = true;
+    fromCache(measured.index, measured.metres);
+  }
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    // A fence whose shape changed since the cache read it is measured from its text.
+    if (list[i]->shapeRevision() != cache->revision(i))
+      take(clearanceFromText(*list[i], point, reader));
+    else if (holds && cache->readable(i))
+      fromCache(i, cache->measure(reader.context, i, device));
   }
   return nearest;
 }
@@ -105,12 +168,26 @@ double boundaryClearance(const FenceList& fenceList, double longitude, double la
 double EfficientPolicy::acceptFix(const platform::Location& fix) {
   ++accepted_;
   std::lock_guard lock(mutex_);
+  // A new pass: one of the quick passes that follow an unconfirmed observation, or the end of
+  // a row of them.
+  if (doubt_ > 0) {
+    --doubt_;
+    ++quick_;
+  } else {
+    quick_ = 0;
+  }
+  const bool first = fixesSinceReport_++ == 0;
+  lastFixAt_ = fix.timestamp;
   if (started_) {
     platform::Location centre;
     centre.latitude = latitude_;
     centre.longitude = longitude_;
     const double tolerance = std::clamp(accuracyOf(fix) + accuracy_, kStillFloor, kStillCap);
-    if (fix.distanceFrom(centre) <= tolerance) {
+    // A fix that measured a speed of its own (a receiver's Doppler speed) says the device moves
+    // even where its noise keeps it near the stop.
+    const bool moving = std::isfinite(fix.speed) && fix.speed > kMovingSpeed;
+    lastAway_ = fix.distanceFrom(centre);
+    if (!moving && lastAway_ <= tolerance) {
       // Averaging plain degrees is exact enough over a stop's few tens of metres.
       fixes_ = std::min(fixes_ + 1, kCentreFixes);
       latitude_ += (fix.latitude - latitude_) / fixes_;
@@ -119,8 +196,12 @@ double EfficientPolicy::acceptFix(const platform::Location& fix) {
       still_ = true;
       stillFor_ = std::max(0.0, std::chrono::duration<double>(fix.timestamp - since_).count());
       jumped_ = false;
+      movedSinceReport_ = false;
       return kWakeFilter;
     }
+    // The first fix after a stationary report shows where the device stopped; a later one
+    // away from the one before shows that it moves, until two fixes agree again.
+    movedSinceReport_ = !first;
   }
   started_ = true;
   still_ = false;
@@ -136,7 +217,8 @@ double EfficientPolicy::acceptFix(const platform::Location& fix) {
 
 bool EfficientPolicy::wake(const platform::Location& delivered) {
   std::lock_guard lock(mutex_);
-  if (!still_)
+  // The motion sensor says better, and for a few milliwatts, whether the device moves.
+  if (!still_ || motion_)
     return false;
   platform::Location centre;
   centre.latitude = latitude_;
@@ -154,22 +236,75 @@ bool EfficientPolicy::wake(const platform::Location& delivered) {
   return true;
 }
 
+bool EfficientPolicy::motion(const platform::MotionTransition& transition) {
+  std::lock_guard lock(mutex_);
+  const bool started =
+      transition.motion == platform::Motion::Moving && motion_ != platform::Motion::Moving;
+  if (motion_ != transition.motion) {
+    fixesSinceReport_ = 0;
+    movedSinceReport_ = false;
+  }
+  motion_ = transition.motion;
+  motionAt_ = transition.timestamp;
+  return started;
+}
+
+void EfficientPolicy::observed(bool confirmed) {
+  std::lock_guard lock(mutex_);
+  if (confirmed)
+    doubt_ = 0;
+  unconfirmed_ = !confirmed;
+}
+
 double EfficientPolicy::stillFor() const {
   std::lock_guard lock(mutex_);
   return still_ ? stillFor_ : 0.0;
 }
 
-std::int32_t EfficientPolicy::spacing(const PassFacts& facts) const {
+std::int32_t EfficientPolicy::shortest() const {
+  std::lock_guard lock(mutex_);
+  return doubt_ > 0 ? kRetryAfter : kMinInterval;
+}
+
+std::int32_t EfficientPolicy::spacing(const PassFacts& facts) {
   const std::int32_t byDistance =
       saturatedSeconds(facts.clearance / static_cast<double>(facts.averageSpeed) * 0.5);
-  if (facts.fixAge > kFreshFor)
+  std::lock_guard lock(mutex_);
+  if (std::exchange(unconfirmed_, false)) {
+    // Without motion, a fix whose accuracy disc holds the boundary, within 20 m of a stop that
+    // has lasted a while, is the noise of a fix near a wall; a real crossing comes with movement, a
+    // young stop or a clear fix. (With motion the quick passes are what confirms an arrival.)
+    const bool noise = !motion_ && still_ && stillFor_ >= kSettledAfter &&
+                       lastAway_ <= kStillFloor && facts.clearance < facts.accuracy;
+    if (quick_ < kQuickPasses && !noise)
+      doubt_ = kRetries + 1;  // this pass's own interval, then kRetries more
+  }
+  // The motion sensor vouches that a device at rest has not moved since even an old fix.
+  // The rest starts with a fix taken after the report: one from before it may show the device
+  // short of where it stopped.
+  const bool resting =
+      motion_ == platform::Motion::Stationary && !movedSinceReport_ && lastFixAt_ >= motionAt_;
+  if (facts.fixAge > kFreshFor && !resting)
     return std::min(byDistance, kMinInterval);
+  if (doubt_ > 0)
+    return std::min(byDistance, kRetryAfter);
   if (facts.ranging)
     return byDistance;
-  const double still = stillFor();
-  if (still >= kStillAfter)
-    return std::max(byDistance, saturatedSeconds(still));
-  return byDistance;
+  if (motion_) {
+    if (resting)
+      return kRestInterval;
+    if (*motion_ == platform::Motion::Stationary && !movedSinceReport_)
+      return std::min(byDistance, kMinInterval);
+    return byDistance;
+  }
+  const double still = still_ ? stillFor_ : 0.0;
+  if (still < kStillAfter)
+    return byDistance;
+  // A walker leaving the accuracy disc now reaches the nearest boundary no sooner than this;
+  // a visit there lasts a while, so the sample may come up to `kVisitSlack` later.
+  const std::int32_t walker = saturatedSeconds(
+      std::max(0.0, facts.clearance - facts.accuracy) / kWalkerSpeed + kVisitSlack);
+  return std::min(std::max(byDistance, saturatedSeconds(still)), walker);
 }
 
 std::int32_t EfficientPolicy::dwellCap(std::int32_t beforeDwell) {

@@ -57,4 +57,14 @@ void Zonaris::didUpdateLocations(const std::vector<platform::Location>& location
   detachGuarded("handleFences", [](Zonaris& self) { self.handleFences(); });
 }
 
+void Zonaris::didChangeMotion(const platform::MotionTransition& transition) {
+  const auto efficient = efficientPolicy();
+  if (!efficient)
+    return;
+  devLog(fmt::format("Motion          = {}",
+                     transition.motion == platform::Motion::Moving ? "moving" : "stationary"));
+  if (efficient->motion(transition))
+    updateLocation();
+}
+
 }  // namespace zonaris

@@ -1,6 +1,7 @@
 // Observation reports and what the service answers to them: confirmed events and messages.
 #include <fmt/format.h>
 
+#include "sampling/efficient_policy.hpp"
 #include "service/request.hpp"
 #include "zonaris/zonaris.hpp"
 
@@ -58,6 +59,16 @@ void Zonaris::sendObservation() {
   // is not confirmed; "data" that is not an object carries no message; "events" that is not
   // an array, and elements that are not objects, carry no events.
   const json* events = service::member(answer, "events");
+  // The efficient policy samples again soon when the service did not confirm a crossing yet.
+  if (const auto efficient = efficientPolicy()) {
+    bool confirmed = false;
+    if (events && events->is_array())
+      for (const json& event : *events) {
+        const json* type = service::member(event, "event_type");
+        confirmed = confirmed || (type && type->is_string());
+      }
+    efficient->observed(confirmed);
+  }
   if (events && events->is_array()) {
     for (const json& event : *events) {
       const std::int64_t locationId = service::int64Of(service::member(event, "location_id"));

@@ -69,6 +69,8 @@ static void wrong_arguments(zonaris_client* client) {
       {"beacons null with count", zonaris_push_beacons(client, NULL, 2),
        ZONARIS_STATUS_INVALID_ARGUMENT},
       {"no beacons", zonaris_push_beacons(client, NULL, 0), ZONARIS_STATUS_OK},
+      {"not a policy", zonaris_set_sampling_policy(client, 7), ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"motion pushed", zonaris_push_motion(client, 1, 0.0, NULL), ZONARIS_STATUS_OK},
       {"destroy null", zonaris_destroy(NULL, 0), ZONARIS_STATUS_OK},
   };
   size_t i;
@@ -168,6 +170,7 @@ static void gpsd_client_takes_no_pushed_fixes(const char* store) {
   CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
   CHECK(zonaris_push_location(client, &fix, NULL) == ZONARIS_STATUS_INVALID_STATE);
   CHECK(zonaris_push_beacons(client, NULL, 0) == ZONARIS_STATUS_INVALID_STATE);
+  CHECK(zonaris_push_motion(client, 1, 0.0, NULL) == ZONARIS_STATUS_INVALID_STATE); /* no sensor */
   CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
   options.gpsd_host = "::1"; /* an IPv6 address, bracketed or not */
   CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);

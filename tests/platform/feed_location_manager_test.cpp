@@ -18,8 +18,10 @@ struct Recorder final : LocationManagerDelegate {
     for (const auto& beacon : b)
       uuids.push_back(beacon.uuid);
   }
+  void didChangeMotion(const MotionTransition& t) override { motions.push_back(t.motion); }
   std::size_t fixes = 0;
   std::vector<std::string> uuids;
+  std::vector<Motion> motions;
 };
 
 // A fix `metres` north of a fixed point (one degree of latitude is about 111.2 km there).
@@ -79,6 +81,27 @@ TEST(FeedLocationManager, DeliversBeaconUUIDsInCanonicalUpperCase) {
                        {"not a uuid", 1, 2, 1.0, 2}});
   scheduler->runFor(0s);
   EXPECT_EQ(recorder->uuids, std::vector<std::string>(2, "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0"));
+}
+
+// Motion reaches the client only while it listens; starting to listen tells the motion last
+// pushed, so a client that starts late still knows whether the device moves.
+TEST(FeedLocationManager, DeliversMotionOnlyWhileListenedTo) {
+  auto scheduler = std::make_shared<sim::Scheduler>(sim::defaultStartTime());
+  FeedLocationManager manager(std::make_shared<sim::SimDispatcher>(scheduler));
+  auto recorder = std::make_shared<Recorder>();
+  manager.setDelegate(recorder);
+  EXPECT_FALSE(manager.hasMotion()) << "no motion source until one pushes";
+  EXPECT_FALSE(manager.pushMotion({Motion::Moving, scheduler->now()}));
+  EXPECT_FALSE(manager.pushMotion({Motion::Stationary, scheduler->now()}));
+  EXPECT_TRUE(manager.hasMotion());
+  manager.startMotionUpdates();
+  EXPECT_TRUE(manager.settings().motionUpdates);
+  EXPECT_TRUE(manager.pushMotion({Motion::Moving, scheduler->now()}));
+  scheduler->runFor(0s);
+  manager.stopMotionUpdates();
+  EXPECT_FALSE(manager.pushMotion({Motion::Stationary, scheduler->now()}));
+  scheduler->runFor(0s);
+  EXPECT_EQ(recorder->motions, (std::vector<Motion>{Motion::Stationary, Motion::Moving}));
 }
 
 }  // namespace

@@ -51,6 +51,12 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
                  "agent at once")
       ->capture_default_str()
       ->check(kFiniteSeconds & CLI::Range(0.0, 3600.0));
+  std::string sampling = "design";
+  app.add_option("--sampling", sampling,
+                 "when the client samples: design (the design's rule) or efficient (fewer "
+                 "fixes; gpsd has no motion sensor, so stops are bounded by the nearest fence)")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"design", "efficient"}));
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -83,6 +89,7 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
     o.silence = silence;
   if (untilOpt->count())
     o.until = until;
+  o.sampling = sampling == "efficient" ? SamplingPolicy::Efficient : SamplingPolicy::Design;
   return o;
 }
 

@@ -32,6 +32,7 @@ struct Options {
   /// Seconds from SIGINT, SIGTERM or --until to the exit, whatever gpsd and the service do.
   /// The README and examples/zonaris-agent.service (TimeoutStopSec=90) rely on this default.
   double stopTimeout = 60;
+  SamplingPolicy sampling = SamplingPolicy::Design;  ///< --sampling design|efficient
 };
 
 /// An exit before the run: the help text with status 0, or one error line with status 2.

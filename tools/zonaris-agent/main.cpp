@@ -181,6 +181,7 @@ int run(const Options& o) {
   if (o.uuid)
     client->setUUID(*o.uuid);
   client->setDevMode(o.devMode);
+  client->setSamplingPolicy(o.sampling);
   if (o.tags)
     client->setTags(o.tags);
   if (o.silence)

@@ -28,6 +28,11 @@ class CountingLocationManager::Relay final : public platform::LocationManagerDel
       target->didRangeBeacons(beacons, region);
   }
 
+  void didChangeMotion(const platform::MotionTransition& transition) override {
+    if (auto target = target_.lock())
+      target->didChangeMotion(transition);
+  }
+
  private:
   std::weak_ptr<platform::LocationManagerDelegate> target_;
   std::shared_ptr<Counters> counters_;
@@ -68,6 +73,15 @@ void CountingLocationManager::startRangingBeacons(const platform::BeaconRegion& 
 }
 void CountingLocationManager::stopRangingBeacons(const platform::BeaconRegion& region) {
   inner_->stopRangingBeacons(region);
+}
+bool CountingLocationManager::hasMotion() const {
+  return inner_->hasMotion();
+}
+void CountingLocationManager::startMotionUpdates() {
+  inner_->startMotionUpdates();
+}
+void CountingLocationManager::stopMotionUpdates() {
+  inner_->stopMotionUpdates();
 }
 
 }  // namespace zonaris::sim_tool

@@ -25,6 +25,9 @@ class CountingLocationManager final : public platform::LocationManager {
   void stopUpdatingLocation() override;
   void startRangingBeacons(const platform::BeaconRegion& region) override;
   void stopRangingBeacons(const platform::BeaconRegion& region) override;
+  bool hasMotion() const override;
+  void startMotionUpdates() override;
+  void stopMotionUpdates() override;
 
   std::uint64_t fixesDelivered() const { return counters_->delivered.load(); }
   std::uint64_t fixesTaken() const { return counters_->taken.load(); }

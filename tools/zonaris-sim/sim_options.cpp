@@ -100,6 +100,12 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
                      "none, network (positions 30-1500 m off, at most one a minute; the "
                      "default) or gnss (the receiver's fixes)")
           ->check(CLI::IsMember({"none", "network", "gnss"}));
+  std::string motion = "none";
+  app.add_option("--motion", motion,
+                 "the motion sensor: none, or phone (reports each start and stop of movement "
+                 "10-30 s late, misses 2 % of starts); only the efficient sampling listens")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"none", "phone"}));
   auto* paceOpt = app.add_option("--pace", pace,
                                  "metres per second at which to replay the trace's points, "
                                  "for a route or a track without times (their times ignored)")
@@ -183,6 +189,7 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
   o.device.idleFixes = idleFixes == "none"   ? sim::IdleFixes::None
                        : idleFixes == "gnss" ? sim::IdleFixes::Gnss
                                              : sim::IdleFixes::Network;
+  o.device.motion = motion == "phone" ? sim::MotionSensor::Phone : sim::MotionSensor::None;
   if (paceOpt->count())
     o.pace = pace;
   o.network.latency =

@@ -35,7 +35,7 @@ struct Options {
 
   // The device and the network (defaults: the ideal device, a network that takes no time).
   sim::DeviceModel device;           ///< --device, --seed, --fix-delay, --stale-first, --noise,
-                                     ///< --outliers, --batch, --idle-fixes
+                                     ///< --outliers, --batch, --idle-fixes, --motion
   sim::NetworkModel network;         ///< --latency (also --device), --outage, --outage-kind
   std::optional<std::string> score;  ///< --score FILE
   SamplingPolicy sampling = SamplingPolicy::Design;  ///< --sampling design|efficient

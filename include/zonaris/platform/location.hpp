@@ -50,6 +50,16 @@ struct ZONARIS_API BeaconRegion {
 
 enum class Accuracy { BestForNavigation, ThreeKilometers };
 
+/// What a device's motion sensors (a motion coprocessor, activity recognition) say.
+enum class Motion : std::uint8_t { Moving, Stationary };
+
+/// One change of the device's motion, as its sensors report it: `timestamp` is when the report
+/// was made, typically some seconds after the movement really began or ended.
+struct ZONARIS_API MotionTransition {
+  Motion motion = Motion::Stationary;
+  TimePoint timestamp{};
+};
+
 /// Distance filter value meaning "every fix".
 inline constexpr double kDistanceFilterNone = -1.0;
 
@@ -61,6 +71,8 @@ class ZONARIS_API LocationManagerDelegate {
   /// Fixes in time order; never empty.
   virtual void didUpdateLocations(const std::vector<Location>& locations) = 0;
   virtual void didRangeBeacons(const std::vector<Beacon>& beacons, const BeaconRegion& region) = 0;
+  /// A motion transition, while motion updates are started. Ignored unless overridden.
+  virtual void didChangeMotion(const MotionTransition& /*transition*/) {}
 };
 
 /// The device's location service. Calls are made from any of the client's threads; an
@@ -83,6 +95,13 @@ class ZONARIS_API LocationManager {
   /// The client passes its developer mode on (`Zonaris::setDevMode`). An adapter that writes
   /// diagnostics to the platform log writes them only while it is on; others ignore it.
   virtual void setDevMode(bool /*devMode*/) {}
+  /// Whether this location service reports motion transitions (`didChangeMotion`). A service
+  /// without motion sensors keeps the default, false, and ignores the two calls below.
+  virtual bool hasMotion() const { return false; }
+  /// Starts or stops the delivery of motion transitions. Starting delivers the current motion
+  /// once it is known, then every change.
+  virtual void startMotionUpdates() {}
+  virtual void stopMotionUpdates() {}
 };
 
 }  // namespace zonaris::platform

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -211,6 +212,8 @@ struct ZONARIS_API FeedSettings {
   bool alwaysAuthorizationRequested = false;
   /// Regions being ranged, in the order ranging started.
   std::vector<BeaconRegion> rangedRegions;
+  /// The client listens to motion transitions (it does only under `SamplingPolicy::Efficient`).
+  bool motionUpdates = false;
 };
 
 /// A location service fed by the application. Linux has no system location service, so the
@@ -252,6 +255,14 @@ class ZONARIS_API FeedLocationManager final : public LocationManager {
   /// not a UUID are left out), possibly none.
   /// Returns the number of regions that will receive a callback.
   std::size_t pushBeacons(const std::vector<Beacon>& beacons);
+  /// Offers one motion transition from the application's motion source. It is delivered while
+  /// motion updates are started; in any case it becomes the current motion, which starting
+  /// motion updates delivers. Returns whether it will be delivered now.
+  bool pushMotion(const MotionTransition& transition);
+  /// True once a motion transition has been pushed: a feed without a motion source says so.
+  bool hasMotion() const override;
+  void startMotionUpdates() override;
+  void stopMotionUpdates() override;
 
   FeedSettings settings() const;
   /// Called with the new settings after each change, on the thread that made the change and
@@ -268,6 +279,7 @@ class ZONARIS_API FeedLocationManager final : public LocationManager {
   std::weak_ptr<LocationManagerDelegate> delegate_;
   FeedSettings settings_;
   std::shared_ptr<const Location> lastDelivered_;
+  std::optional<MotionTransition> motion_;  // the last transition pushed
   std::shared_ptr<const std::function<void(const FeedSettings&)>> listener_;
 };
 

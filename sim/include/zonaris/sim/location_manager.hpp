@@ -28,6 +28,31 @@ enum class IdleFixes {
   Gnss,
 };
 
+/// What the simulated device's motion sensor reports.
+enum class MotionSensor {
+  /// No motion sensor: `hasMotion` is false and nothing is reported (the gpsd source).
+  None,
+  /// A phone's activity recognition: each true start or stop of movement is reported 10 to 30 s
+  /// later (uniform, drawn from the seed and the time of the change; never before the report
+  /// of the change before it); a start is missed with probability `kMissedStart`, and then so
+  /// is the stop that ends that movement.
+  Phone,
+};
+
+/// The share of starts of movement that the phone's motion sensor misses.
+inline constexpr double kMissedStart = 0.02;
+
+/// One motion report: seconds since the trace's start, and what is reported.
+struct MotionReport {
+  double t = 0.0;
+  platform::Motion motion = platform::Motion::Stationary;
+};
+
+/// The reports a phone's motion sensor makes over `trace`: the true motion at its start (at 0),
+/// then every change as `MotionSensor::Phone` says. The device moves between two points that are
+/// farther apart than 0.3 m per second of their time difference.
+std::vector<MotionReport> phoneMotionReports(const Trace& trace, std::uint64_t seed);
+
 /// How the simulated device's location service departs from the trace. The defaults are the
 /// ideal device: the exact trace position, one fix per callback, the first one 1 s after a
 /// setting. Everything random is drawn from `seed` and the virtual time of the fix, so the same
@@ -55,6 +80,8 @@ struct DeviceModel {
   /// What comes while the application holds the coarse setting. The receiver's fixes here, for
   /// the tests of the setting's rhythm; zonaris-sim gives `IdleFixes::Network` unless told.
   IdleFixes idleFixes = IdleFixes::Gnss;
+  /// The motion sensor; none unless told.
+  MotionSensor motion = MotionSensor::None;
 };
 
 /// The range of a network position's accuracy, in metres, and how often one is worked out.
@@ -102,6 +129,11 @@ class SimLocationManager final : public platform::LocationManager,
   void stopUpdatingLocation() override;
   void startRangingBeacons(const platform::BeaconRegion& region) override;
   void stopRangingBeacons(const platform::BeaconRegion& region) override;
+  /// True with a `MotionSensor::Phone`. Starting delivers the motion last reported 1 s later,
+  /// then each report at its time.
+  bool hasMotion() const override;
+  void startMotionUpdates() override;
+  void stopMotionUpdates() override;
 
   /// For tests and the simulator's counters. `rangedRegions` lists the UUIDs of the regions
   /// being ranged; `fixesDelivered` counts the fixes handed to a delegate.
@@ -118,6 +150,8 @@ class SimLocationManager final : public platform::LocationManager,
   static void locationTick(const std::weak_ptr<State>& weak, std::uint64_t generation);
   static void deliverStale(const std::weak_ptr<State>& weak);
   static void finishFix(const std::weak_ptr<State>& weak);
+  static void motionTick(const std::weak_ptr<State>& weak, std::uint64_t generation,
+                         std::optional<std::size_t> report);
   static void rangingTick(const std::weak_ptr<State>& weak, const std::string& identifier,
                           std::uint64_t generation);
 
