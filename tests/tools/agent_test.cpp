@@ -103,7 +103,7 @@ TEST(AgentProgram, TakesTheEntryAndItsMessageFromARealGpsdEndToEnd) {
 TEST(AgentProgram, StopsWithinItsTimeOutAndAtOnceOnASecondSignal) {
   Scratch s("zonaris-agent-test");
   const test::SilentListener gpsd(true), service(false);
-  ASSERT_NE(gpsd.port() * service.port(), 0);
+  ASSERT_TRUE(gpsd.port() != 0 && service.port() != 0);
   struct Row {
     std::vector<std::string> options;
     bool second;  // a second SIGINT 0.5 s after the first
