@@ -269,13 +269,19 @@ std::string devicePointWkt(double longitude, double latitude) {
   return fmt::format("POINT ({:.16g} {:.16g})", longitude, latitude);
 }
 
-GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view pointWkt) {
+namespace {
+
+// Reads the fence and the device texts on the calling thread's context and, when both are
+// readable, hands them to `measure` (context, fence, point) for the distance. Everything else
+// about the result (readability, the diagnostic) is the same for every kind of measure.
+template <class Measure>
+GeometryDistance readAndMeasure(std::string_view fenceWkt, std::string_view pointWkt,
+                                const Measure& measure) {
   GeometryDistance result;
   auto [contextPtr, reader] = geos::openThreadReader(result.diagnostic);
   if (!reader)
     return result;
   const geos::Context& context = *contextPtr;
-
   std::string fenceWhy;
   std::string pointWhy;
   const geos::GeomPtr fence = geos::readGeometry(context, reader.get(), fenceWkt, fenceWhy);
@@ -286,43 +292,45 @@ GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view 
     result.diagnostic = !fence ? "fence: " + fenceWhy : "point: " + pointWhy;
     return result;
   }
-  result.metres = geos::nearestDistance(context, fence.get(), *point);
-  if (!result.metres) {
-    // Both geometries were read but GEOS could not measure them; no distance, no report.
-    result.diagnostic = context.lastError().empty() ? "nearest points failed" : context.lastError();
-  }
+  measure(context, fence.get(), *point, result);
   return result;
 }
 
+}  // namespace
+
+GeometryDistance distanceToGeometry(std::string_view fenceWkt, std::string_view pointWkt) {
+  return readAndMeasure(fenceWkt, pointWkt,
+                        [](const geos::Context& context, const GEOSGeometry* fence,
+                           const geos::DevicePoint& point, GeometryDistance& result) {
+                          result.metres = geos::nearestDistance(context, fence, point);
+                          if (!result.metres) {
+                            // Both geometries were read but GEOS could not measure them; no
+                            // distance, no report.
+                            result.diagnostic = context.lastError().empty()
+                                                    ? "nearest points failed"
+                                                    : context.lastError();
+                          }
+                        });
+}
+
 GeometryDistance distanceToBoundary(std::string_view fenceWkt, std::string_view pointWkt) {
-  GeometryDistance result;
-  auto [contextPtr, reader] = geos::openThreadReader(result.diagnostic);
-  if (!reader)
-    return result;
-  const geos::Context& context = *contextPtr;
-  std::string fenceWhy;
-  std::string pointWhy;
-  const geos::GeomPtr fence = geos::readGeometry(context, reader.get(), fenceWkt, fenceWhy);
-  const auto point = geos::readDevicePoint(context, reader.get(), pointWkt, pointWhy);
-  result.fenceReadable = static_cast<bool>(fence);
-  result.pointReadable = point.has_value();
-  if (!fence || !point) {
-    result.diagnostic = !fence ? "fence: " + fenceWhy : "point: " + pointWhy;
-    return result;
-  }
-  GEOSContextHandle_t ctx = context.get();
-  // A point's boundary is empty; its distance is the distance to the point itself.
-  const bool pointLike = GEOSGeomTypeId_r(ctx, fence.get()) == GEOS_POINT ||
-                         GEOSGeomTypeId_r(ctx, fence.get()) == GEOS_MULTIPOINT;
-  const geos::GeomPtr boundary(pointLike ? nullptr : GEOSBoundary_r(ctx, fence.get()),
-                               geos::Release{ctx});
-  const GEOSGeometry* measured = pointLike ? fence.get() : boundary.get();
-  if (!measured || GEOSisEmpty_r(ctx, measured) != 0) {
-    result.diagnostic = "no boundary";
-    return result;
-  }
-  result.metres = geos::nearestDistance(context, measured, *point);
-  return result;
+  return readAndMeasure(fenceWkt, pointWkt,
+                        [](const geos::Context& context, const GEOSGeometry* fence,
+                           const geos::DevicePoint& point, GeometryDistance& result) {
+                          GEOSContextHandle_t ctx = context.get();
+                          // A point's boundary is empty; its distance is the distance to the
+                          // point itself.
+                          const int type = GEOSGeomTypeId_r(ctx, fence);
+                          const bool pointLike = type == GEOS_POINT || type == GEOS_MULTIPOINT;
+                          const geos::GeomPtr boundary(
+                              pointLike ? nullptr : GEOSBoundary_r(ctx, fence), geos::Release{ctx});
+                          const GEOSGeometry* measured = pointLike ? fence : boundary.get();
+                          if (!measured || GEOSisEmpty_r(ctx, measured) != 0) {
+                            result.diagnostic = "no boundary";
+                            return;
+                          }
+                          result.metres = geos::nearestDistance(context, measured, point);
+                        });
 }
 
 std::optional<GeometryBounds> geometryBounds(std::string_view fenceWkt) {
