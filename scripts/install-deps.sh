@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that Zonaris needs to build, test and run its tools.
-# Idempotent: does nothing when everything is already installed. Run as root (or with sudo).
+# Idempotent: does nothing, and prints nothing, when everything is already installed. Run as
+# root (or with sudo).
 set -euo pipefail
 
 packages=(
@@ -23,6 +24,24 @@ fi
 
 sudo_cmd=()
 if [ "$(id -u)" -ne 0 ]; then sudo_cmd=(sudo); fi
-echo "Installing: ${missing[*]}" >&2
-"${sudo_cmd[@]}" apt-get update -qq
-DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
+
+# One line per step on stderr; apt's own output is kept in a log and shown only when its step
+# fails, so a first run reads as a handful of lines rather than hundreds.
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+step() {
+  local what=$1
+  shift
+  echo "install-deps: $what" >&2
+  if ! "$@" >"$log" 2>&1; then
+    cat "$log" >&2
+    echo "install-deps: failed: $what" >&2
+    exit 1
+  fi
+}
+
+step "updating the package lists" "${sudo_cmd[@]}" apt-get update -q
+step "installing ${missing[*]}" "${sudo_cmd[@]}" \
+  env DEBIAN_FRONTEND=noninteractive apt-get install -y -q \
+  --no-install-recommends "${missing[@]}"
+echo "install-deps: done" >&2
