@@ -137,10 +137,15 @@ int main(int argc, char** argv) {
       out = fmt::format("{}  dwelled in  {}", when, text(first));
     else if (callback == "actionBasicCallback") {
       // A missing title, body or URL reads "(null)", as the client hands it to the application.
+      // An event whose data holds only the application's own keys still yields a basic action,
+      // with both texts "(null)": the timeline names that case rather than print the texts.
       const std::string title = field(first, "title"), body = field(first, "body"),
                         url = field(first, "url");
-      out = fmt::format("{}  message     \"{}\": {}{}", when, title, body,
-                        url == "(null)" ? "" : " [" + url + "]");
+      const std::string said = title == "(null)" && body == "(null)"
+                                   ? std::string("(data only)")
+                                   : fmt::format("\"{}\": {}", title, body);
+      out =
+          fmt::format("{}  message     {}{}", when, said, url == "(null)" ? "" : " [" + url + "]");
     } else if (callback == "actionDataCallback")
       out = fmt::format(
           "{}  data        {}", when,
