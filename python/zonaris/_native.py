@@ -4,12 +4,17 @@ import ctypes.util
 import os
 from pathlib import Path
 
-# The source tree, whose build/ folders hold build trees.
-_SOURCE_ROOT = Path(__file__).resolve().parents[2]
+# The source tree, whose build/ folders hold build trees, when the package runs from it.
+_HERE = Path(__file__).resolve()
+_SOURCE_ROOT = _HERE.parents[min(2, len(_HERE.parents) - 1)]
+# Installed by pip into <prefix>/lib/pythonX.Y/site-packages/zonaris: <prefix>/lib, where
+# `cmake --install` with the same prefix puts the libraries.
+_PREFIX_LIB = _HERE.parents[min(3, len(_HERE.parents) - 1)]
 
 
 def _candidates(name, env_var):
-    """Where libNAME.so may be: $ENV_VAR (a file or a folder), the build trees, the system."""
+    """Where libNAME.so may be: $ENV_VAR (a file or a folder), the build trees of the source
+    tree, the library folder of the installation prefix, the system."""
     soname = f"lib{name}.so"
     given = os.environ.get(env_var)
     if given:
@@ -17,12 +22,14 @@ def _candidates(name, env_var):
         yield path / soname if path.is_dir() else path
         return
     build = _SOURCE_ROOT / "build"
-    if build.is_dir():
+    if (_SOURCE_ROOT / "CMakeLists.txt").is_file() and build.is_dir():
         # The normal build first: a sanitizer build's library cannot load into a plain python3.
         for tree in sorted(build.iterdir(), key=lambda tree: (tree.name != "normal", tree.name)):
             for sub in ("", "tools/zonaris-sim"):
                 if (tree / sub / soname).exists():
                     yield tree / sub / soname
+    if (_PREFIX_LIB / soname).exists():
+        yield _PREFIX_LIB / soname
     found = ctypes.util.find_library(name)
     if found:
         yield found
