@@ -15,6 +15,8 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <functional>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -33,6 +35,35 @@ namespace {
 
 using namespace std::chrono_literals;
 constexpr auto kWait = 10s;
+
+// Entries other threads add; a reader waits (at most kWait) for the ones it needs.
+template <class T>
+class Awaited {
+ public:
+  void add(T entry) {
+    std::lock_guard lock(mutex_);
+    entries_.push_back(std::move(entry));
+    changed_.notify_all();
+  }
+  // The entries that `keep` accepts (all without it), once there are `count` of them; what
+  // there is after kWait otherwise.
+  std::vector<T> wait(std::size_t count, std::function<bool(const T&)> keep = nullptr) {
+    std::unique_lock lock(mutex_);
+    std::vector<T> found;
+    changed_.wait_for(lock, kWait, [&] {
+      found.clear();
+      std::copy_if(entries_.begin(), entries_.end(), std::back_inserter(found),
+                   [&](const T& e) { return !keep || keep(e); });
+      return found.size() >= count;
+    });
+    return found;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<T> entries_;
+};
 
 // A gpsd on 127.0.0.1: greets each client with a VERSION line, records what clients send
 // ("connect", each ?WATCH command, "close"), and answers a watch request with `reports`. With
@@ -71,18 +102,10 @@ class FakeGpsd {
   int port() const { return port_; }
 
   // The transcript once it has `count` entries (what it has after kWait otherwise).
-  std::vector<std::string> transcript(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, kWait, [&] { return transcript_.size() >= count; });
-    return transcript_;
-  }
+  std::vector<std::string> transcript(std::size_t count) { return transcript_.wait(count); }
 
  private:
-  void note(std::string entry) {
-    std::lock_guard lock(mutex_);
-    transcript_.push_back(std::move(entry));
-    changed_.notify_all();
-  }
+  void note(std::string entry) { transcript_.add(std::move(entry)); }
   static void send(int fd, const std::string& line) {
     const std::string text = line + "\r\n";
     ::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
@@ -141,59 +164,30 @@ class FakeGpsd {
   int port_ = 0;
   int stopPipe_[2] = {-1, -1};
   std::thread thread_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> transcript_;
+  Awaited<std::string> transcript_;
 };
 
 class Recorder final : public LocationManagerDelegate {
  public:
-  void didUpdateLocations(const std::vector<Location>& l) override {
-    std::lock_guard lock(mutex_);
-    fixes_.insert(fixes_.end(), l.begin(), l.end());
-    changed_.notify_all();
+  void didUpdateLocations(const std::vector<Location>& locations) override {
+    for (const auto& l : locations)
+      fixes.add(l);
   }
   void didRangeBeacons(const std::vector<Beacon>&, const BeaconRegion&) override {}
-  std::vector<Location> fixes(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, kWait, [&] { return fixes_.size() >= count; });
-    return fixes_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Location> fixes_;
+  Awaited<Location> fixes;
 };
 
 // The manager's developer-mode lines.
 class LogRecorder final : public Logger {
  public:
-  void log(std::string_view line) override {
-    std::lock_guard lock(mutex_);
-    lines_.emplace_back(line);
-    changed_.notify_all();
-  }
-  // The lines containing `part`, once there are `count` of them (what there is after kWait
-  // otherwise).
+  void log(std::string_view line) override { lines_.add(std::string(line)); }
+  // The lines containing `part`, once there are `count` of them.
   std::vector<std::string> lines(const std::string& part, std::size_t count) {
-    std::unique_lock lock(mutex_);
-    std::vector<std::string> found;
-    changed_.wait_for(lock, kWait, [&] {
-      found.clear();
-      for (const auto& line : lines_) {
-        if (line.find(part) != std::string::npos)
-          found.push_back(line);
-      }
-      return found.size() >= count;
-    });
-    return found;
+    return lines_.wait(count, [&](const std::string& l) { return l.find(part) != l.npos; });
   }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> lines_;
+  Awaited<std::string> lines_;
 };
 
 std::string isoTime(TimePoint time) {
@@ -260,7 +254,7 @@ TEST(GpsdLocationManager, DeliversOnlyTpvReportsWithAFixReadAfterTheArming) {
   f.arm();
   using Fix = std::tuple<double, double, double, double>;  // latitude, longitude, speed, accuracy
   std::vector<Fix> fixes;
-  for (const auto& fix : f.recorder->fixes(3)) {
+  for (const auto& fix : f.recorder->fixes.wait(3)) {
     fixes.emplace_back(fix.latitude, fix.longitude, fix.speed, fix.horizontalAccuracy);
     EXPECT_EQ(fix.timestamp, later);
   }
@@ -288,12 +282,12 @@ TEST(GpsdLocationManager, MapsSettingsOntoWatchAndReconnectsStillArmedAfterGpsdR
   Fixture f(port);
   EXPECT_EQ(gpsd->transcript(2), (std::vector<std::string>{"connect", "unwatch"}));
   f.arm();
-  EXPECT_EQ(f.recorder->fixes(1).size(), 1u);
+  EXPECT_EQ(f.recorder->fixes.wait(1).size(), 1u);
   EXPECT_EQ(gpsd->transcript(3), (std::vector<std::string>{"connect", "unwatch", "watch"}));
 
   gpsd.reset();  // killed
   gpsd = std::make_unique<FakeGpsd>(std::vector<std::string>{report}, port);
-  EXPECT_EQ(f.recorder->fixes(2).size(), 2u);
+  EXPECT_EQ(f.recorder->fixes.wait(2).size(), 2u);
   EXPECT_EQ(gpsd->transcript(2), (std::vector<std::string>{"connect", "watch"}));
   EXPECT_EQ(f.manager->status().lostConnections, 1u);
 
@@ -351,7 +345,7 @@ TEST(GpsdLocationManager, WorksBeyondFdSetSizeAndWithoutAWakeUpDescriptor) {
       ::setrlimit(RLIMIT_NOFILE, &roomy);
       EXPECT_EQ(gpsd.transcript(2), (std::vector<std::string>{"connect", "unwatch"})) << beyond;
       f.arm();
-      EXPECT_EQ(f.recorder->fixes(1).size(), 1u) << beyond;
+      EXPECT_EQ(f.recorder->fixes.wait(1).size(), 1u) << beyond;
       f.manager->stopUpdatingLocation();
       EXPECT_EQ(gpsd.transcript(4),
                 (std::vector<std::string>{"connect", "unwatch", "watch", "close"}))

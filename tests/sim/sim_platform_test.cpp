@@ -370,11 +370,11 @@ TEST_F(SimLocationManagerTest, IdleFixesDecideWhatTheCoarseSettingDelivers) {
     manager->stopUpdatingLocation();
     const auto n = listener->fixTimes.size();
     EXPECT_TRUE(n >= c.fewest && n <= c.most) << static_cast<int>(c.idle) << ": " << n;
-    for (std::size_t i = 1; c.idle == IdleFixes::Network && i < n; ++i)
+    if (c.idle != IdleFixes::Network)
+      continue;
+    for (std::size_t i = 1; i < n; ++i)
       EXPECT_GE(listener->fixTimes[i] - listener->fixTimes[i - 1], 60.0);
     for (const auto& fix : listener->all) {
-      if (c.idle != IdleFixes::Network)
-        continue;
       EXPECT_TRUE(fix.horizontalAccuracy >= kNetworkAccuracyMin &&
                   fix.horizontalAccuracy <= kNetworkAccuracyMax)
           << fix.horizontalAccuracy;
@@ -390,20 +390,30 @@ TEST_F(SimLocationManagerTest, IdleFixesDecideWhatTheCoarseSettingDelivers) {
   EXPECT_EQ(listener->fixTimes.size(), 3u);
 }
 
-// Network positions claim what they are: over many, about 68 % lie within their accuracy, and
-// the accuracies spread over their whole range.
-TEST(DeviceModel, NetworkPositionsErrMatchesTheirAccuracy) {
+// Every fix of `duration` standing at (45, 7) with 6 m accuracy; `coarse`: in the idle setting
+// without a distance filter, as between samples.
+std::vector<platform::Location> standingFixes(const DeviceModel& model, platform::Duration duration,
+                                              bool coarse = false) {
   auto scheduler = std::make_shared<Scheduler>(defaultStartTime());
   auto manager = std::make_shared<SimLocationManager>(scheduler);
   auto listener = std::make_shared<RecordingListener>(*scheduler);
   manager->setTrace(std::make_shared<const Trace>(Trace::parseCsv("0,45,7,6\n", "still.csv")));
   manager->setDelegate(listener);
-  manager->setDeviceModel({.seed = 9, .idleFixes = IdleFixes::Network});
-  manager->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
-  manager->setDistanceFilter(0.0);
+  manager->setDeviceModel(model);
+  if (coarse) {
+    manager->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
+    manager->setDistanceFilter(0.0);
+  }
   manager->startUpdatingLocation();
-  scheduler->runFor(std::chrono::hours(40));
-  const auto& fixes = listener->all;
+  scheduler->runFor(duration);
+  return listener->all;
+}
+
+// Network positions claim what they are: over many, about 68 % lie within their accuracy, and
+// the accuracies spread over their whole range.
+TEST(DeviceModel, NetworkPositionsErrMatchesTheirAccuracy) {
+  const auto fixes =
+      standingFixes({.seed = 9, .idleFixes = IdleFixes::Network}, std::chrono::hours(40), true);
   ASSERT_GE(fixes.size(), 2000u);
   std::size_t within = 0, fine = 0, coarse = 0;
   for (const auto& f : fixes) {
@@ -416,19 +426,6 @@ TEST(DeviceModel, NetworkPositionsErrMatchesTheirAccuracy) {
   EXPECT_GT(coarse, fixes.size() / 20);
 }
 
-// Every fix of `seconds` seconds standing at (45, 7) with 6 m accuracy.
-std::vector<platform::Location> standingFixes(const DeviceModel& model, int seconds) {
-  auto scheduler = std::make_shared<Scheduler>(defaultStartTime());
-  auto manager = std::make_shared<SimLocationManager>(scheduler);
-  auto listener = std::make_shared<RecordingListener>(*scheduler);
-  manager->setTrace(std::make_shared<const Trace>(Trace::parseCsv("0,45,7,6\n", "still.csv")));
-  manager->setDelegate(listener);
-  manager->setDeviceModel(model);
-  manager->startUpdatingLocation();
-  scheduler->runFor(1s * seconds);
-  return listener->all;
-}
-
 TEST(DeviceModel, NoiseAndOutliersFollowTheSeedAndTheirClaims) {
   const platform::Location truth{45.0, 7.0};
   auto errors = [&](const std::vector<platform::Location>& fixes) {
@@ -438,18 +435,18 @@ TEST(DeviceModel, NoiseAndOutliersFollowTheSeedAndTheirClaims) {
     return metres;
   };
   const int n = 2000;
-  const auto noisy = errors(standingFixes({.seed = 7, .noise = 10.0}, n));
-  EXPECT_EQ(noisy, errors(standingFixes({.seed = 7, .noise = 10.0}, n)));
-  EXPECT_NE(noisy, errors(standingFixes({.seed = 8, .noise = 10.0}, n)));
+  const auto noisy = errors(standingFixes({.seed = 7, .noise = 10.0}, n * 1s));
+  EXPECT_EQ(noisy, errors(standingFixes({.seed = 7, .noise = 10.0}, n * 1s)));
+  EXPECT_NE(noisy, errors(standingFixes({.seed = 8, .noise = 10.0}, n * 1s)));
   // Two axes of 10 m each: the error's mean length is 10 * sqrt(pi / 2) m.
   double mean = 0.0;
   for (double e : noisy)
     mean += e / n;
   EXPECT_NEAR(mean, 10.0 * std::sqrt(std::acos(-1.0) / 2.0), 0.6);
-  EXPECT_NEAR(standingFixes({.noise = 10.0}, 1).at(0).horizontalAccuracy, std::hypot(6.0, 15.096),
+  EXPECT_NEAR(standingFixes({.noise = 10.0}, 1s).at(0).horizontalAccuracy, std::hypot(6.0, 15.096),
               1e-9);
 
-  const auto fixes = standingFixes({.seed = 7, .outlierRate = 0.05}, n);
+  const auto fixes = standingFixes({.seed = 7, .outlierRate = 0.05}, n * 1s);
   int jumps = 0;
   for (const auto& f : fixes) {
     const double e = f.distanceFrom(truth);

@@ -27,8 +27,6 @@ struct RecordingServer::Impl {
     r.method = req.method;
     r.path = req.path;
     r.target = req.target;
-    for (const auto& [k, v] : req.params)
-      r.params[k] = v;
     for (const auto& [k, v] : req.headers)
       r.headers.emplace(k, v);
     r.body = req.body;
@@ -59,8 +57,6 @@ RecordingServer::RecordingServer() : impl_(std::make_unique<Impl>()) {
   };
   impl_->server.Get(".*", handler);
   impl_->server.Post(".*", handler);
-  impl_->server.Put(".*", handler);
-  impl_->server.Delete(".*", handler);
   port_ = impl_->server.bind_to_any_port("127.0.0.1");
   impl_->thread = std::thread([this] { impl_->server.listen_after_bind(); });
   // stop() only works on a running server, so wait until the accept loop has started.

@@ -13,9 +13,8 @@ namespace zonaris::test {
 
 struct RecordedRequest {
   std::string method;
-  std::string path;                           ///< without the query
-  std::string target;                         ///< path and query as sent
-  std::map<std::string, std::string> params;  ///< decoded query parameters
+  std::string path;    ///< without the query
+  std::string target;  ///< path and query as sent
   std::multimap<std::string, std::string> headers;
   std::string body;
 
