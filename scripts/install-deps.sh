@@ -11,7 +11,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libjs-leaflet libjs-chart.js chromium
   libgps-dev gpsd gpsd-clients
-  python3-pytest python3-setuptools python3-pip
+  python3-pytest python3-pip python3-setuptools python3-wheel
 )
 
 missing=()
