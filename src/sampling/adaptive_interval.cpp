@@ -7,8 +7,9 @@
 //
 // Under `SamplingPolicy::Efficient` the same steps run, with the same speed statistics,
 // callbacks and log lines; only the interval comes from the efficient policy
-// (sampling/efficient_policy.hpp), and a scheduled sample is skipped when another one was
-// taken since it was scheduled.
+// (sampling/efficient_policy.hpp), a scheduled sample is skipped when another one was taken
+// since it was scheduled, and a fix the policy takes for a possible outlier does not drop the
+// init location.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
