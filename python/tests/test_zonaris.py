@@ -96,13 +96,19 @@ def test_client_calls_back_on_library_threads_and_close_joins_them(tmp_path):
     (lambda c: c.set_tags([1, 2]), "not a JSON object"),
     (lambda c: c.push_location(91.0, 0.0), "out of range"),
     (lambda c: c.set_delegate(noSuchCallback=print), "unknown callback"),
+    (lambda c: c.set_sampling("fast"), "must be 'design' or 'efficient'"),
+    (lambda c: c.push_motion(True, timestamp=float("nan")), "not finite"),
 ])
 def test_client_refuses_wrong_values(tmp_path, call, words):
     with zonaris.Client("py-test", base_url="http://127.0.0.1:9",
                         store_directory=str(tmp_path)) as client:
-        with pytest.raises((zonaris.ZonarisError, TypeError), match=words):
+        with pytest.raises((zonaris.ZonarisError, TypeError, ValueError), match=words):
             call(client)
         assert client.push_location(52.52, 13.40)  # the source runs from construction on
+        # Only the efficient sampling listens to the motion sensor.
+        assert not client.push_motion(True)
+        client.set_sampling("efficient")
+        assert client.push_motion(False, timestamp=1773124200.0)
 
 
 @pytest.mark.parametrize("mode", ["drop", "exit", "unwind", "timeout"])

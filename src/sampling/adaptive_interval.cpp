@@ -7,8 +7,9 @@
 //
 // Under `SamplingPolicy::Efficient` the same steps run, with the same speed statistics,
 // callbacks and log lines; only the interval comes from the efficient policy
-// (sampling/efficient_policy.hpp), and a scheduled sample is skipped when another one was
-// taken since it was scheduled.
+// (sampling/efficient_policy.hpp), a scheduled sample is skipped when another one was taken
+// since it was scheduled, and a fix the policy takes for a possible outlier does not drop the
+// init location.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -111,6 +112,8 @@ void Zonaris::calculateIntervalAndAccuracy() {
     facts.accuracy = current && std::isfinite(current->horizontalAccuracy)
                          ? std::max(current->horizontalAccuracy, 0.0)
                          : 0.0;
+    if (const auto centre = efficient->centre(); centre && fences)
+      facts.centreClearance = sampling::boundaryClearance(fences, centre->first, centre->second);
     facts.ranging = mBeaconEnabled_.load();
     facts.fixAge =
         current ? std::chrono::duration<double>(platform_.clock->now() - current->timestamp).count()
@@ -132,8 +135,10 @@ void Zonaris::calculateIntervalAndAccuracy() {
     devLog(fmt::format("Interval is too small. Set to MIN_INTERVAL = {}", lowest));
   }
 
-  // Compared in single precision: 1000.00001 m still counts as 1000.
-  if (static_cast<float>(fromInit) > kInitLocationRadius)
+  // Compared in single precision: 1000.00001 m still counts as 1000. Under the efficient policy
+  // a fix that jumped far from a stop is not believed until the next fix stays away: an outlier
+  // would otherwise drop the catalogue, and the download's first observation decides alone.
+  if (static_cast<float>(fromInit) > kInitLocationRadius && !(efficient && efficient->jumped()))
     setMInitLocation(nullptr);
 
   notifyDelegate(ZonarisCallback::updatedSpeed,

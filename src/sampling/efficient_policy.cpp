@@ -24,6 +24,13 @@ constexpr double kBeaconReach = 70.0;
 constexpr double kMovingSpeed = 1.0;  // m/s
 // The centre of a stop follows its last fixes: a running mean over at most this many.
 constexpr int kCentreFixes = 16;
+// A fix this far from a stop that has lasted, followed by one back at it, is an outlier.
+constexpr double kOutlierJump = 150.0;  // metres
+// Within this many times the root mean square distance of a stop's fixes from its centre, a
+// fix is the stop's own scatter.
+constexpr double kNoiseSpread = 2.5;
+// The least error of a stop's centre, metres.
+constexpr double kCentreError = 5.0;
 
 double accuracyOf(const platform::Location& fix) {
   return std::isfinite(fix.horizontalAccuracy) && fix.horizontalAccuracy > 0.0
@@ -179,22 +186,23 @@ double EfficientPolicy::acceptFix(const platform::Location& fix) {
   const bool first = fixesSinceReport_++ == 0;
   lastFixAt_ = fix.timestamp;
   if (started_) {
-    platform::Location centre;
-    centre.latitude = latitude_;
-    centre.longitude = longitude_;
-    const double tolerance = std::clamp(accuracyOf(fix) + accuracy_, kStillFloor, kStillCap);
-    // A fix that measured a speed of its own (a receiver's Doppler speed) says the device moves
-    // even where its noise keeps it near the stop.
-    const bool moving = std::isfinite(fix.speed) && fix.speed > kMovingSpeed;
-    lastAway_ = fix.distanceFrom(centre);
-    if (!moving && lastAway_ <= tolerance) {
+    // A fix far from the stop followed by one back at it was an outlier: the stop goes on.
+    const bool back = jumpedFrom_ && joins(*jumpedFrom_, fix);
+    if (back) {
+      stop_ = *jumpedFrom_;
+      doubt_ = 0;  // the outlier's observation asks for no second look
+    }
+    jumpedFrom_.reset();
+    if (back || joins(stop_, fix)) {
+      Stop& s = stop_;
       // Averaging plain degrees is exact enough over a stop's few tens of metres.
-      fixes_ = std::min(fixes_ + 1, kCentreFixes);
-      latitude_ += (fix.latitude - latitude_) / fixes_;
-      longitude_ += (fix.longitude - longitude_) / fixes_;
-      accuracy_ += (accuracyOf(fix) - accuracy_) / fixes_;
+      s.fixes = std::min(s.fixes + 1, kCentreFixes);
+      s.latitude += (fix.latitude - s.latitude) / s.fixes;
+      s.longitude += (fix.longitude - s.longitude) / s.fixes;
+      s.accuracy += (accuracyOf(fix) - s.accuracy) / s.fixes;
+      s.spread += (lastAway_ * lastAway_ - s.spread) / s.fixes;
       still_ = true;
-      stillFor_ = std::max(0.0, std::chrono::duration<double>(fix.timestamp - since_).count());
+      stillFor_ = std::max(0.0, std::chrono::duration<double>(fix.timestamp - s.since).count());
       jumped_ = false;
       movedSinceReport_ = false;
       return kWakeFilter;
@@ -202,17 +210,27 @@ double EfficientPolicy::acceptFix(const platform::Location& fix) {
     // The first fix after a stationary report shows where the device stopped; a later one
     // away from the one before shows that it moves, until two fixes agree again.
     movedSinceReport_ = !first;
+    if (still_ && lastAway_ > kOutlierJump)
+      jumpedFrom_ = stop_;
   }
   started_ = true;
   still_ = false;
   jumped_ = false;
-  latitude_ = fix.latitude;
-  longitude_ = fix.longitude;
-  accuracy_ = accuracyOf(fix);
-  fixes_ = 1;
-  since_ = fix.timestamp;
+  stop_ = Stop{fix.latitude, fix.longitude, accuracyOf(fix), 0.0, 1, fix.timestamp};
   stillFor_ = 0.0;
   return kIdleFilter;
+}
+
+bool EfficientPolicy::joins(const Stop& stop, const platform::Location& fix) {
+  platform::Location centre;
+  centre.latitude = stop.latitude;
+  centre.longitude = stop.longitude;
+  const double tolerance = std::clamp(accuracyOf(fix) + stop.accuracy, kStillFloor, kStillCap);
+  // A fix that measured a speed of its own (a receiver's Doppler speed) says the device moves
+  // even where its noise keeps it near the stop.
+  const bool moving = std::isfinite(fix.speed) && fix.speed > kMovingSpeed;
+  lastAway_ = fix.distanceFrom(centre);
+  return !moving && lastAway_ <= tolerance;
 }
 
 bool EfficientPolicy::wake(const platform::Location& delivered) {
@@ -221,8 +239,8 @@ bool EfficientPolicy::wake(const platform::Location& delivered) {
   if (!still_ || motion_)
     return false;
   platform::Location centre;
-  centre.latitude = latitude_;
-  centre.longitude = longitude_;
+  centre.latitude = stop_.latitude;
+  centre.longitude = stop_.longitude;
   const double away = delivered.distanceFrom(centre);
   if (!(away > kWakeDistance + accuracyOf(delivered))) {
     jumped_ = false;
@@ -256,6 +274,18 @@ void EfficientPolicy::observed(bool confirmed) {
   unconfirmed_ = !confirmed;
 }
 
+std::optional<std::pair<double, double>> EfficientPolicy::centre() const {
+  std::lock_guard lock(mutex_);
+  if (!still_)
+    return std::nullopt;
+  return std::make_pair(stop_.longitude, stop_.latitude);
+}
+
+bool EfficientPolicy::jumped() const {
+  std::lock_guard lock(mutex_);
+  return jumpedFrom_.has_value();
+}
+
 double EfficientPolicy::stillFor() const {
   std::lock_guard lock(mutex_);
   return still_ ? stillFor_ : 0.0;
@@ -270,20 +300,22 @@ std::int32_t EfficientPolicy::spacing(const PassFacts& facts) {
   const std::int32_t byDistance =
       saturatedSeconds(facts.clearance / static_cast<double>(facts.averageSpeed) * 0.5);
   std::lock_guard lock(mutex_);
-  if (std::exchange(unconfirmed_, false)) {
-    // Without motion, a fix whose accuracy disc holds the boundary, within 20 m of a stop that
-    // has lasted a while, is the noise of a fix near a wall; a real crossing comes with movement, a
-    // young stop or a clear fix. (With motion the quick passes are what confirms an arrival.)
-    const bool noise = !motion_ && still_ && stillFor_ >= kSettledAfter &&
-                       lastAway_ <= kStillFloor && facts.clearance < facts.accuracy;
-    if (quick_ < kQuickPasses && !noise)
-      doubt_ = kRetries + 1;  // this pass's own interval, then kRetries more
-  }
   // The motion sensor vouches that a device at rest has not moved since even an old fix.
   // The rest starts with a fix taken after the report: one from before it may show the device
   // short of where it stopped.
   const bool resting =
       motion_ == platform::Motion::Stationary && !movedSinceReport_ && lastFixAt_ >= motionAt_;
+  if (std::exchange(unconfirmed_, false)) {
+    // Without motion, a fix whose accuracy disc holds the boundary, within the scatter of a stop
+    // that has lasted a while (and within 20 m), is the noise of a fix near a wall; a real
+    // crossing comes with movement, a young stop or a clear fix. (With motion the quick passes
+    // are what confirms an arrival.)
+    const bool noise = !motion_ && still_ && stillFor_ >= kSettledAfter &&
+                       lastAway_ <= std::max(kStillFloor, kNoiseSpread * std::sqrt(stop_.spread)) &&
+                       facts.clearance < facts.accuracy;
+    if (quick_ < kQuickPasses && !noise)
+      doubt_ = kRetries + 1;  // this pass's own interval, then kRetries more
+  }
   if (facts.fixAge > kFreshFor && !resting)
     return std::min(byDistance, kMinInterval);
   if (doubt_ > 0)
@@ -302,8 +334,14 @@ std::int32_t EfficientPolicy::spacing(const PassFacts& facts) {
     return byDistance;
   // A walker leaving the accuracy disc now reaches the nearest boundary no sooner than this;
   // a visit there lasts a while, so the sample may come up to `kVisitSlack` later.
-  const std::int32_t walker = saturatedSeconds(
-      std::max(0.0, facts.clearance - facts.accuracy) / kWalkerSpeed + kVisitSlack);
+  // When the fix lies within the stop's own scatter, the device stands where the stop's fixes
+  // average to, known far better than one fix's accuracy (a cached fix claims 65 m).
+  double reach = facts.clearance - facts.accuracy;
+  if (std::isfinite(facts.centreClearance) && still_ &&
+      lastAway_ <= kNoiseSpread * std::sqrt(stop_.spread))
+    reach = std::max(reach, facts.centreClearance -
+                                std::max(kCentreError, std::sqrt(stop_.spread / stop_.fixes)));
+  const std::int32_t walker = saturatedSeconds(std::max(0.0, reach) / kWalkerSpeed + kVisitSlack);
   return std::min(std::max(byDistance, saturatedSeconds(still)), walker);
 }
 

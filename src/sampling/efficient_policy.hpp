@@ -15,12 +15,16 @@
 // - without motion, stillness: fixes that stay within their accuracies of the first fix of a
 //   stop let the interval grow with the length of the stop, but never beyond the time a walker
 //   needs to reach the nearest boundary from the fix's accuracy disc plus a minute
-//   (`kVisitSlack`), so that a visit of 2 minutes nearby is never missed. Deliveries of the idle
+//   (`kVisitSlack`), so that a visit of 2 minutes nearby is never missed. A fix within the
+//   stop's own scatter is measured from the stop's centre instead, whose error is far smaller
+//   than one fix's accuracy. One fix far away followed by one back at the stop is an outlier:
+//   the stop goes on, and the catalogue is not dropped for it. Deliveries of the idle
 //   setting (`kWakeFilter`) may wake the client sooner when they say the device moved, but nothing
 //   depends on them: a receiver that is switched off between samples delivers none;
 // - an observation the service did not confirm: the service's rules may wait for a second
 //   observation on the same side, so the next samples follow soon (`kRetryAfter`), unless the
-//   device has stood still for a while (then it is a noisy fix near a wall);
+//   device has stood still for a while and the fix lies within the stop's scatter (then it is
+//   a noisy fix near a wall);
 // - the next dwell deadline: the sample comes right after the tick that fires a window, never
 //   later.
 // A fix that is already old when it arrives (a location service's cached first fix) says little
@@ -29,8 +33,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <limits>
 #include <mutex>
 #include <optional>
+#include <utility>
 
 #include "zonaris/fence.hpp"
 #include "zonaris/platform/location.hpp"
@@ -96,6 +102,8 @@ struct PassFacts {
   std::int32_t beforeDwell = 0;  ///< seconds before the next dwell window can fire
   double fixAge = 0.0;           ///< seconds from the current fix's timestamp to now
   double accuracy = 0.0;         ///< the current fix's accuracy radius, metres
+  /// metres from the centre of the current stop to the nearest boundary; NaN without one
+  double centreClearance = std::numeric_limits<double>::quiet_NaN();
 };
 
 /// The efficient policy's state for one client. Thread-safe.
@@ -130,21 +138,35 @@ class EfficientPolicy {
   /// wake never leaves two sampling chains behind.
   std::uint64_t accepted() const { return accepted_.load(); }
 
+  /// The centre of the current stop (longitude, latitude), while the device stands still.
+  std::optional<std::pair<double, double>> centre() const;
+
+  /// Whether the last fix jumped far from a stop and may be an outlier (the next fix tells).
+  bool jumped() const;
+
   /// How long the device has stood still, in seconds (0 while it moves).
   double stillFor() const;
 
  private:
   mutable std::mutex mutex_;
   // The current stop: the mean of its fixes (a noisy fix weighs less the longer the stop), their
-  // mean accuracy, its first fix's time and how long it has lasted.
+  // mean accuracy, the mean square of their distances from the centre, its first fix's time.
+  struct Stop {
+    double latitude = 0.0;
+    double longitude = 0.0;
+    double accuracy = 0.0;
+    double spread = 0.0;
+    int fixes = 0;
+    platform::TimePoint since{};
+  };
+  // Whether `fix` lies within the stop; sets `lastAway_`.
+  bool joins(const Stop& stop, const platform::Location& fix);
   bool still_ = false;
   bool started_ = false;
-  double latitude_ = 0.0;
-  double longitude_ = 0.0;
-  double accuracy_ = 0.0;
-  int fixes_ = 0;
-  platform::TimePoint since_{};
-  double stillFor_ = 0.0;
+  Stop stop_;
+  double stillFor_ = 0.0;  // how long the stop has lasted
+  // The stop before a fix that jumped far from it: the next fix may return to it.
+  std::optional<Stop> jumpedFrom_;
   bool jumped_ = false;  // the last delivery was a jump away from the stop
   // The platform's last motion report, and whether a fix has moved away from the one before it
   // since a stationary report (the motion sensor missed a start).

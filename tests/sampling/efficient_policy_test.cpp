@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 
+#include "sampling/efficient_policy.hpp"
 #include "support/recording_delegate.hpp"
 #include "support/recording_server.hpp"
 #include "zonaris/sim/sim_platform.hpp"
@@ -166,6 +167,68 @@ TEST(DwellDeadlines, EveryFiredWindowIsReportedInTime) {
       EXPECT_LE(pass - fired, c.latest) << "window fired at " << fired;
     }
   }
+}
+
+// The policy's reading of a stop on its own: what noise, a break, an outlier and a cached fix
+// do to the next interval. A stop of 20 fixes a minute apart, exact or scattered by about 14 m
+// (the realistic device's noise), then one more fix.
+TEST(EfficientPolicy, StopsTellNoiseFromMovement) {
+  using sampling::EfficientPolicy;
+  constexpr double kMetre = 1.0 / 111319.49;  // degrees on the equator
+  const auto at = [&](double east, double north, double accuracy, int minute) {
+    platform::Location fix;
+    fix.longitude = east * kMetre;
+    fix.latitude = north * kMetre;
+    fix.horizontalAccuracy = accuracy;
+    fix.timestamp = platform::TimePoint{} + std::chrono::minutes(minute);
+    return fix;
+  };
+  struct Row {
+    const char* name;
+    double scatter;            // metres east and north of each stop fix, alternating in sign
+    double east, accuracy;     // the last fix
+    bool unconfirmed;          // its observation got no confirmation
+    double clearance, centre;  // metres to the nearest boundary from the fix and the centre
+    std::int32_t least, most;  // the interval allowed
+  };
+  const Row rows[] = {
+      // 25 m from the centre, within the scatter: a noisy fix near a wall, no quick passes.
+      {"NoiseNearAWall", 10, 25, 18, true, 5, 8, 60, 70},
+      // 25 m from an exact stop: a break outside, sampled again after 12 s.
+      {"BreakFromAnExactStop", 0, 25, 5, true, 30, 8, 0, sampling::kRetryAfter},
+      // A fix claiming a cached 65 m, within the scatter, 40 m from the boundary: measured from
+      // the centre, a walker needs 23 s more than the minute.
+      {"CachedFixAtTheCentre", 10, 10, 65, false, 40, 40, 80, 90},
+      {"CachedFixBeyondTheScatter", 10, 60, 65, false, 40, 40, 0, 60},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    EfficientPolicy policy;
+    for (int i = 0; i < 20; ++i) {
+      const double sign = i % 2 == 0 ? 1.0 : -1.0;
+      policy.acceptFix(at(sign * r.scatter, (i % 4 < 2 ? 1.0 : -1.0) * r.scatter, 18, i));
+    }
+    policy.acceptFix(at(r.east, 0, r.accuracy, 20));
+    policy.observed(!r.unconfirmed);
+    sampling::PassFacts facts;
+    facts.clearance = r.clearance;
+    facts.centreClearance = r.centre;
+    facts.accuracy = r.accuracy;
+    const std::int32_t spacing = policy.spacing(facts);
+    EXPECT_GE(spacing, r.least);
+    EXPECT_LE(spacing, r.most);
+  }
+
+  // One fix 400 m off, then one back: the stop goes on, and only the far fix is doubted.
+  EfficientPolicy policy;
+  for (int i = 0; i < 20; ++i)
+    policy.acceptFix(at(0, 0, 5, i));
+  policy.acceptFix(at(400, 0, 5, 20));
+  EXPECT_TRUE(policy.jumped());
+  EXPECT_EQ(policy.stillFor(), 0.0);
+  policy.acceptFix(at(0, 0, 5, 21));
+  EXPECT_FALSE(policy.jumped());
+  EXPECT_EQ(policy.stillFor(), 21 * 60.0);
 }
 
 }  // namespace
