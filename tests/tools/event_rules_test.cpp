@@ -72,6 +72,15 @@ INSTANTIATE_TEST_SUITE_P(
         // Walking out: the first fix beyond the margin makes it pending, the next confirms.
         Transcript{"ARealExit", false,
                    entered({{15, 6, 18, ""}, {30, 24, 18, ""}, {45, 44, 18, "exit"}})},
+        // A desk at the wall with 25 m noise (39 m accuracy): after two fixes outside were
+        // given up, three in a row beyond the disc are still noise; the fourth confirms.
+        Transcript{"AnUnsettledEdgeNeedsFour", false,
+                   entered({{32, 10, 39, ""},
+                            {64, 20, 39, ""},
+                            {96, 45, 39, ""},
+                            {128, 50, 39, ""},
+                            {160, 48, 39, ""},
+                            {192, 52, 39, "exit"}})},
         // A fix 400 m off after 15 s is an outlier; so is one that would complete a pair.
         Transcript{"AnOutlier", false,
                    entered({{15, 400, 5, ""},

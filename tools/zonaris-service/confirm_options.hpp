@@ -55,6 +55,16 @@ inline void addConfirmOptions(CLI::App& app, ConfirmRule& rule, RobustParams& pa
                  "exit (at most its accuracy radius)")
       ->capture_default_str()
       ->check(CLI::Range(0.0, 100000.0));
+  app.add_option("--confirm-unsettled-window", params.unsettledWindow,
+                 "robust: seconds within which two observations outside that were given up make "
+                 "the next exit need --confirm-unsettled-observations (0: never)")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 86400.0));
+  app.add_option("--confirm-unsettled-observations", params.unsettledObservations,
+                 "robust: consecutive observations outside that confirm an exit within the "
+                 "unsettled window")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 100));
   app.add_option("--confirm-beacon-misses", params.beaconMisses,
                  "robust: consecutive observations without a beacon that confirm its exit")
       ->capture_default_str()

@@ -35,11 +35,26 @@ void dwells(FenceState& state, std::int64_t nowMs, const std::vector<std::int32_
   }
 }
 
-void dropPending(FenceState& state) {
+// Remembers an observation on the new side that was given up at `atMs`: the count restarts
+// when the previous one lies more than the unsettled window back.
+void giveUp(FenceState& state, std::int64_t atMs, const RobustParams& params) {
+  if (atMs - state.unsettledMs > static_cast<std::int64_t>(params.unsettledWindow * 1000))
+    state.unsettledCount = 0;
+  state.unsettledMs = std::max(state.unsettledMs, atMs);
+  ++state.unsettledCount;
+}
+
+void clearPending(FenceState& state) {
   state.pendingSinceMs = 0;
   state.pendingLastMs = 0;
   state.pendingCount = 0;
   state.pendingPast = 0.0;
+}
+
+void dropPending(FenceState& state, const RobustParams& params) {
+  if (state.pendingCount != 0)
+    giveUp(state, state.pendingLastMs, params);
+  clearPending(state);
 }
 
 }  // namespace
@@ -93,6 +108,8 @@ std::vector<std::string> advance(FenceState& state, bool insideNow, std::int64_t
   if (!state.inside) {
     state.inside = true;
     state.enteredAtMs = nowMs;
+    state.unsettledMs = 0;
+    state.unsettledCount = 0;
     state.dwellsSent.clear();
     events.emplace_back("entry");
   }
@@ -127,14 +144,14 @@ std::vector<std::string> advanceRobust(FenceState& state, const FenceSighting& s
                                        const std::vector<std::int32_t>& dwellWindows,
                                        const RobustParams& params) {
   if (judgement.decidesAlone) {
-    dropPending(state);
+    dropPending(state, params);
     return advance(state, sighting.inside, fix.atMs, dwellWindows);
   }
   std::vector<std::string> events;
   if (!sighting.beacon && !judgement.usable)
     return events;
   if (sighting.inside == state.inside) {
-    dropPending(state);
+    dropPending(state, params);
     if (state.inside)
       dwells(state, fix.atMs, dwellWindows, events);
     return events;
@@ -158,7 +175,8 @@ std::vector<std::string> advanceRobust(FenceState& state, const FenceSighting& s
   if (!confirmed && !sighting.beacon && past < margin) {
     // Too close to the boundary to count: noise does that, and after an outlier one noisy
     // observation must not complete the pair.
-    dropPending(state);
+    dropPending(state, params);
+    giveUp(state, fix.atMs, params);
     return events;
   }
   if (!confirmed) {
@@ -170,13 +188,21 @@ std::vector<std::string> advanceRobust(FenceState& state, const FenceSighting& s
                         (gap > params.pendingExpiry &&
                          (sighting.beacon || gap * params.maxSpeed > state.pendingPast + past));
     if (lapsed) {
+      if (state.pendingCount != 0)
+        giveUp(state, state.pendingLastMs, params);
       state.pendingSinceMs = fix.atMs;
       state.pendingCount = 0;
     }
     state.pendingLastMs = fix.atMs;
     state.pendingPast = past;
     ++state.pendingCount;
-    const int needed = sighting.beacon ? params.beaconMisses : params.observations;
+    int needed = sighting.beacon ? params.beaconMisses : params.observations;
+    // A device that noise keeps throwing across this boundary needs more observations to
+    // leave: two fixes in a row beyond their accuracy radius are then no longer rare.
+    if (!sighting.beacon && !sighting.inside && state.unsettledCount >= 2 &&
+        state.pendingSinceMs - state.unsettledMs <=
+            static_cast<std::int64_t>(params.unsettledWindow * 1000))
+      needed = std::max(needed, params.unsettledObservations);
     confirmed =
         state.pendingCount >= std::max(needed, 1) &&
         fix.atMs - state.pendingSinceMs >= static_cast<std::int64_t>(params.confirmAfter * 1000);
@@ -184,7 +210,10 @@ std::vector<std::string> advanceRobust(FenceState& state, const FenceSighting& s
       return events;
     since = state.pendingSinceMs;
   }
-  dropPending(state);
+  // Confirmed: the new stay (or absence) starts with nothing pending or given up.
+  clearPending(state);
+  state.unsettledMs = 0;
+  state.unsettledCount = 0;
   if (!sighting.inside) {
     state = FenceState{};
     events.emplace_back("exit");

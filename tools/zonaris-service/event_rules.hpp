@@ -28,6 +28,10 @@ struct FenceState {
   std::int64_t pendingLastMs = 0;
   int pendingCount = 0;      ///< observations of the pending crossing so far
   double pendingPast = 0.0;  ///< metres past the boundary of its latest observation
+  /// Robust rules only: the latest observation on the other side that confirmed nothing and
+  /// was then given up (too close to the boundary, or its crossing dropped), 0 for none.
+  std::int64_t unsettledMs = 0;
+  int unsettledCount = 0;  ///< such observations, each within the unsettled window of the next
 
   bool operator==(const FenceState&) const = default;
 };
@@ -74,9 +78,15 @@ struct RobustParams {
   /// How far past the boundary an observation must lie to count towards an entry or an exit,
   /// metres; never more than the observation's own accuracy radius.
   double entryMargin = 0.0;
-  double exitMargin = 20.0;
+  double exitMargin = 40.0;
   /// Beacon fences: consecutive observations without the beacon that confirm the exit.
   int beaconMisses = 2;
+  /// An exit needs `unsettledObservations` (when more than `observations`) when two or more
+  /// observations outside were given up, each within `unsettledWindow` seconds of the next and
+  /// the last within it before the exit's first observation: the device sits where noise
+  /// throws its fixes across the boundary.
+  double unsettledWindow = 900.0;
+  int unsettledObservations = 4;
 };
 
 /// What the service remembers of one install's observations for the robust rules.
@@ -130,9 +140,11 @@ struct FenceSighting {
 ///   `confirmAfter` after the first. Each comes at most `pendingExpiry` after the previous one,
 ///   or so far past the boundary that the device, at `maxSpeed`, could not have gone back in
 ///   between. An observation on the old side, or one too close to the boundary, drops the
-///   pending crossing. An exit is never confirmed by one observation: after a stay the last
-///   observation the service has may be hours old, so one far outside cannot be told from an
-///   outlier.
+///   pending crossing. After two or more observations outside were given up (too close,
+///   dropped or lapsed), each within `unsettledWindow` of the next and the last within it of
+///   the exit's first observation, the exit needs `unsettledObservations`. An exit is never
+///   confirmed by one observation: after a stay the last observation the service has may be
+///   hours old, so one far outside cannot be told from an outlier.
 /// - An observation that is not usable confirms nothing and drops nothing (beacon fences do not
 ///   depend on the position and ignore this).
 /// - Beacon fences: an entry on the first observation that lists the beacon, an exit on the

@@ -22,6 +22,8 @@ CREATE TABLE IF NOT EXISTS fence_states (
   pending_last_ms INTEGER NOT NULL DEFAULT 0,
   pending_count INTEGER NOT NULL DEFAULT 0,
   pending_past REAL NOT NULL DEFAULT 0,
+  unsettled_ms INTEGER NOT NULL DEFAULT 0,
+  unsettled_count INTEGER NOT NULL DEFAULT 0,
   PRIMARY KEY (install_id, fence_id));
 CREATE TABLE IF NOT EXISTS install_tracks (
   install_id INTEGER PRIMARY KEY REFERENCES installs(id),
@@ -58,7 +60,9 @@ constexpr const char* kAddedColumns[] = {
     "ALTER TABLE fence_states ADD COLUMN pending_since_ms INTEGER NOT NULL DEFAULT 0",
     "ALTER TABLE fence_states ADD COLUMN pending_last_ms INTEGER NOT NULL DEFAULT 0",
     "ALTER TABLE fence_states ADD COLUMN pending_count INTEGER NOT NULL DEFAULT 0",
-    "ALTER TABLE fence_states ADD COLUMN pending_past REAL NOT NULL DEFAULT 0"};
+    "ALTER TABLE fence_states ADD COLUMN pending_past REAL NOT NULL DEFAULT 0",
+    "ALTER TABLE fence_states ADD COLUMN unsettled_ms INTEGER NOT NULL DEFAULT 0",
+    "ALTER TABLE fence_states ADD COLUMN unsettled_count INTEGER NOT NULL DEFAULT 0"};
 
 constexpr std::array<std::string_view, 7> kTables = {
     "installs", "fence_states",  "dwells_sent",   "observations",
@@ -189,7 +193,8 @@ std::optional<std::map<std::int64_t, FenceState>> ServiceStore::fenceStates(
   std::map<std::int64_t, FenceState> states;
   Statement s(db_,
               "SELECT fence_id, inside, entered_ms, pending_since_ms, pending_last_ms, "
-              "pending_count, pending_past FROM fence_states WHERE install_id = ?");
+              "pending_count, pending_past, unsettled_ms, unsettled_count FROM fence_states WHERE "
+              "install_id = ?");
   if (!s || !s.bind(1, installId))
     return failed();
   int rc;
@@ -201,6 +206,8 @@ std::optional<std::map<std::int64_t, FenceState>> ServiceStore::fenceStates(
     state.pendingLastMs = s.column(4);
     state.pendingCount = static_cast<int>(s.column(5));
     state.pendingPast = s.real(6);
+    state.unsettledMs = s.column(7);
+    state.unsettledCount = static_cast<int>(s.column(8));
   }
   if (rc != SQLITE_DONE)
     return failed();
@@ -221,12 +228,13 @@ bool ServiceStore::saveFenceState(std::int64_t installId, std::int64_t fenceId,
                                   const FenceState& state) {
   Statement upsert(db_,
                    "INSERT OR REPLACE INTO fence_states (install_id, fence_id, inside, entered_ms,"
-                   " pending_since_ms, pending_last_ms, pending_count, pending_past)"
-                   " VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
+                   " pending_since_ms, pending_last_ms, pending_count, pending_past, unsettled_ms,"
+                   " unsettled_count) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
   if (!upsert || !upsert.bind(1, installId) || !upsert.bind(2, fenceId) ||
       !upsert.bind(3, std::int64_t{state.inside}) || !upsert.bind(4, state.enteredAtMs) ||
       !upsert.bind(5, state.pendingSinceMs) || !upsert.bind(6, state.pendingLastMs) ||
       !upsert.bind(7, std::int64_t{state.pendingCount}) || !upsert.bind(8, state.pendingPast) ||
+      !upsert.bind(9, state.unsettledMs) || !upsert.bind(10, std::int64_t{state.unsettledCount}) ||
       upsert.step() != SQLITE_DONE)
     return fail();
   Statement clear(db_, "DELETE FROM dwells_sent WHERE install_id = ? AND fence_id = ?");
