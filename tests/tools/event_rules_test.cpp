@@ -132,9 +132,12 @@ INSTANTIATE_TEST_SUITE_P(
                             {215, 150, 5, ""},
                             {260, 760, 5, "exit"}})},
         // After a fence query the client resets its flags from the next observation and will
-        // not report a disagreement about it again: that observation decides alone.
+        // not report a disagreement about it again: that observation decides alone, unless it
+        // lies within the margin of the boundary.
         Transcript{"AfterAFenceQueryOneObservationDecides", false,
-                   entered({{15, 3, 18, "exit", true}, {30, -2, 18, "entry", true}})}),
+                   entered({{15, 3, 18, "", true},
+                            {30, 30, 18, "exit", true},
+                            {45, -2, 18, "entry", true}})}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -145,6 +145,13 @@ std::vector<std::string> advanceRobust(FenceState& state, const FenceSighting& s
                                        const RobustParams& params) {
   if (judgement.decidesAlone) {
     dropPending(state, params);
+    // Unless it lies within the margin of the boundary: noise at a desk near a wall does that,
+    // and a device that really crossed there is past the margin by its next reports anyway.
+    const double past = sighting.inside ? -sighting.distance : sighting.distance;
+    const double margin =
+        std::min(fix.accuracy, sighting.inside ? params.entryMargin : params.exitMargin);
+    if (sighting.inside != state.inside && !sighting.beacon && past < margin)
+      return {};
     return advance(state, sighting.inside, fix.atMs, dwellWindows);
   }
   std::vector<std::string> events;

@@ -152,7 +152,8 @@ struct FenceSighting {
 /// - The stay is timed from the first observation of its confirmed entry; an exit that is never
 ///   confirmed does not reset it. Dwell windows fire on usable observations inside (for beacon
 ///   fences, on any observation that lists the beacon).
-/// - When `judgement.decidesAlone`, the observation decides as `advance` does.
+/// - When `judgement.decidesAlone`, the observation decides as `advance` does, unless it lies
+///   within the margin of the boundary (then it confirms nothing).
 std::vector<std::string> advanceRobust(FenceState& state, const FenceSighting& sighting,
                                        const ObservationFix& fix, const Judgement& judgement,
                                        const std::vector<std::int32_t>& dwellWindows,
