@@ -138,7 +138,7 @@ def summary_number(summary, pattern):
     return int(found.group(1).replace(",", "")) if found else None
 
 
-def drive(sim, url, out, relay, compress):
+def drive(sim, out, relay, compress):
     """Three runs; the least CPU time, and what the last run said."""
     argv = [sim, "--trace", os.path.join(out, "trace.csv"), "--service", relay.url]
     if compress:
@@ -176,7 +176,7 @@ def measure(build, counts):
                     relay = Relay(url)
                     try:
                         for compress in compression:
-                            row = drive(sim, url, out, relay, compress)
+                            row = drive(sim, out, relay, compress)
                             baseline = baseline or row["events"]
                             rows.append((count, label, compress, row, row["events"] == baseline))
                     finally:
