@@ -152,8 +152,7 @@ def drive(sim, out, relay, compress):
     events = [(line["t"], line["name"], line["args"][:1])
               for line in map(json.loads, stdout.splitlines())
               if line.get("name", "").startswith("event")]
-    own = summary_number(stderr, r"([\d,]+) bytes? received") or \
-        summary_number(stderr, r"received:?\s+([\d,]+)")
+    own = summary_number(stderr, r"received:\s+([\d,]+) bytes")
     return {"cpu": best, "downloads": summary_number(stderr, r"fence query (\d+)"),
             "bytes": own if own is not None else wire, "own_bytes": own is not None,
             "events": events}

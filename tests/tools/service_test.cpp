@@ -228,7 +228,6 @@ TEST_F(ServiceTest, ServesTheExchangesOverHttpOn127001) {
   };
 
   EXPECT_EQ(post("/install", R"({"appKey":"demo"})"), std::pair(201, json({{"id", 2}})));
-  EXPECT_EQ(http.Get("/install/location?install=2&lat=50.0&long=10.0&radius=10000")->status, 200);
   EXPECT_EQ(post("/observation", observation(2, kLat, kPointLon).dump()),
             std::pair(201, json::parse(R"({"id": 1, "events": [{"location_id": 1,
                 "event_type": "entry", "data": {"zr:msg:title": "Hi", "coupon": "X1"}}]})")));
