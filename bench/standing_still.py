@@ -7,7 +7,7 @@ Usage:
   bench/standing_still.py N OUT_DIR
       writes OUT_DIR/fences.json and OUT_DIR/trace.csv (standing still for 24 hours)
   bench/standing_still.py --measure BUILD_DIR [N ...]    (default N: 10 10000)
-      for each N, starts BUILD_DIR's zonaris-service on 127.0.0.1 and runs BUILD_DIR's
+      for each N, starts BUILD_DIR's zonaris-service on 127.0.0.1 (uncapped) and runs BUILD_DIR's
       zonaris-sim against it three times for each of --until 60, 3600 and 86400, and prints
       the CPU time (user + system) of zonaris-sim alone, the median of the three. The first
       minute holds registration and the catalogue download; the day less that minute, per
@@ -18,24 +18,13 @@ import json
 import math
 import os
 import random
-import re
 import statistics
-import subprocess
 import sys
 import tempfile
 
-METRES_PER_DEGREE = 6378137.0 * 0.017453292519943295
+from bench_processes import METRES_PER_DEGREE, cpu_seconds, polygon, serving, tool
+
 CENTRE_LAT, CENTRE_LON = 52.5, 13.4
-
-
-def polygon(lat, lon, metres, vertices=64):
-    d_lat = metres / METRES_PER_DEGREE
-    d_lon = d_lat / math.cos(math.radians(lat))
-    ring = []
-    for i in range(vertices + 1):
-        angle = 2 * math.pi * (i % vertices) / vertices
-        ring.append("%.7f %.7f" % (lon + d_lon * math.cos(angle), lat + d_lat * math.sin(angle)))
-    return "POLYGON ((%s))" % ", ".join(ring)
 
 
 def write_inputs(count, out):
@@ -58,36 +47,22 @@ def write_inputs(count, out):
             f.write("%d,%.7f,%.7f,5,0\n" % (t, CENTRE_LAT, CENTRE_LON))
 
 
-def cpu_seconds(argv):
-    """Runs argv with its output discarded; returns its user + system CPU time."""
-    process = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    _, status, usage = os.wait4(process.pid, 0)
-    if status != 0:
-        sys.exit("failed (status %d): %s" % (status, " ".join(argv)))
-    return usage.ru_utime + usage.ru_stime
-
-
 def measure(build, counts):
-    sim = os.path.join(build, "tools/zonaris-sim/zonaris-sim")
-    service = os.path.join(build, "tools/zonaris-service/zonaris-service")
+    sim = tool(build, "zonaris-sim")
     rows = []
     with tempfile.TemporaryDirectory() as scratch:
         for count in counts:
             out = os.path.join(scratch, str(count))
             write_inputs(count, out)
-            server = subprocess.Popen([service, "--fences", os.path.join(out, "fences.json"),
-                                       "--port", "0"], stdout=subprocess.PIPE, text=True)
-            try:
-                url = re.search(r"http://\S+", server.stdout.readline()).group(0)
+            # Uncapped: the client is to hold all N fences, not the service's nearest few.
+            with serving(build, os.path.join(out, "fences.json"), "--max-fences", "0") as url:
                 times = {}
                 for until in (60, 3600, 86400):
                     argv = [sim, "--trace", os.path.join(out, "trace.csv"), "--service", url,
                             "--until", str(until)]
                     times[until] = statistics.median(cpu_seconds(argv) for _ in range(3))
                 rows.append((count, times[60], times[3600], times[86400]))
-            finally:
-                server.terminate()
-                server.wait(timeout=30)
+
     def per_hour(row):
         return (row[3] - row[1]) / (24 - 1 / 60)
 

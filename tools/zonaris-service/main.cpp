@@ -34,6 +34,10 @@ int main(int argc, char** argv) {
   app.add_option("--port", port, "TCP port on 127.0.0.1; 0 picks a free one")
       ->capture_default_str()
       ->check(CLI::Range(0, 65535));
+  app.add_option("--max-fences", options.maxFences,
+                 "the fence query answers nearest first and at most this many fences; 0 answers "
+                 "every fence within the radius, in file order")
+      ->capture_default_str();
   zonaris::service_tool::addConfirmOptions(app, options.confirm, options.robust);
   try {
     app.parse(argc, argv);

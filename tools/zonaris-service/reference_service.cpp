@@ -238,6 +238,7 @@ struct ReferenceService::Impl {
   std::vector<std::size_t> unindexed;
   std::vector<std::size_t> beaconFences;
   double maxPointRadius = 0.0;
+  std::size_t maxFences = 0;  // 0: no cap, file order
   std::function<std::chrono::system_clock::time_point()> now;
   ConfirmRule confirm = ConfirmRule::Robust;
   RobustParams robust;
@@ -365,12 +366,22 @@ struct ReferenceService::Impl {
     }
     // Only the candidates are measured; the answer is the same as measuring every fence.
     const auto point = fmt::format("POINT ({:.16g} {:.16g})", *lon, *lat);
-    json out = json::array();
+    std::vector<std::pair<double, std::size_t>> within;  // (metres, file index), in file order
     for (std::size_t i : candidates) {
       auto measured = fences::distanceToGeometry(fences[i].location, point);
       if (measured.metres && *measured.metres <= *radius)
-        out.push_back(fences[i].record);
+        within.emplace_back(*measured.metres, i);
     }
+    if (maxFences > 0) {
+      // Nearest first; the file index breaks ties, so the same query gets the same bytes.
+      const auto kept =
+          within.begin() + static_cast<std::ptrdiff_t>(std::min(maxFences, within.size()));
+      std::partial_sort(within.begin(), kept, within.end());
+      within.erase(kept, within.end());
+    }
+    json out = json::array();
+    for (const auto& [metres, i] : within)
+      out.push_back(fences[i].record);
     return answer(200, out);
   }
 
@@ -506,6 +517,7 @@ struct ReferenceService::Impl {
 
 ReferenceService::ReferenceService(ServiceOptions options) : impl_(std::make_unique<Impl>()) {
   impl_->now = std::move(options.now);
+  impl_->maxFences = options.maxFences;
   impl_->confirm = options.confirm;
   impl_->robust = options.robust;
   std::string source = "fences";
