@@ -13,8 +13,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <queue>
+#include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "fences/geometry.hpp"
@@ -124,14 +127,23 @@ double FenceCache::lowerBoundMetres(double lon, double lat, double xmin, double 
                      ymax, smallerCosine(ymin, ymax));
 }
 
-std::shared_ptr<const FenceCache> FenceCache::build(const FenceList& fences) {
+std::shared_ptr<const FenceCache> FenceCache::build(const FenceList& fences,
+                                                    const FenceCache* previous) {
   std::shared_ptr<FenceCache> cache(new FenceCache());
-  GEOSContextHandle_t ctx = cache->context_.get();
-  if (ctx == nullptr)
-    return nullptr;
-  const geos::ReaderPtr reader(GEOSWKTReader_create_r(ctx), geos::Release{ctx});
-  if (!reader)
-    return nullptr;
+  if (previous != nullptr)
+    cache->measureMutex_ = previous->measureMutex_;
+  // The previous cache's readings by id and text hash; the text itself decides.
+  std::unordered_multimap<std::size_t, const std::shared_ptr<const Reading>*> earlier;
+  if (previous != nullptr) {
+    earlier.reserve(previous->fences_.size());
+    for (const Fence& fence : previous->fences_)
+      earlier.emplace(fence.reading->hash ^ std::hash<std::int64_t>{}(fence.reading->id),
+                      &fence.reading);
+  }
+  // The texts not read before are read on a context of this cache's own, which each of their
+  // readings keeps alive.
+  std::shared_ptr<geos::Context> context;
+  geos::ReaderPtr reader(nullptr, geos::Release{nullptr});
   cache->fences_.reserve(fences.size());
   for (const auto& fence : fences) {
     Fence entry;
@@ -139,9 +151,39 @@ std::shared_ptr<const FenceCache> FenceCache::build(const FenceList& fences) {
     entry.revision = fence->shapeRevision();
     entry.kind = kindOf(fence->type());
     entry.radius = fence->radius();
-    std::string why;
-    entry.geometry =
-        geos::readGeometry(cache->context_, reader.get(), fence->location().value_or(""), why);
+    auto text = fence->location();
+    const std::int64_t id = fence->id();
+    const std::size_t hash = text ? std::hash<std::string_view>{}(*text) : 0;
+    const auto [first, last] = earlier.equal_range(hash ^ std::hash<std::int64_t>{}(id));
+    for (auto it = first; it != last && !entry.reading; ++it) {
+      const Reading& candidate = **it->second;
+      if (candidate.id == id && candidate.text == text)
+        entry.reading = *it->second;
+    }
+    if (entry.reading) {
+      ++cache->carried_;
+    } else {
+      if (!context) {
+        context = std::make_shared<geos::Context>();
+        if (context->get() == nullptr)
+          return nullptr;
+        reader =
+            geos::ReaderPtr(GEOSWKTReader_create_r(context->get()), geos::Release{context->get()});
+        if (!reader)
+          return nullptr;
+      }
+      auto reading = std::make_shared<Reading>();
+      reading->context = context;
+      std::string why;
+      reading->geometry = geos::readGeometry(*context, reader.get(), text.value_or(""), why);
+      if (reading->geometry)
+        reading->extent = geos::extent(context->get(), reading->geometry.get());
+      reading->id = id;
+      reading->hash = hash;
+      reading->text = std::move(text);
+      entry.reading = std::move(reading);
+    }
+    entry.geometry = entry.reading->geometry.get();
     cache->fences_.push_back(std::move(entry));
   }
   cache->buildIndex();
@@ -151,7 +193,6 @@ std::shared_ptr<const FenceCache> FenceCache::build(const FenceList& fences) {
 FenceCache::~FenceCache() = default;
 
 void FenceCache::buildIndex() {
-  GEOSContextHandle_t ctx = context_.get();
   for (std::uint32_t i = 0; i < fences_.size(); ++i) {
     const Fence& fence = fences_[i];
     if (!fence.geometry) {
@@ -159,7 +200,7 @@ void FenceCache::buildIndex() {
       continue;
     }
     Box box{};
-    const auto extent = geos::extent(ctx, fence.geometry.get());
+    const auto& extent = fence.reading->extent;
     const bool bounded = extent.has_value();
     if (bounded)
       box = {extent->xmin, extent->xmax, extent->ymin, extent->ymax, 0.0};
@@ -221,8 +262,8 @@ void FenceCache::buildIndex() {
 
 std::optional<double> FenceCache::measure(const geos::Context& context, std::size_t i,
                                           const geos::DevicePoint& device) const {
-  const std::lock_guard lock(measureMutex_);
-  return geos::nearestDistance(context, fences_[i].geometry.get(), device);
+  const std::lock_guard lock(*measureMutex_);
+  return geos::nearestDistance(context, fences_[i].geometry, device);
 }
 
 std::optional<double> FenceCache::measureBoundary(const geos::Context& context, std::size_t i,
@@ -230,8 +271,8 @@ std::optional<double> FenceCache::measureBoundary(const geos::Context& context, 
   GEOSContextHandle_t ctx = context.get();
   if (ctx == nullptr || !fences_[i].geometry)
     return std::nullopt;
-  const std::lock_guard lock(measureMutex_);
-  const geos::GeomPtr boundary(GEOSBoundary_r(ctx, fences_[i].geometry.get()), geos::Release{ctx});
+  const std::lock_guard lock(*measureMutex_);
+  const geos::GeomPtr boundary(GEOSBoundary_r(ctx, fences_[i].geometry), geos::Release{ctx});
   if (!boundary || GEOSisEmpty_r(ctx, boundary.get()) != 0)
     return std::nullopt;
   return geos::nearestDistance(context, boundary.get(), device);
@@ -348,8 +389,8 @@ struct SnapshotOwner {
 
 }  // namespace
 
-FencesSnapshot withGeometryCache(FenceList fences) {
-  auto cache = FenceCache::build(fences);
+FencesSnapshot withGeometryCache(FenceList fences, const FenceCache* previous) {
+  auto cache = FenceCache::build(fences, previous);
   return FencesSnapshot(new FenceList(std::move(fences)), SnapshotOwner{std::move(cache)});
 }
 
