@@ -21,6 +21,10 @@ constexpr int kQueryRadius = 10000;
 
 }  // namespace
 
+void Zonaris::setCompression(bool compression) {
+  compression_.store(compression);
+}
+
 void Zonaris::getFences() {
   devLog("Get fences...");
   const LocationPtr reference = mInitLocation();
@@ -35,7 +39,9 @@ void Zonaris::getFences() {
       fmt::format("{}?install={}&lat={:f}&long={:f}&radius={}",
                   service::serviceUrl(platform_, "/install/location"), mInstallId_.load(),
                   reference->latitude, reference->longitude, kQueryRadius);
-  const auto response = service::send(platform_, service::getRequest(url));
+  auto request = service::getRequest(url);
+  request.acceptCompressed = compression_.load();
+  const auto response = service::send(platform_, request);
 
   if (response.status != kCatalogueStatus) {
     devLog("Get fences failed!");
