@@ -12,6 +12,7 @@
 #include "fences/fence_cache.hpp"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -58,6 +59,141 @@ void strOrder(std::vector<T>& items) {
               [&](const T& a, const T& b) { return cy(a) < cy(b); });
   }
 }
+
+// The texts services write for fences, "POINT (x y)" and "POLYGON ((x y, x y, ...), (...))",
+// exactly so spaced and with plain decimal numbers, built straight into GEOS geometry: GEOS's
+// WKT reader spends nearly all its time tokenising, and a dense catalogue brings hundreds of
+// new polygons with each download. Both read a number correctly rounded and build the same
+// rings and polygon from the same coordinates, so the geometry is the same. Any other text, and
+// any the construction refuses (an unclosed ring, one of fewer than four points), is left to
+// the reader, which then decides as it always did: nothing here makes a text readable.
+class PlainWkt {
+ public:
+  PlainWkt(GEOSContextHandle_t ctx, std::string_view text) : ctx_(ctx), text_(text) {}
+
+  geos::GeomPtr read() {
+    geos::GeomPtr none(nullptr, geos::Release{ctx_});
+    if (literal("POINT (")) {
+      double x = 0.0;
+      double y = 0.0;
+      if (!coordinate(x, y) || !literal(")") || at_ != text_.size())
+        return none;
+      return geos::GeomPtr(GEOSGeom_createPointFromXY_r(ctx_, x, y), geos::Release{ctx_});
+    }
+    if (!literal("POLYGON ("))
+      return none;
+    std::vector<std::vector<double>> rings(1);
+    while (ring(rings.back()) && literal(", "))
+      rings.emplace_back();
+    if (!literal(")") || at_ != text_.size())
+      return none;
+    std::vector<geos::GeomPtr> built;
+    for (const auto& xy : rings) {
+      GEOSCoordSequence* sequence =
+          GEOSCoordSeq_copyFromBuffer_r(ctx_, xy.data(), xy.size() / 2, 0, 0);
+      if (sequence == nullptr)
+        return none;
+      built.emplace_back(GEOSGeom_createLinearRing_r(ctx_, sequence), geos::Release{ctx_});
+      if (!built.back())
+        return none;
+    }
+    std::vector<GEOSGeometry*> holes;
+    for (std::size_t i = 1; i < built.size(); ++i)
+      holes.push_back(built[i].get());
+    geos::GeomPtr polygon(GEOSGeom_createPolygon_r(ctx_, built[0].get(), holes.data(),
+                                                   static_cast<unsigned>(holes.size())),
+                          geos::Release{ctx_});
+    if (polygon) {
+      for (auto& ring : built)
+        (void)ring.release();  // the polygon owns them now
+    }
+    return polygon;
+  }
+
+ private:
+  bool literal(std::string_view word) {
+    if (text_.substr(at_, word.size()) != word)
+      return false;
+    at_ += word.size();
+    return true;
+  }
+  // -?d+(.d+)?([eE][+-]?d+)?, finite. Up to 15 significant digits and a power of ten up to 22
+  // either way, the number is one exact integer scaled by one exact power of ten, so a single
+  // multiplication or division rounds it correctly (Clinger's fast path); beyond that
+  // from_chars reads it. Either way the result is the correctly rounded value, as strtod's.
+  bool number(double& out) {
+    const std::size_t from = at_;
+    const bool negative = at_ < text_.size() && text_[at_] == '-';
+    if (negative)
+      ++at_;
+    std::uint64_t mantissa = 0;
+    int digitCount = 0;
+    int scale = 0;
+    auto digits = [&](bool fraction) {
+      const std::size_t start = at_;
+      for (; at_ < text_.size() && text_[at_] >= '0' && text_[at_] <= '9'; ++at_) {
+        if (digitCount < 19)
+          mantissa = mantissa * 10 + static_cast<std::uint64_t>(text_[at_] - '0');
+        if (mantissa != 0 || digitCount != 0)
+          ++digitCount;
+        if (fraction)
+          --scale;
+      }
+      return at_ > start;
+    };
+    if (!digits(false))
+      return false;
+    if (at_ < text_.size() && text_[at_] == '.') {
+      ++at_;
+      if (!digits(true))
+        return false;
+    }
+    if (at_ < text_.size() && (text_[at_] == 'e' || text_[at_] == 'E')) {
+      ++at_;
+      const bool down = at_ < text_.size() && text_[at_] == '-';
+      if (at_ < text_.size() && (text_[at_] == '+' || text_[at_] == '-'))
+        ++at_;
+      const std::size_t start = at_;
+      int exponent = 0;
+      for (; at_ < text_.size() && text_[at_] >= '0' && text_[at_] <= '9'; ++at_)
+        exponent = std::min(exponent * 10 + (text_[at_] - '0'), 100000);
+      if (at_ == start)
+        return false;
+      scale += down ? -exponent : exponent;
+    }
+    static constexpr double kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                         1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                         1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+    if (digitCount <= 15 && scale >= -22 && scale <= 22) {
+      const auto m = static_cast<double>(mantissa);
+      out = scale < 0 ? m / kPowers[-scale] : m * kPowers[scale];
+      if (negative)
+        out = -out;
+      return true;
+    }
+    const char* end = text_.data() + at_;
+    const auto result = std::from_chars(text_.data() + from, end, out);
+    return result.ec == std::errc() && result.ptr == end && std::isfinite(out);
+  }
+  bool coordinate(double& x, double& y) { return number(x) && literal(" ") && number(y); }
+  bool ring(std::vector<double>& xy) {
+    if (!literal("("))
+      return false;
+    do {
+      double x = 0.0;
+      double y = 0.0;
+      if (!coordinate(x, y))
+        return false;
+      xy.push_back(x);
+      xy.push_back(y);
+    } while (literal(", "));
+    return literal(")");
+  }
+
+  GEOSContextHandle_t ctx_;
+  std::string_view text_;
+  std::size_t at_ = 0;
+};
 
 }  // namespace
 
@@ -132,13 +268,14 @@ std::shared_ptr<const FenceCache> FenceCache::build(const FenceList& fences,
   std::shared_ptr<FenceCache> cache(new FenceCache());
   if (previous != nullptr)
     cache->measureMutex_ = previous->measureMutex_;
-  // The previous cache's readings by id and text hash; the text itself decides.
-  std::unordered_multimap<std::size_t, const std::shared_ptr<const Reading>*> earlier;
+  // The previous cache's readings by fence id; the text decides. Comparing the texts of the
+  // same id costs less than hashing every text: equal ones are compared in bulk, and changed
+  // ones nearly always differ in length or early on.
+  std::unordered_multimap<std::int64_t, const std::shared_ptr<const Reading>*> earlier;
   if (previous != nullptr) {
     earlier.reserve(previous->fences_.size());
     for (const Fence& fence : previous->fences_)
-      earlier.emplace(fence.reading->hash ^ std::hash<std::int64_t>{}(fence.reading->id),
-                      &fence.reading);
+      earlier.emplace(fence.reading->id, &fence.reading);
   }
   // The texts not read before are read on a context of this cache's own, which each of their
   // readings keeps alive.
@@ -153,11 +290,9 @@ std::shared_ptr<const FenceCache> FenceCache::build(const FenceList& fences,
     entry.radius = fence->radius();
     auto text = fence->location();
     const std::int64_t id = fence->id();
-    const std::size_t hash = text ? std::hash<std::string_view>{}(*text) : 0;
-    const auto [first, last] = earlier.equal_range(hash ^ std::hash<std::int64_t>{}(id));
+    const auto [first, last] = earlier.equal_range(id);
     for (auto it = first; it != last && !entry.reading; ++it) {
-      const Reading& candidate = **it->second;
-      if (candidate.id == id && candidate.text == text)
+      if ((*it->second)->text == text)
         entry.reading = *it->second;
     }
     if (entry.reading) {
@@ -175,11 +310,12 @@ std::shared_ptr<const FenceCache> FenceCache::build(const FenceList& fences,
       auto reading = std::make_shared<Reading>();
       reading->context = context;
       std::string why;
-      reading->geometry = geos::readGeometry(*context, reader.get(), text.value_or(""), why);
+      reading->geometry = PlainWkt(context->get(), text.value_or("")).read();
+      if (!reading->geometry)
+        reading->geometry = geos::readGeometry(*context, reader.get(), text.value_or(""), why);
       if (reading->geometry)
         reading->extent = geos::extent(context->get(), reading->geometry.get());
       reading->id = id;
-      reading->hash = hash;
       reading->text = std::move(text);
       entry.reading = std::move(reading);
     }

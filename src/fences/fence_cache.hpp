@@ -123,7 +123,6 @@ class FenceCache {
     geos::GeomPtr geometry;
     std::optional<GeometryBounds> extent;
     std::int64_t id = 0;
-    std::size_t hash = 0;
     std::optional<std::string> text;
   };
   struct Fence {

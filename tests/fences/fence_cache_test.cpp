@@ -105,19 +105,29 @@ class Generator {
     const double cosLat = std::max(std::cos(cy * 0.017453292519943295), 1e-3);
     std::string text = "(";
     std::pair<double, double> first;
+    // Mostly on the 1e-7 grid, as services print; sometimes every digit, sometimes with an
+    // exponent, which take the slower ways through the number reading.
+    const int style = pick(10);
+    auto print = [style](double v) {
+      return style == 0   ? fmt::format("{:.17g}", v)
+             : style == 1 ? fmt::format("{:.9e}", v)
+                          : fmt::format("{}", v);
+    };
     for (int i = 0; i < n; ++i) {
       const double angle = 2 * M_PI * i / n;
       const double r = metres * uniform(0.7, 1.0);
       double lon = cx + r * std::cos(angle) / (kMetresPerDegree * cosLat);
       double lat = std::clamp(cy + r * std::sin(angle) / kMetresPerDegree, -90.0, 90.0);
-      lon = std::round(lon * 1e7) / 1e7;
-      lat = std::round(lat * 1e7) / 1e7;
+      if (style > 1) {
+        lon = std::round(lon * 1e7) / 1e7;
+        lat = std::round(lat * 1e7) / 1e7;
+      }
       if (i == 0)
         first = {lon, lat};
       vertices_.emplace_back(lon, lat);
-      text += fmt::format("{}{} {}", i ? ", " : "", lon, lat);
+      text += (i ? ", " : "") + print(lon) + " " + print(lat);
     }
-    return text + fmt::format(", {} {})", first.first, first.second);
+    return text + ", " + print(first.first) + " " + print(first.second) + ")";
   }
 
   std::string polygon(double metres) {
