@@ -69,23 +69,27 @@ void strOrder(std::vector<T>& items) {
 // the reader, which then decides as it always did: nothing here makes a text readable.
 class PlainWkt {
  public:
-  PlainWkt(GEOSContextHandle_t ctx, std::string_view text) : ctx_(ctx), text_(text) {}
+  PlainWkt(GEOSContextHandle_t ctx, std::string_view text)
+      : ctx_(ctx), at_(text.data()), end_(text.data() + text.size()) {}
 
   geos::GeomPtr read() {
     geos::GeomPtr none(nullptr, geos::Release{ctx_});
     if (literal("POINT (")) {
       double x = 0.0;
       double y = 0.0;
-      if (!coordinate(x, y) || !literal(")") || at_ != text_.size())
+      if (!coordinate(x, y) || !literal(")") || at_ != end_)
         return none;
       return geos::GeomPtr(GEOSGeom_createPointFromXY_r(ctx_, x, y), geos::Release{ctx_});
     }
     if (!literal("POLYGON ("))
       return none;
-    std::vector<std::vector<double>> rings(1);
-    while (ring(rings.back()) && literal(", "))
+    std::vector<std::vector<double>> rings;
+    do {
       rings.emplace_back();
-    if (!literal(")") || at_ != text_.size())
+      if (!ring(rings.back()))
+        return none;
+    } while (literal(", "));
+    if (!literal(")") || at_ != end_)
       return none;
     std::vector<geos::GeomPtr> built;
     for (const auto& xy : rings) {
@@ -111,74 +115,97 @@ class PlainWkt {
   }
 
  private:
+  static bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
   bool literal(std::string_view word) {
-    if (text_.substr(at_, word.size()) != word)
+    if (static_cast<std::size_t>(end_ - at_) < word.size() ||
+        std::string_view(at_, word.size()) != word)
       return false;
     at_ += word.size();
     return true;
   }
+
   // -?d+(.d+)?([eE][+-]?d+)?, finite. Up to 15 significant digits and a power of ten up to 22
   // either way, the number is one exact integer scaled by one exact power of ten, so a single
   // multiplication or division rounds it correctly (Clinger's fast path); beyond that
   // from_chars reads it. Either way the result is the correctly rounded value, as strtod's.
   bool number(double& out) {
-    const std::size_t from = at_;
-    const bool negative = at_ < text_.size() && text_[at_] == '-';
+    const char* from = at_;
+    const bool negative = at_ != end_ && *at_ == '-';
     if (negative)
       ++at_;
     std::uint64_t mantissa = 0;
-    int digitCount = 0;
+    int significant = 0;  // digits from the first nonzero one
     int scale = 0;
-    auto digits = [&](bool fraction) {
-      const std::size_t start = at_;
-      for (; at_ < text_.size() && text_[at_] >= '0' && text_[at_] <= '9'; ++at_) {
-        if (digitCount < 19)
-          mantissa = mantissa * 10 + static_cast<std::uint64_t>(text_[at_] - '0');
-        if (mantissa != 0 || digitCount != 0)
-          ++digitCount;
-        if (fraction)
-          --scale;
-      }
-      return at_ > start;
-    };
-    if (!digits(false))
-      return false;
-    if (at_ < text_.size() && text_[at_] == '.') {
-      ++at_;
-      if (!digits(true))
-        return false;
+    const char* start = at_;
+    for (; at_ != end_ && isDigit(*at_); ++at_) {
+      mantissa = mantissa * 10 + static_cast<std::uint64_t>(*at_ - '0');
+      significant += (mantissa != 0);
+      if (significant > 19)
+        return slow(from, out);
     }
-    if (at_ < text_.size() && (text_[at_] == 'e' || text_[at_] == 'E')) {
-      ++at_;
-      const bool down = at_ < text_.size() && text_[at_] == '-';
-      if (at_ < text_.size() && (text_[at_] == '+' || text_[at_] == '-'))
-        ++at_;
-      const std::size_t start = at_;
-      int exponent = 0;
-      for (; at_ < text_.size() && text_[at_] >= '0' && text_[at_] <= '9'; ++at_)
-        exponent = std::min(exponent * 10 + (text_[at_] - '0'), 100000);
+    if (at_ == start)
+      return false;
+    if (at_ != end_ && *at_ == '.') {
+      start = ++at_;
+      for (; at_ != end_ && isDigit(*at_); ++at_, --scale) {
+        mantissa = mantissa * 10 + static_cast<std::uint64_t>(*at_ - '0');
+        significant += (mantissa != 0);
+        if (significant > 19)
+          return slow(from, out);
+      }
       if (at_ == start)
         return false;
-      scale += down ? -exponent : exponent;
     }
+    if (at_ != end_ && (*at_ == 'e' || *at_ == 'E'))
+      return slow(from, out);
     static constexpr double kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
                                          1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
                                          1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-    if (digitCount <= 15 && scale >= -22 && scale <= 22) {
-      const auto m = static_cast<double>(mantissa);
-      out = scale < 0 ? m / kPowers[-scale] : m * kPowers[scale];
-      if (negative)
-        out = -out;
-      return true;
-    }
-    const char* end = text_.data() + at_;
-    const auto result = std::from_chars(text_.data() + from, end, out);
-    return result.ec == std::errc() && result.ptr == end && std::isfinite(out);
+    if (significant > 15 || scale < -22)
+      return slow(from, out);
+    const auto m = static_cast<double>(mantissa);
+    out = scale < 0 ? m / kPowers[-scale] : m;
+    if (negative)
+      out = -out;
+    return true;
   }
+
+  // The rest of the number from `from` by from_chars, which must end where the grammar does.
+  bool slow(const char* from, double& out) {
+    at_ = from;
+    if (at_ != end_ && *at_ == '-')
+      ++at_;
+    auto digits = [this] {
+      const char* start = at_;
+      while (at_ != end_ && isDigit(*at_))
+        ++at_;
+      return at_ != start;
+    };
+    if (!digits())
+      return false;
+    if (at_ != end_ && *at_ == '.') {
+      ++at_;
+      if (!digits())
+        return false;
+    }
+    if (at_ != end_ && (*at_ == 'e' || *at_ == 'E')) {
+      ++at_;
+      if (at_ != end_ && (*at_ == '+' || *at_ == '-'))
+        ++at_;
+      if (!digits())
+        return false;
+    }
+    const auto result = std::from_chars(from, at_, out);
+    return result.ec == std::errc() && result.ptr == at_ && std::isfinite(out);
+  }
+
   bool coordinate(double& x, double& y) { return number(x) && literal(" ") && number(y); }
+
   bool ring(std::vector<double>& xy) {
     if (!literal("("))
       return false;
+    xy.reserve(130);
     do {
       double x = 0.0;
       double y = 0.0;
@@ -191,8 +218,8 @@ class PlainWkt {
   }
 
   GEOSContextHandle_t ctx_;
-  std::string_view text_;
-  std::size_t at_ = 0;
+  const char* at_;
+  const char* end_;
 };
 
 }  // namespace

@@ -170,8 +170,12 @@ class Generator {
                                             "POINT (nan 1)",
                                             "POINT (1e400 0)",
                                             "GEOMETRYCOLLECTION (((((((((((((((((((((((((((((((((("
-                                            "POINT (0 0))))))))))))))))))))))))))))))))))))"};
-        return kUnreadable[pick(7)];
+                                            "POINT (0 0))))))))))))))))))))))))))))))))))))",
+                                            "POLYGON ()",
+                                            "POLYGON ((0 0, 1 0, 0 0))",
+                                            "POLYGON ((0 0, 1 0, 1 1, 0 1))",
+                                            "POINT (1 2"};
+        return kUnreadable[pick(11)];
       }
       case 2:
         return "MULTIPOLYGON (" + polygon(size) + ", " + polygon(size) + ")";
