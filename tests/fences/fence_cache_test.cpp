@@ -366,8 +366,10 @@ TEST(FenceCacheTest, CachedWalkDecidesExactlyAsMeasuringEveryFence) {
   EXPECT_GT(carried, static_cast<std::size_t>(kCatalogues));
 }
 
-// Overlapping passes share one cache (its geometries, its flag summary) while another thread
-// flips flags, as confirmations do; ThreadSanitizer and AddressSanitizer watch the sharing.
+// Overlapping passes share one cache (its geometries, its flag summary), and the next
+// catalogue's cache shares its readings, while another thread flips flags, as confirmations
+// do; the first cache is dropped while passes still walk the second. ThreadSanitizer and
+// AddressSanitizer watch the sharing.
 TEST(FenceCacheTest, OverlappingPassesShareTheCache) {
   Generator generate(99);
   std::vector<Generator::Drawn> drawn;
@@ -376,7 +378,10 @@ TEST(FenceCacheTest, OverlappingPassesShareTheCache) {
     drawn.insert(drawn.end(), more.begin(), more.end());
   }
   const FenceList list = makeList(drawn);
-  const auto cache = fences::FenceCache::build(list);
+  auto cache = fences::FenceCache::build(list);
+  const FenceList nextList = makeList(drawn);
+  const auto next = fences::FenceCache::build(nextList, cache.get());
+  ASSERT_EQ(next->carried(), drawn.size());
   std::vector<std::string> points;
   for (int i = 0; i < 50; ++i) {
     const auto [lon, lat] = generate.device();
@@ -393,13 +398,18 @@ TEST(FenceCacheTest, OverlappingPassesShareTheCache) {
     passes.emplace_back([&, t] {
       for (std::size_t i = static_cast<std::size_t>(t); i < points.size(); i += 3) {
         RecordingHost host;
-        fences::evaluateFences(list, cache.get(), points[i], host);
+        if (t == 0)
+          fences::evaluateFences(list, cache.get(), points[i], host);
+        else
+          fences::evaluateFences(nextList, next.get(), points[i], host);
         walked.fetch_add(1);
       }
     });
   }
-  for (auto& pass : passes)
-    pass.join();
+  passes[0].join();
+  cache.reset();  // the readings live on in the next cache
+  for (std::size_t t = 1; t < passes.size(); ++t)
+    passes[t].join();
   stop = true;
   confirmations.join();
   EXPECT_EQ(walked.load(), 50);
