@@ -6,7 +6,8 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config clang-format
-  libgeos-dev libcurl4-openssl-dev nlohmann-json3-dev libfmt-dev libgeographiclib-dev
+  libgeos-dev libcurl4-openssl-dev nlohmann-json3-dev libsimdjson-dev libfmt-dev
+  libgeographiclib-dev
   libcli11-dev libpugixml-dev libcpp-httplib-dev libsqlite3-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libjs-leaflet libjs-chart.js chromium

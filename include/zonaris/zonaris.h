@@ -209,6 +209,10 @@ ZONARIS_API zonaris_status zonaris_push_beacons(zonaris_client* client,
 /* Sets the sampling policy: ZONARIS_SAMPLING_DESIGN or ZONARIS_SAMPLING_EFFICIENT; any other
  * value: INVALID_ARGUMENT. Best set before zonaris_start. */
 ZONARIS_API zonaris_status zonaris_set_sampling_policy(zonaris_client* client, int policy);
+/* Accepts the fence catalogue gzip-compressed (Zonaris::setCompression): `compression` 1 on,
+ * 0 off (the default: the fence query carries no Accept-Encoding header). Takes effect from the
+ * next download; the answer is decoded before it is read, so nothing else changes. */
+ZONARIS_API zonaris_status zonaris_set_compression(zonaris_client* client, int compression);
 /* Offers one motion transition from the application's motion sensor to a client whose
  * positions are pushed: `moving` 1 for "moving", 0 for "stationary", at `timestamp` (seconds
  * since 1970-01-01T00:00:00Z; 0: the time of the push). Only the efficient sampling policy

@@ -94,6 +94,12 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
   /// the location service's motion updates (where it has them); the design's never does.
   void setSamplingPolicy(SamplingPolicy policy);
   SamplingPolicy samplingPolicy() const { return samplingPolicy_.load(); }
+  /// Accepts the fence catalogue compressed (gzip) from the service, which sends a dense one in
+  /// a fraction of the bytes; the answer is decoded before it is read, so nothing else changes.
+  /// Off by default: the fence query then carries no "Accept-Encoding" header. A change takes
+  /// effect from the next download. Needs an HTTP client that decodes gzip (the libcurl one).
+  void setCompression(bool compression);
+  bool compression() const { return compression_.load(); }
 
   // ---- Registration and reports -----------------------------------------------------------
 
@@ -256,6 +262,8 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
   // Sampling beyond the design: the policy in force and the efficient policy's own state.
   std::atomic<SamplingPolicy> samplingPolicy_{SamplingPolicy::Design};
   std::shared_ptr<sampling::EfficientPolicy> efficient_;
+  // Beyond the design: whether the fence query accepts a compressed answer.
+  std::atomic<bool> compression_{false};
 
   // The client's own monitor: held around each walk over a fence's dwell windows and around
   // the publication of the beacon list.

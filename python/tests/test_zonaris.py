@@ -81,6 +81,7 @@ def test_client_calls_back_on_library_threads_and_close_joins_them(tmp_path):
                             store_directory=str(tmp_path), logLine=log_line,
                             on_callback_error=errors.append)
     client.set_dev_mode(True)
+    client.set_compression(True)
     client.set_tags({"tier": "gold"})
     client.start()  # registration fails at once on its own thread, which logs it
     assert arrived.wait(10)

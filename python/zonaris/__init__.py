@@ -256,6 +256,10 @@ class Client:
             raise ValueError("sampling policy must be 'design' or 'efficient': %r" % (policy,))
         self._call(self._lib.zonaris_set_sampling_policy, self._live(), codes[policy])
 
+    def set_compression(self, on: bool):
+        """Accepts the fence catalogue gzip-compressed (off by default); from the next download."""
+        self._call(self._lib.zonaris_set_compression, self._live(), 1 if on else 0)
+
     def push_motion(self, moving: bool, *, timestamp: Optional[float] = None) -> bool:
         """Offers a motion transition ("moving" or "stationary") from the application's motion
         sensor; only the efficient sampling listens. True when it is delivered to the client."""

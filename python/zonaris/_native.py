@@ -120,6 +120,7 @@ def client_library():
                  ctypes.POINTER(ctypes.c_int))
         _declare(lib, "zonaris_push_beacons", s, p, ctypes.POINTER(Beacon), ctypes.c_size_t)
         _declare(lib, "zonaris_set_sampling_policy", s, p, i)
+        _declare(lib, "zonaris_set_compression", s, p, i)
         _declare(lib, "zonaris_push_motion", s, p, i, ctypes.c_double,
                  ctypes.POINTER(ctypes.c_int))
         _declare(lib, "zonaris_destroy", s, p, s)

@@ -260,6 +260,15 @@ ZONARIS_API zonaris_status zonaris_set_sampling_policy(zonaris_client* handle, i
   });
 }
 
+ZONARIS_API zonaris_status zonaris_set_compression(zonaris_client* handle, int compression) {
+  return guarded([&] {
+    if (!handle)
+      return noClient();
+    handle->client->setCompression(compression != 0);
+    return ZONARIS_STATUS_OK;
+  });
+}
+
 ZONARIS_API zonaris_status zonaris_push_motion(zonaris_client* handle, int moving, double timestamp,
                                                int* accepted) {
   return guarded([&] {

@@ -12,9 +12,13 @@
 #include "fences/fence_cache.hpp"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <queue>
+#include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "fences/geometry.hpp"
@@ -55,6 +59,168 @@ void strOrder(std::vector<T>& items) {
               [&](const T& a, const T& b) { return cy(a) < cy(b); });
   }
 }
+
+// The texts services write for fences, "POINT (x y)" and "POLYGON ((x y, x y, ...), (...))",
+// exactly so spaced and with plain decimal numbers, built straight into GEOS geometry: GEOS's
+// WKT reader spends nearly all its time tokenising, and a dense catalogue brings hundreds of
+// new polygons with each download. Both read a number correctly rounded and build the same
+// rings and polygon from the same coordinates, so the geometry is the same. Any other text, and
+// any the construction refuses (an unclosed ring, one of fewer than four points), is left to
+// the reader, which then decides as it always did: nothing here makes a text readable.
+class PlainWkt {
+ public:
+  PlainWkt(GEOSContextHandle_t ctx, std::string_view text)
+      : ctx_(ctx), at_(text.data()), end_(text.data() + text.size()) {}
+
+  geos::GeomPtr read() {
+    geos::GeomPtr none(nullptr, geos::Release{ctx_});
+    if (literal("POINT (")) {
+      double x = 0.0;
+      double y = 0.0;
+      if (!coordinate(x, y) || !literal(")") || at_ != end_)
+        return none;
+      return geos::GeomPtr(GEOSGeom_createPointFromXY_r(ctx_, x, y), geos::Release{ctx_});
+    }
+    if (!literal("POLYGON ("))
+      return none;
+    std::vector<std::vector<double>> rings;
+    do {
+      rings.emplace_back();
+      if (!ring(rings.back()))
+        return none;
+    } while (literal(", "));
+    if (!literal(")") || at_ != end_)
+      return none;
+    std::vector<geos::GeomPtr> built;
+    for (const auto& xy : rings) {
+      GEOSCoordSequence* sequence =
+          GEOSCoordSeq_copyFromBuffer_r(ctx_, xy.data(), xy.size() / 2, 0, 0);
+      if (sequence == nullptr)
+        return none;
+      built.emplace_back(GEOSGeom_createLinearRing_r(ctx_, sequence), geos::Release{ctx_});
+      if (!built.back())
+        return none;
+    }
+    std::vector<GEOSGeometry*> holes;
+    for (std::size_t i = 1; i < built.size(); ++i)
+      holes.push_back(built[i].get());
+    geos::GeomPtr polygon(GEOSGeom_createPolygon_r(ctx_, built[0].get(), holes.data(),
+                                                   static_cast<unsigned>(holes.size())),
+                          geos::Release{ctx_});
+    if (polygon) {
+      for (auto& ring : built)
+        (void)ring.release();  // the polygon owns them now
+    }
+    return polygon;
+  }
+
+ private:
+  static bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+  bool literal(std::string_view word) {
+    if (static_cast<std::size_t>(end_ - at_) < word.size() ||
+        std::string_view(at_, word.size()) != word)
+      return false;
+    at_ += word.size();
+    return true;
+  }
+
+  // -?d+(.d+)?([eE][+-]?d+)?, finite. Up to 15 significant digits and a power of ten up to 22
+  // either way, the number is one exact integer scaled by one exact power of ten, so a single
+  // multiplication or division rounds it correctly (Clinger's fast path); beyond that
+  // from_chars reads it. Either way the result is the correctly rounded value, as strtod's.
+  bool number(double& out) {
+    const char* from = at_;
+    const bool negative = at_ != end_ && *at_ == '-';
+    if (negative)
+      ++at_;
+    std::uint64_t mantissa = 0;
+    int significant = 0;  // digits from the first nonzero one
+    int scale = 0;
+    const char* start = at_;
+    for (; at_ != end_ && isDigit(*at_); ++at_) {
+      mantissa = mantissa * 10 + static_cast<std::uint64_t>(*at_ - '0');
+      significant += (mantissa != 0);
+      if (significant > 19)
+        return slow(from, out);
+    }
+    if (at_ == start)
+      return false;
+    if (at_ != end_ && *at_ == '.') {
+      start = ++at_;
+      for (; at_ != end_ && isDigit(*at_); ++at_, --scale) {
+        mantissa = mantissa * 10 + static_cast<std::uint64_t>(*at_ - '0');
+        significant += (mantissa != 0);
+        if (significant > 19)
+          return slow(from, out);
+      }
+      if (at_ == start)
+        return false;
+    }
+    if (at_ != end_ && (*at_ == 'e' || *at_ == 'E'))
+      return slow(from, out);
+    static constexpr double kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                         1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                         1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+    if (significant > 15 || scale < -22)
+      return slow(from, out);
+    const auto m = static_cast<double>(mantissa);
+    out = scale < 0 ? m / kPowers[-scale] : m;
+    if (negative)
+      out = -out;
+    return true;
+  }
+
+  // The rest of the number from `from` by from_chars, which must end where the grammar does.
+  bool slow(const char* from, double& out) {
+    at_ = from;
+    if (at_ != end_ && *at_ == '-')
+      ++at_;
+    auto digits = [this] {
+      const char* start = at_;
+      while (at_ != end_ && isDigit(*at_))
+        ++at_;
+      return at_ != start;
+    };
+    if (!digits())
+      return false;
+    if (at_ != end_ && *at_ == '.') {
+      ++at_;
+      if (!digits())
+        return false;
+    }
+    if (at_ != end_ && (*at_ == 'e' || *at_ == 'E')) {
+      ++at_;
+      if (at_ != end_ && (*at_ == '+' || *at_ == '-'))
+        ++at_;
+      if (!digits())
+        return false;
+    }
+    const auto result = std::from_chars(from, at_, out);
+    return result.ec == std::errc() && result.ptr == at_ && std::isfinite(out);
+  }
+
+  bool coordinate(double& x, double& y) { return number(x) && literal(" ") && number(y); }
+
+  bool ring(std::vector<double>& xy) {
+    if (!literal("("))
+      return false;
+    xy.reserve(130);
+    do {
+      double x = 0.0;
+      double y = 0.0;
+      if (!coordinate(x, y))
+        return false;
+      xy.push_back(x);
+      xy.push_back(y);
+    } while (literal(", "));
+    return literal(")");
+  }
+
+  GEOSContextHandle_t ctx_;
+  const char* at_;
+  const char* end_;
+};
 
 }  // namespace
 
@@ -124,14 +290,24 @@ double FenceCache::lowerBoundMetres(double lon, double lat, double xmin, double 
                      ymax, smallerCosine(ymin, ymax));
 }
 
-std::shared_ptr<const FenceCache> FenceCache::build(const FenceList& fences) {
+std::shared_ptr<const FenceCache> FenceCache::build(const FenceList& fences,
+                                                    const FenceCache* previous) {
   std::shared_ptr<FenceCache> cache(new FenceCache());
-  GEOSContextHandle_t ctx = cache->context_.get();
-  if (ctx == nullptr)
-    return nullptr;
-  const geos::ReaderPtr reader(GEOSWKTReader_create_r(ctx), geos::Release{ctx});
-  if (!reader)
-    return nullptr;
+  if (previous != nullptr)
+    cache->measureMutex_ = previous->measureMutex_;
+  // The previous cache's readings by fence id; the text decides. Comparing the texts of the
+  // same id costs less than hashing every text: equal ones are compared in bulk, and changed
+  // ones nearly always differ in length or early on.
+  std::unordered_multimap<std::int64_t, const std::shared_ptr<const Reading>*> earlier;
+  if (previous != nullptr) {
+    earlier.reserve(previous->fences_.size());
+    for (const Fence& fence : previous->fences_)
+      earlier.emplace(fence.reading->id, &fence.reading);
+  }
+  // The texts not read before are read on a context of this cache's own, which each of their
+  // readings keeps alive.
+  std::shared_ptr<geos::Context> context;
+  geos::ReaderPtr reader(nullptr, geos::Release{nullptr});
   cache->fences_.reserve(fences.size());
   for (const auto& fence : fences) {
     Fence entry;
@@ -139,9 +315,38 @@ std::shared_ptr<const FenceCache> FenceCache::build(const FenceList& fences) {
     entry.revision = fence->shapeRevision();
     entry.kind = kindOf(fence->type());
     entry.radius = fence->radius();
-    std::string why;
-    entry.geometry =
-        geos::readGeometry(cache->context_, reader.get(), fence->location().value_or(""), why);
+    auto text = fence->location();
+    const std::int64_t id = fence->id();
+    const auto [first, last] = earlier.equal_range(id);
+    for (auto it = first; it != last && !entry.reading; ++it) {
+      if ((*it->second)->text == text)
+        entry.reading = *it->second;
+    }
+    if (entry.reading) {
+      ++cache->carried_;
+    } else {
+      if (!context) {
+        context = std::make_shared<geos::Context>();
+        if (context->get() == nullptr)
+          return nullptr;
+        reader =
+            geos::ReaderPtr(GEOSWKTReader_create_r(context->get()), geos::Release{context->get()});
+        if (!reader)
+          return nullptr;
+      }
+      auto reading = std::make_shared<Reading>();
+      reading->context = context;
+      std::string why;
+      reading->geometry = PlainWkt(context->get(), text.value_or("")).read();
+      if (!reading->geometry)
+        reading->geometry = geos::readGeometry(*context, reader.get(), text.value_or(""), why);
+      if (reading->geometry)
+        reading->extent = geos::extent(context->get(), reading->geometry.get());
+      reading->id = id;
+      reading->text = std::move(text);
+      entry.reading = std::move(reading);
+    }
+    entry.geometry = entry.reading->geometry.get();
     cache->fences_.push_back(std::move(entry));
   }
   cache->buildIndex();
@@ -151,7 +356,6 @@ std::shared_ptr<const FenceCache> FenceCache::build(const FenceList& fences) {
 FenceCache::~FenceCache() = default;
 
 void FenceCache::buildIndex() {
-  GEOSContextHandle_t ctx = context_.get();
   for (std::uint32_t i = 0; i < fences_.size(); ++i) {
     const Fence& fence = fences_[i];
     if (!fence.geometry) {
@@ -159,7 +363,7 @@ void FenceCache::buildIndex() {
       continue;
     }
     Box box{};
-    const auto extent = geos::extent(ctx, fence.geometry.get());
+    const auto& extent = fence.reading->extent;
     const bool bounded = extent.has_value();
     if (bounded)
       box = {extent->xmin, extent->xmax, extent->ymin, extent->ymax, 0.0};
@@ -221,8 +425,8 @@ void FenceCache::buildIndex() {
 
 std::optional<double> FenceCache::measure(const geos::Context& context, std::size_t i,
                                           const geos::DevicePoint& device) const {
-  const std::lock_guard lock(measureMutex_);
-  return geos::nearestDistance(context, fences_[i].geometry.get(), device);
+  const std::lock_guard lock(*measureMutex_);
+  return geos::nearestDistance(context, fences_[i].geometry, device);
 }
 
 std::optional<double> FenceCache::measureBoundary(const geos::Context& context, std::size_t i,
@@ -230,8 +434,8 @@ std::optional<double> FenceCache::measureBoundary(const geos::Context& context, 
   GEOSContextHandle_t ctx = context.get();
   if (ctx == nullptr || !fences_[i].geometry)
     return std::nullopt;
-  const std::lock_guard lock(measureMutex_);
-  const geos::GeomPtr boundary(GEOSBoundary_r(ctx, fences_[i].geometry.get()), geos::Release{ctx});
+  const std::lock_guard lock(*measureMutex_);
+  const geos::GeomPtr boundary(GEOSBoundary_r(ctx, fences_[i].geometry), geos::Release{ctx});
   if (!boundary || GEOSisEmpty_r(ctx, boundary.get()) != 0)
     return std::nullopt;
   return geos::nearestDistance(context, boundary.get(), device);
@@ -348,8 +552,8 @@ struct SnapshotOwner {
 
 }  // namespace
 
-FencesSnapshot withGeometryCache(FenceList fences) {
-  auto cache = FenceCache::build(fences);
+FencesSnapshot withGeometryCache(FenceList fences, const FenceCache* previous) {
+  auto cache = FenceCache::build(fences, previous);
   return FencesSnapshot(new FenceList(std::move(fences)), SnapshotOwner{std::move(cache)});
 }
 

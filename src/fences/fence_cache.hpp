@@ -7,6 +7,11 @@
 // A snapshot carries its cache with it: `withGeometryCache` publishes a list whose shared
 // owner also owns the cache, and `cacheOf` finds it again from any copy of that pointer. A list
 // published without a cache (an application's or a test's own) is simply measured in full.
+//
+// A new catalogue mostly repeats the last one (two answers a kilometre apart share nearly all
+// their fences), so a cache may be built from the previous one: a fence whose id and text are
+// the same as one the previous cache read shares that reading (its geometry and its extent)
+// instead of reading the text again. Readings are immutable and shared between caches.
 
 #include <cstddef>
 #include <cstdint>
@@ -44,8 +49,10 @@ class FenceCache {
     std::optional<double> metres;
   };
 
-  /// Reads every fence's text once. Null only when GEOS cannot make a context.
-  static std::shared_ptr<const FenceCache> build(const FenceList& fences);
+  /// Reads every fence's text once, or takes the reading of `previous` (may be null) for a
+  /// fence with the same id and the same text. Null only when GEOS cannot make a context.
+  static std::shared_ptr<const FenceCache> build(const FenceList& fences,
+                                                 const FenceCache* previous = nullptr);
   ~FenceCache();
   FenceCache(const FenceCache&) = delete;
   FenceCache& operator=(const FenceCache&) = delete;
@@ -98,6 +105,9 @@ class FenceCache {
   /// Bytes held beyond the GEOS geometries themselves (index and per-fence records).
   std::size_t indexBytes() const;
 
+  /// How many fences took their reading from the previous cache instead of reading the text.
+  std::size_t carried() const { return carried_; }
+
   /// A lower bound, in metres, of the haversine distance from (lon, lat) to any point with a
   /// longitude in [xmin, xmax] and a latitude in [ymin, ymax] (degrees; the latitudes within
   /// -90..90, the device's too), with margins that cover the rounding of the distance itself.
@@ -105,8 +115,19 @@ class FenceCache {
                                  double ymax);
 
  private:
-  struct Fence {
+  // One fence text as read: its geometry (null when unreadable) and the extent of all its
+  // coordinates. Immutable; shared by every cache whose fence has this id and text. It holds
+  // the context that made the geometry, which releases it on whichever thread drops it last.
+  struct Reading {
+    std::shared_ptr<const geos::Context> context;
     geos::GeomPtr geometry;
+    std::optional<GeometryBounds> extent;
+    std::int64_t id = 0;
+    std::optional<std::string> text;
+  };
+  struct Fence {
+    std::shared_ptr<const Reading> reading;
+    const GEOSGeometry* geometry = nullptr;  // the reading's
     FenceKind kind = FenceKind::Other;
     float radius = 0.0f;
     std::uint32_t revision = 0;
@@ -134,10 +155,8 @@ class FenceCache {
   FenceCache() = default;
   void buildIndex();
 
-  // The cache's own context: it reads the texts, and releases the geometries when the cache
-  // dies on whichever thread drops the snapshot last. Declared first, so it outlives them.
-  geos::Context context_;
   std::vector<Fence> fences_;
+  std::size_t carried_ = 0;
   std::vector<Entry> entries_;                // indexed fences, in tree order
   std::vector<Node> nodes_;                   // the root is the last node
   std::vector<std::uint32_t> alwaysMeasure_;  // readable fences the index cannot bound
@@ -146,14 +165,16 @@ class FenceCache {
   mutable std::shared_ptr<const FlagSummary> summary_;
   // GEOS 3.11 does not promise that reading one geometry from several threads at once is safe
   // (its prepared geometries are known not to be), so measurements on the shared geometries
-  // are serialised. They are the few candidates of a pass: microseconds.
-  mutable std::mutex measureMutex_;
+  // are serialised. They are the few candidates of a pass: microseconds. A cache built from a
+  // previous one shares its geometries, so it shares this lock too.
+  std::shared_ptr<std::mutex> measureMutex_ = std::make_shared<std::mutex>();
 };
 
 using FencesSnapshot = std::shared_ptr<const FenceList>;
 
-/// Publishes `fences` as a snapshot that owns its geometry cache.
-FencesSnapshot withGeometryCache(FenceList fences);
+/// Publishes `fences` as a snapshot that owns its geometry cache, built from `previous` (the
+/// cache of the catalogue it replaces; may be null) as `FenceCache::build` says.
+FencesSnapshot withGeometryCache(FenceList fences, const FenceCache* previous = nullptr);
 
 /// The cache that `withGeometryCache` attached to this snapshot, or null.
 const FenceCache* cacheOf(const FencesSnapshot& snapshot);

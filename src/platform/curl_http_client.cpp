@@ -182,6 +182,10 @@ class CurlHttpClient final : public HttpClient {
     curl_easy_setopt(h, CURLOPT_WRITEDATA, &sink);
     // Refuse early when the server announces a body over the cap; the sink catches the rest.
     curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(options_.maxBodyBytes));
+    // libcurl sends the header and decodes the answer; the cap applies to the decoded body
+    // (the sink), and a body that decodes to more is refused like any other.
+    if (request.acceptCompressed)
+      curl_easy_setopt(h, CURLOPT_ACCEPT_ENCODING, "gzip");
     if (options_.cancel) {
       void* cancel = options_.cancel.get();
       curl_easy_setopt(h, CURLOPT_OPENSOCKETFUNCTION, &openSocket);
@@ -248,6 +252,10 @@ class CurlHttpClient final : public HttpClient {
     long status = 0;
     curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
     response.status = status;
+    // The body as transferred: libcurl counts the bytes it received before decoding them.
+    curl_off_t received = 0;
+    if (curl_easy_getinfo(h, CURLINFO_SIZE_DOWNLOAD_T, &received) == CURLE_OK && received > 0)
+      response.wireBodyBytes = static_cast<std::uint64_t>(received);
     response.body = std::move(sink.body);
     return response;
   }

@@ -65,7 +65,22 @@ bool looksNumeric(std::string_view s) {
   return s.size() > digitAt && s[digitAt] >= '0' && s[digitAt] <= '9';
 }
 
-// Truncates toward zero and saturates at the bounds of std::int64_t; NaN gives 0.
+// A whole number exactly as written, when the value is an integer or an integer string.
+std::optional<std::int64_t> exactInteger(const json& value) {
+  if (value.is_number_unsigned()) {
+    const auto u = value.get<json::number_unsigned_t>();
+    constexpr auto kMax = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    return u > kMax ? std::numeric_limits<std::int64_t>::max() : static_cast<std::int64_t>(u);
+  }
+  if (value.is_number_integer())
+    return value.get<json::number_integer_t>();
+  if (value.is_string())
+    return integerInText(value.get_ref<const json::string_t&>());
+  return std::nullopt;
+}
+
+}  // namespace
+
 std::int64_t saturatingInt64(double d) {
   if (std::isnan(d))
     return 0;
@@ -78,26 +93,23 @@ std::int64_t saturatingInt64(double d) {
   return static_cast<std::int64_t>(d);
 }
 
-// A whole number exactly as written, when the value is an integer or an integer string.
-std::optional<std::int64_t> exactInteger(const json& value) {
-  if (value.is_number_unsigned()) {
-    const auto u = value.get<json::number_unsigned_t>();
-    constexpr auto kMax = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-    return u > kMax ? std::numeric_limits<std::int64_t>::max() : static_cast<std::int64_t>(u);
-  }
-  if (value.is_number_integer())
-    return value.get<json::number_integer_t>();
-  if (value.is_string()) {
-    const auto text = trimmed(value.get_ref<const json::string_t&>());
-    std::int64_t out = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
-    if (ec == std::errc() && end == text.data() + text.size() && looksNumeric(text))
-      return out;
-  }
+std::optional<std::int64_t> integerInText(std::string_view text) {
+  text = trimmed(text);
+  std::int64_t out = 0;
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
+  if (ec == std::errc() && end == text.data() + text.size() && looksNumeric(text))
+    return out;
   return std::nullopt;
 }
 
-}  // namespace
+std::optional<double> numberInText(std::string_view text) {
+  text = trimmed(text);
+  double out = 0.0;
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
+  if (ec == std::errc() && end == text.data() + text.size() && looksNumeric(text))
+    return out;
+  return std::nullopt;
+}
 
 std::string compactJson(const nlohmann::json& value) {
   return value.dump(-1, ' ', false, json::error_handler_t::replace);
@@ -169,13 +181,8 @@ std::optional<double> numberOf(const nlohmann::json* value) {
     return std::nullopt;
   if (value->is_number())
     return value->get<double>();
-  if (value->is_string()) {
-    const auto text = trimmed(value->get_ref<const json::string_t&>());
-    double out = 0.0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
-    if (ec == std::errc() && end == text.data() + text.size() && looksNumeric(text))
-      return out;
-  }
+  if (value->is_string())
+    return numberInText(value->get_ref<const json::string_t&>());
   return std::nullopt;
 }
 

@@ -64,6 +64,12 @@ inline nlohmann::json* member(nlohmann::json& object, std::string_view key) {
 
 /// A JSON number, or a string holding nothing but a decimal number; otherwise nothing.
 std::optional<double> numberOf(const nlohmann::json* value);
+/// The number a string holds (blanks around it allowed), as `numberOf` reads a string.
+std::optional<double> numberInText(std::string_view text);
+/// The whole number a string holds exactly (blanks around it allowed), or nothing.
+std::optional<std::int64_t> integerInText(std::string_view text);
+/// Truncates toward zero and saturates at the bounds of std::int64_t; NaN gives 0.
+std::int64_t saturatingInt64(double d);
 /// Whole-number reading; 0 when missing or not a number.
 std::int64_t int64Of(const nlohmann::json* value);
 std::int32_t int32Of(const nlohmann::json* value);

@@ -70,6 +70,8 @@ static void wrong_arguments(zonaris_client* client) {
        ZONARIS_STATUS_INVALID_ARGUMENT},
       {"no beacons", zonaris_push_beacons(client, NULL, 0), ZONARIS_STATUS_OK},
       {"not a policy", zonaris_set_sampling_policy(client, 7), ZONARIS_STATUS_INVALID_ARGUMENT},
+      {"compression on", zonaris_set_compression(client, 1), ZONARIS_STATUS_OK},
+      {"compression on null", zonaris_set_compression(NULL, 1), ZONARIS_STATUS_INVALID_ARGUMENT},
       {"motion pushed", zonaris_push_motion(client, 1, 0.0, NULL), ZONARIS_STATUS_OK},
       {"destroy null", zonaris_destroy(NULL, 0), ZONARIS_STATUS_OK},
   };

@@ -1,16 +1,20 @@
 // The cached fence walk against the straightforward one: seeded random catalogues (points with
 // a radius, polygons with holes (some sticking out of their shell), multipolygons, beacons,
 // unreadable and empty text, fences across the antimeridian and around the poles, a device on a
-// boundary), compared pass by pass on every decision, flag, distance line and error report. Then
-// the same through the client, whose download attaches the cache.
+// boundary), compared pass by pass on every decision, flag, distance line and error report;
+// half the catalogues follow the one before (most fences again, some changed, gone, new or
+// moved) and build their cache from its cache. Then the same through the client, whose
+// download attaches the cache.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cmath>
 #include <cstdint>
 #include <limits>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -101,19 +105,29 @@ class Generator {
     const double cosLat = std::max(std::cos(cy * 0.017453292519943295), 1e-3);
     std::string text = "(";
     std::pair<double, double> first;
+    // Mostly on the 1e-7 grid, as services print; sometimes every digit, sometimes with an
+    // exponent, which take the slower ways through the number reading.
+    const int style = pick(10);
+    auto print = [style](double v) {
+      return style == 0   ? fmt::format("{:.17g}", v)
+             : style == 1 ? fmt::format("{:.9e}", v)
+                          : fmt::format("{}", v);
+    };
     for (int i = 0; i < n; ++i) {
       const double angle = 2 * M_PI * i / n;
       const double r = metres * uniform(0.7, 1.0);
       double lon = cx + r * std::cos(angle) / (kMetresPerDegree * cosLat);
       double lat = std::clamp(cy + r * std::sin(angle) / kMetresPerDegree, -90.0, 90.0);
-      lon = std::round(lon * 1e7) / 1e7;
-      lat = std::round(lat * 1e7) / 1e7;
+      if (style > 1) {
+        lon = std::round(lon * 1e7) / 1e7;
+        lat = std::round(lat * 1e7) / 1e7;
+      }
       if (i == 0)
         first = {lon, lat};
       vertices_.emplace_back(lon, lat);
-      text += fmt::format("{}{} {}", i ? ", " : "", lon, lat);
+      text += (i ? ", " : "") + print(lon) + " " + print(lat);
     }
-    return text + fmt::format(", {} {})", first.first, first.second);
+    return text + ", " + print(first.first) + " " + print(first.second) + ")";
   }
 
   std::string polygon(double metres) {
@@ -156,8 +170,12 @@ class Generator {
                                             "POINT (nan 1)",
                                             "POINT (1e400 0)",
                                             "GEOMETRYCOLLECTION (((((((((((((((((((((((((((((((((("
-                                            "POINT (0 0))))))))))))))))))))))))))))))))))))"};
-        return kUnreadable[pick(7)];
+                                            "POINT (0 0))))))))))))))))))))))))))))))))))))",
+                                            "POLYGON ()",
+                                            "POLYGON ((0 0, 1 0, 0 0))",
+                                            "POLYGON ((0 0, 1 0, 1 1, 0 1))",
+                                            "POINT (1 2"};
+        return kUnreadable[pick(11)];
       }
       case 2:
         return "MULTIPOLYGON (" + polygon(size) + ", " + polygon(size) + ")";
@@ -196,22 +214,45 @@ class Generator {
   }
 
   struct Drawn {
+    std::int64_t id;
     std::optional<std::string> type;
     std::optional<std::string> location;
     float radius;
   };
+  Drawn fence(std::int64_t id) {
+    Drawn drawn{id, std::nullopt, std::nullopt, radius()};
+    drawn.type = chance(0.05) ? std::nullopt : std::optional<std::string>(kTypes[pick(5)]);
+    drawn.location = location(drawn.type.value_or(""));
+    return drawn;
+  }
+
   std::vector<Drawn> catalogue() {
     newRegion();
     std::vector<Drawn> drawn;
     const int count = chance(0.05) ? 300 : 1 + pick(24);
-    static const char* kTypes[] = {"point", "beacon", "polygon", "zone", "Point"};
-    for (int i = 0; i < count; ++i) {
-      Drawn fence;
-      fence.type = chance(0.05) ? std::nullopt : std::optional<std::string>(kTypes[pick(5)]);
-      fence.location = location(fence.type.value_or(""));
-      fence.radius = radius();
-      drawn.push_back(std::move(fence));
+    for (int i = 0; i < count; ++i)
+      drawn.push_back(fence(i));
+    return drawn;
+  }
+
+  // The next answer in the same region, as after moving on a little: most fences again as they
+  // were, some with a new text or type, some gone, some new, in another order.
+  std::vector<Drawn> successor(const std::vector<Drawn>& before) {
+    std::vector<Drawn> drawn;
+    std::int64_t next = 0;
+    for (const auto& old : before) {
+      next = std::max(next, old.id + 1);
+      if (chance(0.1))
+        continue;
+      drawn.push_back(old);
+      if (chance(0.1))
+        drawn.back().location = location(drawn.back().type.value_or(""));
+      else if (chance(0.05))
+        drawn.back().type = kTypes[pick(5)];
     }
+    for (int added = pick(4); added > 0; --added)
+      drawn.push_back(fence(next++));
+    std::shuffle(drawn.begin(), drawn.end(), random_);
     return drawn;
   }
 
@@ -228,6 +269,7 @@ class Generator {
   }
 
  private:
+  static constexpr const char* kTypes[] = {"point", "beacon", "polygon", "zone", "Point"};
   std::mt19937_64 random_;
   double centreLon_ = 0;
   double centreLat_ = 0;
@@ -238,7 +280,7 @@ FenceList makeList(const std::vector<Generator::Drawn>& drawn) {
   FenceList list;
   for (std::size_t i = 0; i < drawn.size(); ++i) {
     auto fence = std::make_shared<ZonarisFence>();
-    fence->setId(static_cast<std::int64_t>(i));
+    fence->setId(drawn[i].id);
     fence->setName("F" + std::to_string(i));
     fence->setType(drawn[i].type);
     fence->setLocation(drawn[i].location);
@@ -259,12 +301,26 @@ TEST(FenceCacheTest, CachedWalkDecidesExactlyAsMeasuringEveryFence) {
   Generator generate(20260310);
   int passes = 0;
   int skipped = 0;  // fences the cache did not measure: the comparison must cover skipping
+  std::size_t carried = 0;
+  std::vector<Generator::Drawn> drawn;
+  std::shared_ptr<const fences::FenceCache> previous;
   for (int c = 0; c < kCatalogues; ++c) {
-    const auto drawn = generate.catalogue();
+    const bool follows = c > 0 && generate.chance(0.5);
+    std::set<std::pair<std::int64_t, std::optional<std::string>>> before;
+    for (const auto& fence : drawn)
+      before.emplace(fence.id, fence.location);
+    drawn = follows ? generate.successor(drawn) : generate.catalogue();
     FenceList reference = makeList(drawn);
     FenceList cached = makeList(drawn);
-    const auto cache = fences::FenceCache::build(cached);
+    const auto cache = fences::FenceCache::build(cached, follows ? previous.get() : nullptr);
     ASSERT_NE(cache, nullptr);
+    // Exactly the fences with an id and a text seen before are carried, whatever their type.
+    const auto same = std::count_if(drawn.begin(), drawn.end(), [&](const auto& fence) {
+      return follows && before.count({fence.id, fence.location}) > 0;
+    });
+    ASSERT_EQ(cache->carried(), static_cast<std::size_t>(same)) << "catalogue " << c;
+    carried += cache->carried();
+    previous = cache;
     for (int p = 0; p < kPassesPerCatalogue; ++p, ++passes) {
       if (generate.chance(0.01)) {
         // A fence changed after the cache read it: measured from its new text.
@@ -307,10 +363,13 @@ TEST(FenceCacheTest, CachedWalkDecidesExactlyAsMeasuringEveryFence) {
   }
   EXPECT_GE(passes, kCatalogues * kPassesPerCatalogue);
   EXPECT_GT(skipped, passes);  // on average more than one fence per pass was never measured
+  EXPECT_GT(carried, static_cast<std::size_t>(kCatalogues));
 }
 
-// Overlapping passes share one cache (its geometries, its flag summary) while another thread
-// flips flags, as confirmations do; ThreadSanitizer and AddressSanitizer watch the sharing.
+// Overlapping passes share one cache (its geometries, its flag summary), and the next
+// catalogue's cache shares its readings, while another thread flips flags, as confirmations
+// do; the first cache is dropped while passes still walk the second. ThreadSanitizer and
+// AddressSanitizer watch the sharing.
 TEST(FenceCacheTest, OverlappingPassesShareTheCache) {
   Generator generate(99);
   std::vector<Generator::Drawn> drawn;
@@ -319,7 +378,10 @@ TEST(FenceCacheTest, OverlappingPassesShareTheCache) {
     drawn.insert(drawn.end(), more.begin(), more.end());
   }
   const FenceList list = makeList(drawn);
-  const auto cache = fences::FenceCache::build(list);
+  auto cache = fences::FenceCache::build(list);
+  const FenceList nextList = makeList(drawn);
+  const auto next = fences::FenceCache::build(nextList, cache.get());
+  ASSERT_EQ(next->carried(), drawn.size());
   std::vector<std::string> points;
   for (int i = 0; i < 50; ++i) {
     const auto [lon, lat] = generate.device();
@@ -336,13 +398,18 @@ TEST(FenceCacheTest, OverlappingPassesShareTheCache) {
     passes.emplace_back([&, t] {
       for (std::size_t i = static_cast<std::size_t>(t); i < points.size(); i += 3) {
         RecordingHost host;
-        fences::evaluateFences(list, cache.get(), points[i], host);
+        if (t == 0)
+          fences::evaluateFences(list, cache.get(), points[i], host);
+        else
+          fences::evaluateFences(nextList, next.get(), points[i], host);
         walked.fetch_add(1);
       }
     });
   }
-  for (auto& pass : passes)
-    pass.join();
+  passes[0].join();
+  cache.reset();  // the readings live on in the next cache
+  for (std::size_t t = 1; t < passes.size(); ++t)
+    passes[t].join();
   stop = true;
   confirmations.join();
   EXPECT_EQ(walked.load(), 50);

@@ -295,7 +295,9 @@ const std::array<int, 4> kHours[] = {{9, 17, 9, 0},  {9, 17, 10, 1}, {9, 17, 16,
 INSTANTIATE_TEST_SUITE_P(Hours, SilenceWindow, ::testing::ValuesIn(kHours));
 
 // The libcurl adapter alone: what arrives comes back as is; no complete answer (too slow, over
-// the body cap, cancelled, no server) is a transport error with status 0 and no body.
+// the body cap, cancelled, no server) is a transport error with status 0 and no body. A request
+// that accepts compression says so, gets the body decoded and learns its size on the wire; one
+// that does not sends no Accept-Encoding.
 TEST(CurlHttpClient, ReturnsWhatArrivesAndStatusZeroWithoutACompleteAnswer) {
   RecordingServer server;
   server.respond("GET", "/a", {500, std::string(1024, 'a')});
@@ -325,6 +327,20 @@ TEST(CurlHttpClient, ReturnsWhatArrivesAndStatusZeroWithoutACompleteAnswer) {
   canceller.join();
   EXPECT_EQ(get("/a", cancellable), none);
   EXPECT_EQ(server.requests("GET", "/a").size(), 2u);
+  server.respond("GET", "/big", {200, std::string(100000, 'x')});  // JSON: the server gzips it
+  platform::HttpRequest plain{"GET", server.baseUrl() + "/big", {}, {}};
+  platform::HttpRequest compressed = plain;
+  compressed.acceptCompressed = true;
+  const auto asIs = platform::makeCurlHttpClient()->send(plain);
+  const auto gzipped = platform::makeCurlHttpClient()->send(compressed);
+  EXPECT_EQ(gzipped.body, asIs.body);
+  EXPECT_EQ(asIs.wireBodyBytes, 100000u);
+  EXPECT_GT(gzipped.wireBodyBytes, 0u);
+  EXPECT_LT(gzipped.wireBodyBytes, 1000u);
+  const auto sent = server.requests("GET", "/big");
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_FALSE(sent[0].hasHeader("Accept-Encoding"));
+  EXPECT_EQ(sent[1].header("Accept-Encoding"), "gzip");
   server.stop();
   EXPECT_EQ(get("/a", fits), none);
 }

@@ -127,7 +127,7 @@ TEST(SimContract, JsonLinesArgumentShapesAndRequestsAgainstAScriptedService) {
       R"x(action(Basic|Data)Callback|updated(Avg)?Speed|updatedInterval|updatedGPSAccuracy)",)x"
       R"x("args":\[.*\])\}$)x");
   for (const bool devMode : {false, true}) {
-    SCOPED_TRACE(devMode ? "--dev-mode" : "no --dev-mode");
+    SCOPED_TRACE(devMode ? "--dev-mode --compress" : "neither");
     // A kiosk where the walk starts; the service confirms an entry with a message at once.
     RecordingServer server;
     server.respond("POST", "/install", {201, R"({"id": 7})"});
@@ -142,7 +142,7 @@ TEST(SimContract, JsonLinesArgumentShapesAndRequestsAgainstAScriptedService) {
     const Outcome run =
         sim("--trace @walk --service @url --start 2026-05-04T09:15:00 --until 90 --app-key k-42 "
             "--tags {\"tier\":\"gold\"}" +
-                std::string(devMode ? " --dev-mode" : ""),
+                std::string(devMode ? " --dev-mode --compress" : ""),
             scratch,
             {{"@walk",
               scratch.file("walk.csv", "t,lat,lon,accuracy\n0,48.1,11.5,8\n120,48.1,11.5,8\n")},
@@ -189,8 +189,13 @@ TEST(SimContract, JsonLinesArgumentShapesAndRequestsAgainstAScriptedService) {
     EXPECT_EQ(observation.value("data", json()), json({{"tier", "gold"}}));
     EXPECT_EQ(observation.value("install", json()), json(7));
     const std::string counted = "observation " + std::to_string(observations.size());
-    for (const char* part : {"registration 1,", counted.c_str(), "1 entry", "2 delivered"})
+    for (const char* part :
+         {"registration 1,", counted.c_str(), "1 entry", "2 delivered", "received: "})
       EXPECT_NE(run.err.find(part), std::string::npos) << run.err;
+    // Only --compress asks for a compressed catalogue.
+    const auto queries = server.requests("GET", "/install/location");
+    ASSERT_FALSE(queries.empty());
+    EXPECT_EQ(queries[0].header("Accept-Encoding"), devMode ? "gzip" : "");
   }
 }
 

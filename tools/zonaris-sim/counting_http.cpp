@@ -65,6 +65,10 @@ platform::HttpResponse CountingHttpClient::send(const platform::HttpRequest& req
   ++count.sent;
   if (!ok)
     ++count.failed;
+  // The libcurl client reports the size before decoding (CURLINFO_SIZE_DOWNLOAD_T); a client
+  // that does not is taken to have received the body as it stands.
+  count.receivedBytes +=
+      response.wireBodyBytes != 0 ? response.wireBodyBytes : response.body.size();
   if (exchange == Exchange::FenceQuery && ok)
     freshCatalogue_ = true;
   if (exchange == Exchange::Observation && ok) {

@@ -23,14 +23,17 @@ Exchange classify(const platform::HttpRequest& request, const std::string& baseU
 /// "registration", "fence query", "observation", "error report", "other".
 const char* exchangeName(Exchange exchange);
 
-/// Passes every request on to another client and counts them by exchange: how many were sent
-/// and how many did not get a 2xx answer. It also reads the answers to observations: which
-/// events they confirm (by fence id) and how many confirm nothing.
+/// Passes every request on to another client and counts them by exchange: how many were sent,
+/// how many did not get a 2xx answer, and the bytes of the answers' bodies as they arrived on
+/// the wire (compressed when they were; the inner client says, see `wireBodyBytes`). It also reads
+/// the answers to observations: which events they confirm (by fence id) and how many confirm
+/// nothing.
 class CountingHttpClient final : public platform::HttpClient {
  public:
   struct Count {
     std::uint64_t sent = 0;
     std::uint64_t failed = 0;
+    std::uint64_t receivedBytes = 0;
   };
 
   CountingHttpClient(std::shared_ptr<platform::HttpClient> inner, std::string baseUrl);

@@ -123,6 +123,7 @@ void printSummary(const Options& o, const Inputs& in, const JsonLinesWriter& wri
 
   std::string requests;
   std::uint64_t failed = 0;
+  std::uint64_t received = 0;
   const auto counts = http.counts();
   for (std::size_t i = 0; i < kExchangeCount; ++i) {
     if (i == static_cast<std::size_t>(Exchange::Other) && counts[i].sent == 0)
@@ -130,6 +131,7 @@ void printSummary(const Options& o, const Inputs& in, const JsonLinesWriter& wri
     requests += fmt::format("{}{} {}", requests.empty() ? "" : ", ",
                             exchangeName(static_cast<Exchange>(i)), counts[i].sent);
     failed += counts[i].failed;
+    received += counts[i].receivedBytes;
   }
   const auto entries = count("eventEnterCallback");
   const auto exits = count("eventExitCallback");
@@ -146,6 +148,9 @@ void printSummary(const Options& o, const Inputs& in, const JsonLinesWriter& wri
         fmt::format("  fixes:    {} taken by the client ({} delivered by the location service)\n",
                     location->fixesTaken(), location->fixesDelivered());
   text += fmt::format("  requests: {} ({} without a 2xx answer)\n", requests, failed);
+  text += fmt::format("  received: {} bytes of answers ({} of fence catalogues){}\n", received,
+                      counts[static_cast<std::size_t>(Exchange::FenceQuery)].receivedBytes,
+                      o.compress ? ", compression accepted" : "");
   text += fmt::format("  events:   {} confirmed ({} entry, {} exit, {} dwell)\n",
                       entries + exits + dwells, entries, exits, dwells);
   text +=

@@ -126,6 +126,9 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
                  "fixes, see the README)")
       ->capture_default_str()
       ->check(CLI::IsMember({"design", "efficient"}));
+  app.add_flag("--compress", o.compress,
+               "accept the fence catalogue gzip-compressed (Zonaris::setCompression); the "
+               "summary counts the bytes as they arrived");
   service_tool::addConfirmOptions(app, o.confirm, o.robust);
   auto* scoreOpt = app.add_option(
       "--score", score, "write the ground-truth score of the run to FILE (JSON; needs --fences)");

@@ -39,6 +39,7 @@ struct Options {
   sim::NetworkModel network;         ///< --latency (also --device), --outage, --outage-kind
   std::optional<std::string> score;  ///< --score FILE
   SamplingPolicy sampling = SamplingPolicy::Design;  ///< --sampling design|efficient
+  bool compress = false;                             ///< --compress: gzip catalogues
   /// The embedded service's confirmation rules: --confirm and its parameters.
   service_tool::ConfirmRule confirm = service_tool::ConfirmRule::Robust;
   service_tool::RobustParams robust;

@@ -156,6 +156,7 @@ std::optional<RunError> SimRun::start(std::shared_ptr<ZonarisDelegate> delegate,
     client_->setUUID(*inputs_.uuid);
   client_->setDevMode(options_.devMode);
   client_->setSamplingPolicy(options_.sampling);
+  client_->setCompression(options_.compress);
   if (inputs_.tags)
     client_->setTags(inputs_.tags);
   if (options_.silence)

@@ -2,6 +2,7 @@
 
 #include "zonaris/export.h"
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,6 +14,9 @@ struct ZONARIS_API HttpRequest {
   std::string url;     ///< absolute URL
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
+  /// Accept a gzip-compressed answer: the client sends "Accept-Encoding: gzip" and hands back
+  /// the body decoded. Off, the default, sends no such header and takes the body as it comes.
+  bool acceptCompressed = false;
 };
 
 struct ZONARIS_API HttpResponse {
@@ -24,6 +28,9 @@ struct ZONARIS_API HttpResponse {
   std::string body;
   /// Human-readable cause of a transport error, for logs and tests; empty otherwise.
   std::string errorMessage;
+  /// The body's size as it arrived on the wire, before any decoding (so compressed when the
+  /// answer was). 0 when the client does not know; `body.size()` then stands for it.
+  std::uint64_t wireBodyBytes = 0;
 };
 
 /// The synchronous send. `send` blocks the calling thread until the answer or a transport
