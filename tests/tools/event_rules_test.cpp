@@ -72,11 +72,15 @@ INSTANTIATE_TEST_SUITE_P(
         // Walking out: the first fix beyond the margin makes it pending, the next confirms.
         Transcript{"ARealExit", false,
                    entered({{15, 6, 18, ""}, {30, 24, 18, ""}, {45, 44, 18, "exit"}})},
+        // Stopping 25 to 35 m out with 40 m accuracy (the shop next door): short of the exit
+        // margin but past the near one, three in a row confirm.
+        Transcript{"AShopNextDoor", false,
+                   entered({{15, 25, 40, ""}, {30, 35, 40, ""}, {45, 35, 40, "exit"}})},
         // A desk at the wall with 25 m noise (39 m accuracy): after two fixes outside were
         // given up, three in a row beyond the disc are still noise; the fourth confirms.
         Transcript{"AnUnsettledEdgeNeedsFour", false,
                    entered({{32, 10, 39, ""},
-                            {64, 20, 39, ""},
+                            {64, 15, 39, ""},
                             {96, 45, 39, ""},
                             {128, 50, 39, ""},
                             {160, 48, 39, ""},

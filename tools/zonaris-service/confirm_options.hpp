@@ -65,6 +65,16 @@ inline void addConfirmOptions(CLI::App& app, ConfirmRule& rule, RobustParams& pa
                  "unsettled window")
       ->capture_default_str()
       ->check(CLI::Range(1, 100));
+  app.add_option("--confirm-near-margin", params.nearMargin,
+                 "robust: metres outside the boundary (at most the accuracy radius) from which an "
+                 "observation short of the exit margin still counts, away from an unsettled edge")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 100000.0));
+  app.add_option("--confirm-near-observations", params.nearObservations,
+                 "robust: consecutive observations outside that confirm an exit which counted "
+                 "one short of the exit margin")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 100));
   app.add_option("--confirm-beacon-misses", params.beaconMisses,
                  "robust: consecutive observations without a beacon that confirm its exit")
       ->capture_default_str()

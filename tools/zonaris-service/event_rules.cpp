@@ -57,6 +57,13 @@ void dropPending(FenceState& state, const RobustParams& params) {
   clearPending(state);
 }
 
+// Two or more observations outside were given up, the last within the unsettled window before
+// `sinceMs`: the device sits where noise throws its fixes across this boundary.
+bool unsettledEdge(const FenceState& state, std::int64_t sinceMs, const RobustParams& params) {
+  return state.unsettledCount >= 2 &&
+         sinceMs - state.unsettledMs <= static_cast<std::int64_t>(params.unsettledWindow * 1000);
+}
+
 }  // namespace
 
 std::optional<double> boundaryDistance(const Fence& fence, double latitude, double longitude) {
@@ -176,10 +183,16 @@ std::vector<std::string> advanceRobust(FenceState& state, const FenceSighting& s
     // outlier thrown hundreds of metres off.
     confirmed = sighting.inside && past >= fix.accuracy;
   }
-  // A confirming observation lies past the boundary by its accuracy radius, up to the margin.
+  // A confirming observation lies past the boundary by its accuracy radius, up to the margin;
+  // where the edge is settled, an exit observation past the near margin counts as well.
   const double margin =
       std::min(fix.accuracy, sighting.inside ? params.entryMargin : params.exitMargin);
-  if (!confirmed && !sighting.beacon && past < margin) {
+  const bool unsettled =
+      !sighting.beacon && !sighting.inside &&
+      unsettledEdge(state, state.pendingCount != 0 ? state.pendingSinceMs : fix.atMs, params);
+  const bool near = !sighting.beacon && !sighting.inside && !unsettled &&
+                    past >= std::min(fix.accuracy, params.nearMargin);
+  if (!confirmed && !sighting.beacon && past < margin && !near) {
     // Too close to the boundary to count: noise does that, and after an outlier one noisy
     // observation must not complete the pair.
     dropPending(state, params);
@@ -201,15 +214,16 @@ std::vector<std::string> advanceRobust(FenceState& state, const FenceSighting& s
       state.pendingCount = 0;
     }
     state.pendingLastMs = fix.atMs;
-    state.pendingPast = past;
+    state.pendingPast = state.pendingCount == 0 ? past : std::min(state.pendingPast, past);
     ++state.pendingCount;
     int needed = sighting.beacon ? params.beaconMisses : params.observations;
     // A device that noise keeps throwing across this boundary needs more observations to
     // leave: two fixes in a row beyond their accuracy radius are then no longer rare.
-    if (!sighting.beacon && !sighting.inside && state.unsettledCount >= 2 &&
-        state.pendingSinceMs - state.unsettledMs <=
-            static_cast<std::int64_t>(params.unsettledWindow * 1000))
+    if (unsettled)
       needed = std::max(needed, params.unsettledObservations);
+    // An exit that counted an observation short of the exit margin needs more of them.
+    if (!sighting.beacon && !sighting.inside && state.pendingPast < margin)
+      needed = std::max(needed, params.nearObservations);
     confirmed =
         state.pendingCount >= std::max(needed, 1) &&
         fix.atMs - state.pendingSinceMs >= static_cast<std::int64_t>(params.confirmAfter * 1000);

@@ -27,7 +27,7 @@ struct FenceState {
   std::int64_t pendingSinceMs = 0;
   std::int64_t pendingLastMs = 0;
   int pendingCount = 0;      ///< observations of the pending crossing so far
-  double pendingPast = 0.0;  ///< metres past the boundary of its latest observation
+  double pendingPast = 0.0;  ///< metres past the boundary of its nearest observation
   /// Robust rules only: the latest observation on the other side that confirmed nothing and
   /// was then given up (too close to the boundary, or its crossing dropped), 0 for none.
   std::int64_t unsettledMs = 0;
@@ -87,6 +87,11 @@ struct RobustParams {
   /// throws its fixes across the boundary.
   double unsettledWindow = 900.0;
   int unsettledObservations = 4;
+  /// An exit observation short of `exitMargin` but this far out (at most its accuracy radius)
+  /// still counts where the edge is settled; an exit that has one needs `nearObservations` in a
+  /// row. A device that stops a little way out (a shop next door) is then seen to leave.
+  double nearMargin = 20.0;
+  int nearObservations = 3;
 };
 
 /// What the service remembers of one install's observations for the robust rules.
