@@ -337,6 +337,10 @@ std::int32_t EfficientPolicy::spacing(const PassFacts& facts) {
         ++doubtfulRests_;
         return kDoubtfulRest;
       }
+      // So may a young stop whose fixes fell just outside a wall and sent nothing.
+      if (still_ && stillFor_ < kSettledAfter &&
+          facts.clearance < std::min(facts.accuracy, kStillFloor))
+        return kDoubtfulRest;
       return kRestInterval;
     }
     if (*motion_ == platform::Motion::Stationary && !movedSinceReport_)

@@ -29,7 +29,8 @@
 //   a noisy fix near a wall). At rest under motion, while that observation stays unconfirmed
 //   and the fix's accuracy disc holds a boundary, the rest is short (`kDoubtfulRest`) for a
 //   few rests: the quick passes may all have fallen on the old side of a wall the device
-//   stands just across;
+//   stands just across. So is the rest of a stop younger than `kSettledAfter` whose fix lies
+//   within 20 m of a boundary, observation or not;
 // - the next dwell deadline: the sample comes right after the tick that fires a window, never
 //   later.
 // A fix that is already old when it arrives (a location service's cached first fix) says little

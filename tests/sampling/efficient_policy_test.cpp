@@ -213,6 +213,8 @@ TEST(EfficientPolicy, StopsTellNoiseFromMovement) {
       {"UndecidedAtRestTooLong", 10, 5, 65, true, 3, 8, kRestInterval, kRestInterval, true, 60,
        4 + kDoubtfulRests},
       {"ClearOfTheWallAtRest", 10, 5, 65, true, 80, 80, kRestInterval, kRestInterval, true, 60, 4},
+      // A young stop at rest whose fixes fell just outside the wall and sent nothing.
+      {"YoungStopAtTheWallAtRest", 10, 5, 65, false, 5, 5, kDoubtfulRest, kDoubtfulRest, true, 5},
       // A stop of 100 s just outside a wall may be a visit that started across it: sampled as
       // soon as the distance says; 30 m from the wall, a walker's time to it and the minute apply.
       {"YoungStopAtTheWall", 10, 5, 65, false, 5, 5, 0, 5, false, 5},
