@@ -269,9 +269,12 @@ bool EfficientPolicy::motion(const platform::MotionTransition& transition) {
 
 void EfficientPolicy::observed(bool confirmed) {
   std::lock_guard lock(mutex_);
-  if (confirmed)
+  if (confirmed) {
     doubt_ = 0;
+    doubtfulRests_ = 0;
+  }
   unconfirmed_ = !confirmed;
+  pending_ = !confirmed;
 }
 
 std::optional<std::pair<double, double>> EfficientPolicy::centre() const {
@@ -305,6 +308,10 @@ std::int32_t EfficientPolicy::spacing(const PassFacts& facts) {
   // short of where it stopped.
   const bool resting =
       motion_ == platform::Motion::Stationary && !movedSinceReport_ && lastFixAt_ >= motionAt_;
+  if (!(facts.clearance < facts.accuracy)) {
+    pending_ = false;
+    doubtfulRests_ = 0;
+  }
   if (std::exchange(unconfirmed_, false)) {
     // Without motion, a fix whose accuracy disc holds the boundary, within the scatter of a stop
     // that has lasted a while (and within 20 m), is the noise of a fix near a wall; a real
@@ -323,14 +330,28 @@ std::int32_t EfficientPolicy::spacing(const PassFacts& facts) {
   if (facts.ranging)
     return byDistance;
   if (motion_) {
-    if (resting)
+    if (resting) {
+      // Quick passes that ended on the old side, with a fix whose disc holds the boundary,
+      // leave the crossing undecided: the device may stand just across the wall.
+      if (pending_ && facts.clearance < facts.accuracy && doubtfulRests_ < kDoubtfulRests) {
+        ++doubtfulRests_;
+        return kDoubtfulRest;
+      }
+      // So may a young stop whose fixes fell just outside a wall and sent nothing.
+      if (still_ && stillFor_ < kSettledAfter &&
+          facts.clearance < std::min(facts.accuracy, kStillFloor))
+        return kDoubtfulRest;
       return kRestInterval;
+    }
     if (*motion_ == platform::Motion::Stationary && !movedSinceReport_)
       return std::min(byDistance, kMinInterval);
     return byDistance;
   }
   const double still = still_ ? stillFor_ : 0.0;
-  if (still < kStillAfter)
+  // A young stop whose fix lies just outside a wall may be a visit that began across it, with
+  // its fixes falling on the old side: it is sampled by distance, as a moving device is.
+  if (still < kStillAfter ||
+      (still < kSettledAfter && facts.clearance < std::min(facts.accuracy, kStillFloor)))
     return byDistance;
   // A walker leaving the accuracy disc now reaches the nearest boundary no sooner than this;
   // a visit there lasts a while, so the sample may come up to `kVisitSlack` later.

@@ -18,13 +18,19 @@
 //   (`kVisitSlack`), so that a visit of 2 minutes nearby is never missed. A fix within the
 //   stop's own scatter is measured from the stop's centre instead, whose error is far smaller
 //   than one fix's accuracy. One fix far away followed by one back at the stop is an outlier:
-//   the stop goes on, and the catalogue is not dropped for it. Deliveries of the idle
+//   the stop goes on, and the catalogue is not dropped for it. A stop younger than
+//   `kSettledAfter` whose fix lies within 20 m of a boundary keeps the interval the
+//   distance gives: the visit may have begun just across the wall. Deliveries of the idle
 //   setting (`kWakeFilter`) may wake the client sooner when they say the device moved, but nothing
 //   depends on them: a receiver that is switched off between samples delivers none;
 // - an observation the service did not confirm: the service's rules may wait for a second
 //   observation on the same side, so the next samples follow soon (`kRetryAfter`), unless the
 //   device has stood still for a while and the fix lies within the stop's scatter (then it is
-//   a noisy fix near a wall);
+//   a noisy fix near a wall). At rest under motion, while that observation stays unconfirmed
+//   and the fix's accuracy disc holds a boundary, the rest is short (`kDoubtfulRest`) for a
+//   few rests: the quick passes may all have fallen on the old side of a wall the device
+//   stands just across. So is the rest of a stop younger than `kSettledAfter` whose fix lies
+//   within 20 m of a boundary, observation or not;
 // - the next dwell deadline: the sample comes right after the tick that fires a window, never
 //   later.
 // A fix that is already old when it arrives (a location service's cached first fix) says little
@@ -81,6 +87,12 @@ inline constexpr double kSettledAfter = 120.0;
 inline constexpr int kQuickPasses = 8;
 /// The longest interval, which is also the motion-gated rest of a stationary device (seconds).
 inline constexpr std::int32_t kRestInterval = 600;
+/// While an observation is still unconfirmed and the fix's accuracy disc holds a boundary, a
+/// device at rest may have stopped just across the wall: its rest is this short (seconds), for
+/// at most `kDoubtfulRests` rests, so that a later fix on the new side can still confirm the
+/// crossing well before a whole rest has passed.
+inline constexpr std::int32_t kDoubtfulRest = 30;
+inline constexpr int kDoubtfulRests = 6;
 
 /// The distance from (lon, lat) to the nearest fence boundary, in metres: outside a fence its
 /// distance as a pass adjusts it, inside a "point" or "beacon" fence its depth, inside any other
@@ -178,9 +190,12 @@ class EfficientPolicy {
   // Quick passes still to come after an unconfirmed observation, and quick passes in a row.
   int doubt_ = 0;
   int quick_ = 0;
-  bool unconfirmed_ = false;
-  double lastAway_ = 0.0;  // metres from the last fix to the stop's centre before it  // the pass
-                           // now running had an observation the service withheld
+  bool unconfirmed_ = false;  // the pass now running had an observation the service withheld
+  // The last observation got no confirmation, and no pass since was clear of every boundary;
+  // the short rests taken for it so far.
+  bool pending_ = false;
+  int doubtfulRests_ = 0;
+  double lastAway_ = 0.0;  // metres from the last fix to the stop's centre before it
   std::atomic<std::uint64_t> accepted_{0};
 };
 

@@ -169,18 +169,19 @@ TEST(DwellDeadlines, EveryFiredWindowIsReportedInTime) {
   }
 }
 
-// The policy's reading of a stop on its own: what noise, a break, an outlier and a cached fix
-// do to the next interval. A stop of 20 fixes a minute apart, exact or scattered by about 14 m
-// (the realistic device's noise), then one more fix.
+// The policy's reading of a stop on its own: what noise, a break, an outlier, a cached fix and
+// a crossing the service left undecided do to the next interval. A stop of 20 fixes a minute
+// (or 5 s) apart, exact or scattered by about 14 m (the realistic device's noise), then one
+// more fix, and as many passes again at that fix as the row says.
 TEST(EfficientPolicy, StopsTellNoiseFromMovement) {
   using sampling::EfficientPolicy;
   constexpr double kMetre = 1.0 / 111319.49;  // degrees on the equator
-  const auto at = [&](double east, double north, double accuracy, int minute) {
+  const auto at = [&](double east, double north, double accuracy, int index, int step = 60) {
     platform::Location fix;
     fix.longitude = east * kMetre;
     fix.latitude = north * kMetre;
     fix.horizontalAccuracy = accuracy;
-    fix.timestamp = platform::TimePoint{} + std::chrono::minutes(minute);
+    fix.timestamp = platform::TimePoint{} + std::chrono::seconds(index * step);
     return fix;
   };
   struct Row {
@@ -189,8 +190,14 @@ TEST(EfficientPolicy, StopsTellNoiseFromMovement) {
     double east, accuracy;     // the last fix
     bool unconfirmed;          // its observation got no confirmation
     double clearance, centre;  // metres to the nearest boundary from the fix and the centre
-    std::int32_t least, most;  // the interval allowed
+    std::int32_t least, most;  // the interval allowed after the last pass
+    bool stationary = false;   // the motion sensor reported the device at rest before the stop
+    int step = 60;             // seconds between the stop's fixes
+    int passes = 0;            // passes at the last fix after its own
   };
+  using sampling::kDoubtfulRest;
+  using sampling::kDoubtfulRests;
+  using sampling::kRestInterval;
   const Row rows[] = {
       // 25 m from the centre, within the scatter: a noisy fix near a wall, no quick passes.
       {"NoiseNearAWall", 10, 25, 18, true, 5, 8, 60, 70},
@@ -200,21 +207,39 @@ TEST(EfficientPolicy, StopsTellNoiseFromMovement) {
       // the centre, a walker needs 23 s more than the minute.
       {"CachedFixAtTheCentre", 10, 10, 65, false, 40, 40, 80, 90},
       {"CachedFixBeyondTheScatter", 10, 60, 65, false, 40, 40, 0, 60},
+      // At rest, the quick passes after an unconfirmed entry all fell just outside the wall: the
+      // rest stays short for a few rests, then is whole again.
+      {"UndecidedAtRest", 10, 5, 65, true, 3, 8, kDoubtfulRest, kDoubtfulRest, true, 60, 4},
+      {"UndecidedAtRestTooLong", 10, 5, 65, true, 3, 8, kRestInterval, kRestInterval, true, 60,
+       4 + kDoubtfulRests},
+      {"ClearOfTheWallAtRest", 10, 5, 65, true, 80, 80, kRestInterval, kRestInterval, true, 60, 4},
+      // A young stop at rest whose fixes fell just outside the wall and sent nothing.
+      {"YoungStopAtTheWallAtRest", 10, 5, 65, false, 5, 5, kDoubtfulRest, kDoubtfulRest, true, 5},
+      // A stop of 100 s just outside a wall may be a visit that started across it: sampled as
+      // soon as the distance says; 30 m from the wall, a walker's time to it and the minute apply.
+      {"YoungStopAtTheWall", 10, 5, 65, false, 5, 5, 0, 5, false, 5},
+      {"YoungStopNearTheWall", 10, 5, 65, false, 30, 30, 60, 100, false, 5},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
     EfficientPolicy policy;
+    if (r.stationary)
+      policy.motion({platform::Motion::Stationary, platform::TimePoint{}});
     for (int i = 0; i < 20; ++i) {
       const double sign = i % 2 == 0 ? 1.0 : -1.0;
-      policy.acceptFix(at(sign * r.scatter, (i % 4 < 2 ? 1.0 : -1.0) * r.scatter, 18, i));
+      policy.acceptFix(at(sign * r.scatter, (i % 4 < 2 ? 1.0 : -1.0) * r.scatter, 18, i, r.step));
     }
-    policy.acceptFix(at(r.east, 0, r.accuracy, 20));
-    policy.observed(!r.unconfirmed);
     sampling::PassFacts facts;
     facts.clearance = r.clearance;
     facts.centreClearance = r.centre;
     facts.accuracy = r.accuracy;
-    const std::int32_t spacing = policy.spacing(facts);
+    std::int32_t spacing = 0;
+    for (int pass = 0; pass <= r.passes; ++pass) {
+      policy.acceptFix(at(r.east, 0, r.accuracy, 20 + pass, r.step));
+      if (pass == 0)
+        policy.observed(!r.unconfirmed);
+      spacing = policy.spacing(facts);
+    }
     EXPECT_GE(spacing, r.least);
     EXPECT_LE(spacing, r.most);
   }
