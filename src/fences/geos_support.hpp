@@ -49,10 +49,15 @@ struct Release {
   void operator()(GEOSGeometry* geometry) const { GEOSGeom_destroy_r(context, geometry); }
   void operator()(GEOSCoordSequence* sequence) const { GEOSCoordSeq_destroy_r(context, sequence); }
   void operator()(GEOSWKTReader* reader) const { GEOSWKTReader_destroy_r(context, reader); }
+  void operator()(GEOSGeoJSONWriter* writer) const { GEOSGeoJSONWriter_destroy_r(context, writer); }
+  /// Text that GEOS allocated (a writer's output) goes back through GEOS's own allocator.
+  void operator()(char* text) const { GEOSFree_r(context, text); }
 };
 using GeomPtr = std::unique_ptr<GEOSGeometry, Release>;
 using CoordSeqPtr = std::unique_ptr<GEOSCoordSequence, Release>;
 using ReaderPtr = std::unique_ptr<GEOSWKTReader, Release>;
+using GeoJsonWriterPtr = std::unique_ptr<GEOSGeoJSONWriter, Release>;
+using TextPtr = std::unique_ptr<char, Release>;
 
 /// The calling thread's context, its messages cleared, and a new WKT reader on it: where every
 /// reading of fence and device text starts. A null reader when GEOS could make neither

@@ -9,10 +9,10 @@
 
 namespace zonaris::report_tool {
 
-/// A fence's WKT as a GeoJSON geometry, through GEOS's GeoJSON writer (reentrant API, a context
-/// of its own per call, every handle released). Coordinates are rounded to 7 decimals (about
-/// 1 cm). Nothing for text GEOS cannot read, or text the client would not read either
-/// (enormous or too deeply nested).
+/// A fence's WKT as a GeoJSON geometry, through GEOS's GeoJSON writer (reentrant API, the
+/// calling thread's context, every handle released). Coordinates are rounded to 7 decimals
+/// (about 1 cm). Nothing for text the client would not read as a fence (unreadable, enormous,
+/// too deeply nested, empty or with non-finite coordinates).
 std::optional<nlohmann::json> geoJsonOfWkt(const std::string& wkt);
 
 /// A track of {latitude, longitude} points simplified for drawing: the fewest points that stay
