@@ -73,33 +73,13 @@ bool CallbackDelegate::line(LineSlot slot, std::string_view text) const {
 
 bool CallbackDelegate::respondsTo(ZonarisCallback callback) const {
   const auto& c = callbacks_;
+  // Every operation has the pointer of the same name; the list leaves none out, since a switch
+  // on the enum without a default warns of any value it misses.
   switch (callback) {
-    case ZonarisCallback::updatedInitLocation:
-      return c.updatedInitLocation != nullptr;
-    case ZonarisCallback::updatedDistanceToNearestFence:
-      return c.updatedDistanceToNearestFence != nullptr;
-    case ZonarisCallback::updatedBeaconScan:
-      return c.updatedBeaconScan != nullptr;
-    case ZonarisCallback::reportSent:
-      return c.reportSent != nullptr;
-    case ZonarisCallback::eventEnterCallback:
-      return c.eventEnterCallback != nullptr;
-    case ZonarisCallback::eventExitCallback:
-      return c.eventExitCallback != nullptr;
-    case ZonarisCallback::eventDwellCallback:
-      return c.eventDwellCallback != nullptr;
-    case ZonarisCallback::actionBasicCallback:
-      return c.actionBasicCallback != nullptr;
-    case ZonarisCallback::actionDataCallback:
-      return c.actionDataCallback != nullptr;
-    case ZonarisCallback::updatedSpeed:
-      return c.updatedSpeed != nullptr;
-    case ZonarisCallback::updatedAvgSpeed:
-      return c.updatedAvgSpeed != nullptr;
-    case ZonarisCallback::updatedInterval:
-      return c.updatedInterval != nullptr;
-    case ZonarisCallback::updatedGPSAccuracy:
-      return c.updatedGPSAccuracy != nullptr;
+#define ZONARIS_CALLBACK(name, parameters) \
+  case ZonarisCallback::name:              \
+    return c.name != nullptr;
+#include "client/delegate_callbacks.def"
   }
   return false;
 }

@@ -68,19 +68,9 @@ class CallbackDelegate final : public ZonarisDelegate {
   bool logLine(std::string_view text) const { return line(&zonaris_callbacks::logLine, text); }
 
   bool respondsTo(ZonarisCallback callback) const override;
-  void updatedInitLocation(const platform::Location& location) override;
-  void updatedDistanceToNearestFence(double distance, bool inside) override;
-  void updatedBeaconScan(bool scanning) override;
-  void reportSent() override;
-  void eventEnterCallback(const std::optional<std::string>& name) override;
-  void eventExitCallback(const std::optional<std::string>& name) override;
-  void eventDwellCallback(const std::optional<std::string>& name) override;
-  void actionBasicCallback(std::shared_ptr<const ZonarisActionBasic> action) override;
-  void actionDataCallback(std::shared_ptr<const ZonarisActionData> action) override;
-  void updatedSpeed(float speed) override;
-  void updatedAvgSpeed(float speed) override;
-  void updatedInterval(std::int32_t seconds) override;
-  void updatedGPSAccuracy(float metres) override;
+  // Every delegate operation, each calling the C callback of the same name.
+#define ZONARIS_CALLBACK(name, parameters) void name parameters override;
+#include "client/delegate_callbacks.def"
 
  private:
   // Calls the function in `slot` with `user` first, unless it is null.
