@@ -43,6 +43,52 @@ std::int32_t saturatedInt32(double x) {
   return static_cast<std::int32_t>(x);
 }
 
+// What the chosen policy says about the next sample: the interval by speed, the cap before the
+// next dwell deadline, and the smallest interval the bounds then allow.
+struct IntervalBounds {
+  std::int32_t bySpeed = 0;
+  std::int32_t beforeDwell = 0;
+  std::int32_t lowest = MIN_INTERVAL;
+};
+
+// The design's policy: half the time to the nearest fence at the averaged speed, and at least
+// the design's minimum.
+IntervalBounds designBounds(Zonaris& client, double minDist, float average) {
+  IntervalBounds bounds;
+  bounds.bySpeed = saturatedInt32(std::floor(minDist / static_cast<double>(average) * 0.5));
+  bounds.beforeDwell = client.getTimeBeforeDwell();
+  return bounds;
+}
+
+// The efficient policy: it spaces samples from what it knows of this pass, and may sample right
+// after a dwell deadline that comes sooner than the design's minimum.
+IntervalBounds efficientBounds(Zonaris& client, sampling::EfficientPolicy& efficient,
+                               const Zonaris::LocationPtr& current, double minDist, float average) {
+  sampling::PassFacts facts;
+  facts.averageSpeed = average;
+  facts.clearance = minDist;
+  // Inside a polygon the nearest distance is 0; the policy measures the way out instead.
+  const Zonaris::FencesPtr fences = client.mFences();
+  if (current && fences && !(minDist > 0.0))
+    facts.clearance = sampling::boundaryClearance(fences, current->longitude, current->latitude);
+  facts.accuracy = current && std::isfinite(current->horizontalAccuracy)
+                       ? std::max(current->horizontalAccuracy, 0.0)
+                       : 0.0;
+  if (const auto centre = efficient.centre(); centre && fences)
+    facts.centreClearance = sampling::boundaryClearance(fences, centre->first, centre->second);
+  facts.ranging = client.mBeaconEnabled();
+  facts.fixAge =
+      current ? std::chrono::duration<double>(client.platform().clock->now() - current->timestamp)
+                    .count()
+              : 0.0;
+  facts.beforeDwell = client.getTimeBeforeDwell();
+  IntervalBounds bounds;
+  bounds.bySpeed = efficient.spacing(facts);
+  bounds.beforeDwell = sampling::EfficientPolicy::dwellCap(facts.beforeDwell);
+  bounds.lowest = std::clamp(bounds.beforeDwell, 1, efficient.shortest());
+  return bounds;
+}
+
 }  // namespace
 
 void Zonaris::setSamplingPolicy(SamplingPolicy policy) {
@@ -92,47 +138,19 @@ void Zonaris::calculateIntervalAndAccuracy() {
   const double minDist = mMinDist_.load();
   devLog(fmt::format("Min Dist        = {:f}m", minDist));
   const auto efficient = efficientPolicy();
-  std::int32_t bySpeed = 0;
-  std::int32_t beforeDwell = 0;
-  // The smallest interval the bounds allow: the design's minimum, or under the efficient
-  // policy the sample right after a dwell deadline that comes sooner.
-  std::int32_t lowest = MIN_INTERVAL;
-  if (!efficient) {
-    bySpeed =
-        saturatedInt32(std::floor(minDist / static_cast<double>(mAverageSpeed_.load()) * 0.5));
-    beforeDwell = getTimeBeforeDwell();
-  } else {
-    sampling::PassFacts facts;
-    facts.averageSpeed = mAverageSpeed_.load();
-    facts.clearance = minDist;
-    // Inside a polygon the nearest distance is 0; the policy measures the way out instead.
-    const FencesPtr fences = mFences();
-    if (current && fences && !(minDist > 0.0))
-      facts.clearance = sampling::boundaryClearance(fences, current->longitude, current->latitude);
-    facts.accuracy = current && std::isfinite(current->horizontalAccuracy)
-                         ? std::max(current->horizontalAccuracy, 0.0)
-                         : 0.0;
-    if (const auto centre = efficient->centre(); centre && fences)
-      facts.centreClearance = sampling::boundaryClearance(fences, centre->first, centre->second);
-    facts.ranging = mBeaconEnabled_.load();
-    facts.fixAge =
-        current ? std::chrono::duration<double>(platform_.clock->now() - current->timestamp).count()
-                : 0.0;
-    facts.beforeDwell = getTimeBeforeDwell();
-    bySpeed = efficient->spacing(facts);
-    beforeDwell = sampling::EfficientPolicy::dwellCap(facts.beforeDwell);
-    lowest = std::clamp(beforeDwell, 1, efficient->shortest());
-  }
-  devLog(fmt::format("Interval(sp)    = {}", bySpeed));
-  std::int32_t interval = bySpeed < beforeDwell ? bySpeed : beforeDwell;
+  const IntervalBounds bounds =
+      efficient ? efficientBounds(*this, *efficient, current, minDist, mAverageSpeed_.load())
+                : designBounds(*this, minDist, mAverageSpeed_.load());
+  devLog(fmt::format("Interval(sp)    = {}", bounds.bySpeed));
+  std::int32_t interval = bounds.bySpeed < bounds.beforeDwell ? bounds.bySpeed : bounds.beforeDwell;
   devLog(fmt::format("Interval(dw)    = {}", interval));
 
   if (interval > MAX_INTERVAL) {
     interval = MAX_INTERVAL;
     devLog(fmt::format("Interval is too big. Set to MAX_INTERVAL = {}", MAX_INTERVAL));
-  } else if (interval < lowest) {
-    interval = lowest;
-    devLog(fmt::format("Interval is too small. Set to MIN_INTERVAL = {}", lowest));
+  } else if (interval < bounds.lowest) {
+    interval = bounds.lowest;
+    devLog(fmt::format("Interval is too small. Set to MIN_INTERVAL = {}", bounds.lowest));
   }
 
   // Compared in single precision: 1000.00001 m still counts as 1000. Under the efficient policy
