@@ -171,17 +171,14 @@ void Zonaris::calculateIntervalAndAccuracy() {
                  [&](ZonarisDelegate& d) { d.updatedGPSAccuracy(accuracy); });
 
   devLog(fmt::format("Update location after {} second(s)", interval));
-  if (!efficient) {
-    mainAfterGuarded("updateLocation", std::chrono::seconds(interval),
-                     [](Zonaris& self) { self.updateLocation(); });
-    return;
-  }
-  // A sample taken meanwhile (woken by movement) has scheduled its own successor.
-  mainAfterGuarded("updateLocation", std::chrono::seconds(interval),
-                   [efficient, ticket = efficient->accepted()](Zonaris& self) {
-                     if (efficient->accepted() == ticket)
-                       self.updateLocation();
-                   });
+  // Under the efficient policy a sample taken meanwhile (woken by movement) has scheduled its
+  // own successor, and this one is skipped.
+  mainAfterGuarded(
+      "updateLocation", std::chrono::seconds(interval),
+      [efficient, ticket = efficient ? efficient->accepted() : std::uint64_t{0}](Zonaris& self) {
+        if (!efficient || efficient->accepted() == ticket)
+          self.updateLocation();
+      });
 }
 
 }  // namespace zonaris
