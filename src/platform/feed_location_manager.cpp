@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "zonaris/platform/production.hpp"
+#include "zonaris/platform/feed_location_manager.hpp"
 
 namespace zonaris::platform {
 
