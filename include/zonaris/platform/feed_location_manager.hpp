@@ -58,13 +58,22 @@ class ZONARIS_API FeedLocationManager final : public LocationManager {
   /// Stops ranging the region with the same identifier.
   void stopRangingBeacons(const BeaconRegion& region) override;
 
-  /// Offers one fix. It is delivered when updates are started and either no distance filter is
-  /// set (a filter of 0 or less) or the fix lies farther than the filter from the last fix
-  /// delivered. Returns whether it will be delivered.
+  /// What `checkFix` finds wrong with a fix.
+  enum class FixProblem { None, CoordinatesOutOfRange, NotFinite };
+  /// Checks a fix before it is offered: first that latitude and longitude are finite and
+  /// within 90 and 180 degrees either way, then that speed and horizontal accuracy are finite.
+  static FixProblem checkFix(const Location& fix);
+  /// A sighting as it is delivered: an accuracy that is not finite becomes -1 and a proximity
+  /// outside 0 to 3 becomes 0 (both "unknown").
+  static Beacon normalizedBeacon(Beacon beacon);
+
+  /// Offers one fix. It is delivered when `checkFix` finds nothing wrong with it, updates are
+  /// started and either no distance filter is set (a filter of 0 or less) or the fix lies
+  /// farther than the filter from the last fix delivered. Returns whether it will be delivered.
   bool pushLocation(const Location& fix);
   /// Offers one ranging round: every ranged region receives the beacons of its UUID (compared
   /// without regard to case and delivered as canonical upper-case text; beacons whose UUID is
-  /// not a UUID are left out), possibly none.
+  /// not a UUID are left out), possibly none, each as `normalizedBeacon` makes it.
   /// Returns the number of regions that will receive a callback.
   std::size_t pushBeacons(const std::vector<Beacon>& beacons);
   /// Offers one motion transition from the application's motion source. It is delivered while
