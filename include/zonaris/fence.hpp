@@ -50,24 +50,12 @@ class ZONARIS_API ZonarisFence {
   Text name() const { return read(name_); }
   void setName(Text value) { write(name_, std::move(value)); }
   Text type() const { return read(type_); }
-  void setType(Text value) {
-    write(type_, std::move(value));
-    shapeRevision_.fetch_add(1);
-    shapeChanges_.fetch_add(1);
-  }
+  void setType(Text value);
   /// The geometry as WKT text.
   Text location() const { return read(location_); }
-  void setLocation(Text value) {
-    write(location_, std::move(value));
-    shapeRevision_.fetch_add(1);
-    shapeChanges_.fetch_add(1);
-  }
+  void setLocation(Text value);
   float radius() const { return radius_.load(); }
-  void setRadius(float value) {
-    radius_.store(value);
-    shapeRevision_.fetch_add(1);
-    shapeChanges_.fetch_add(1);
-  }
+  void setRadius(float value);
   Text uuid() const { return read(uuid_); }
   void setUuid(Text value) { write(uuid_, std::move(value)); }
   std::int32_t major() const { return major_.load(); }
@@ -87,28 +75,15 @@ class ZONARIS_API ZonarisFence {
     dwell_events_ = std::move(list);
   }
   bool entered() const { return entered_.load(); }
-  void setEntered(bool value) {
-    if (entered_.exchange(value) != value)
-      enteredChanges_.fetch_add(1);
-  }
+  void setEntered(bool value);
   bool dwelled() const { return dwelled_.load(); }
   void setDwelled(bool value) { dwelled_.store(value); }
   std::int32_t dwell_time() const { return dwell_time_.load(); }
-  void setDwell_time(std::int32_t value) {
-    if (dwell_time_.exchange(value) == 0 && value != 0)
-      dwellStarts_.fetch_add(1);
-  }
+  void setDwell_time(std::int32_t value);
   /// Counts the changes of `location`, `type` and `radius`, which decide how far the fence is.
   /// The catalogue's geometry cache keeps the count it was built with and measures a fence
   /// whose count has moved on from its text again, so such a change is never missed.
   std::uint32_t shapeRevision() const { return shapeRevision_.load(); }
-  /// Process-wide counts of changes to any fence's shape (`location`, `type`, `radius`), to
-  /// any fence's `entered` flag, and of any fence's `dwell_time` leaving zero, each counted
-  /// after the change is made. While none of them moves, a cache may rely on what it read of
-  /// the fences before it read the counts.
-  static std::uint64_t shapeChanges() { return shapeChanges_.load(); }
-  static std::uint64_t enteredChanges() { return enteredChanges_.load(); }
-  static std::uint64_t dwellStarts() { return dwellStarts_.load(); }
 
  private:
   Text read(const Text& field) const {
@@ -131,9 +106,6 @@ class ZONARIS_API ZonarisFence {
   std::atomic<std::int32_t> minor_{-1};
   Text time_zone_{""};
   std::shared_ptr<const DwellList> dwell_events_ = std::make_shared<const DwellList>();
-  inline static std::atomic<std::uint64_t> shapeChanges_{0};
-  inline static std::atomic<std::uint64_t> enteredChanges_{0};
-  inline static std::atomic<std::uint64_t> dwellStarts_{0};
   std::atomic<std::uint32_t> shapeRevision_{0};
   std::atomic<bool> entered_{false};
   std::atomic<bool> dwelled_{false};

@@ -152,7 +152,7 @@ typedef enum zonaris_position_source {
 /* The production platform: real threads, HTTPS through libcurl, a file store. */
 typedef struct zonaris_platform_options {
   size_t struct_size;               /* sizeof(zonaris_platform_options) */
-  const char* base_url;             /* the service; null: the one built in */
+  const char* base_url;             /* the service; null or "": the one built in */
   const char* store_directory;      /* null: $XDG_DATA_HOME/zonaris, else ~/.local/share/zonaris */
   zonaris_position_source position; /* default ZONARIS_POSITION_FEED */
   const char* gpsd_host;            /* null: "localhost"; an IPv6 address with or without

@@ -43,11 +43,6 @@ zonaris_status noFeed(const zonaris_client* handle) {
               "this client takes its positions from gpsd, not from pushed fixes");
 }
 
-bool validCoordinates(double latitude, double longitude) {
-  return std::isfinite(latitude) && std::isfinite(longitude) && std::fabs(latitude) <= 90.0 &&
-         std::fabs(longitude) <= 180.0;
-}
-
 }  // namespace
 
 extern "C" {
@@ -202,16 +197,19 @@ ZONARIS_API zonaris_status zonaris_push_location(zonaris_client* handle,
       return noFeed(handle);
     if (!fix)
       return fail(ZONARIS_STATUS_INVALID_ARGUMENT, "the fix is null");
-    if (!validCoordinates(fix->latitude, fix->longitude))
-      return fail(ZONARIS_STATUS_INVALID_ARGUMENT, "the fix's coordinates are out of range");
-    if (!std::isfinite(fix->timestamp) || !std::isfinite(fix->speed) ||
-        !std::isfinite(fix->horizontal_accuracy))
-      return fail(ZONARIS_STATUS_INVALID_ARGUMENT, "the fix has a value that is not finite");
+    using Feed = zonaris::platform::FeedLocationManager;
     zonaris::platform::Location location;
     location.latitude = fix->latitude;
     location.longitude = fix->longitude;
     location.speed = fix->speed;
     location.horizontalAccuracy = fix->horizontal_accuracy;
+    // The feed's own checks, told apart for the caller; the C timestamp is a number that
+    // becomes a time point only here, so its check is the C API's.
+    const Feed::FixProblem problem = Feed::checkFix(location);
+    if (problem == Feed::FixProblem::CoordinatesOutOfRange)
+      return fail(ZONARIS_STATUS_INVALID_ARGUMENT, "the fix's coordinates are out of range");
+    if (problem != Feed::FixProblem::None || !std::isfinite(fix->timestamp))
+      return fail(ZONARIS_STATUS_INVALID_ARGUMENT, "the fix has a value that is not finite");
     location.timestamp = fix->timestamp == 0.0 ? std::chrono::system_clock::now()
                                                : zonaris::capi::fromUnixSeconds(fix->timestamp);
     const bool delivered = handle->feed->pushLocation(location);
@@ -238,8 +236,8 @@ ZONARIS_API zonaris_status zonaris_push_beacons(zonaris_client* handle,
       beacon.uuid = b.uuid;
       beacon.major = b.major;
       beacon.minor = b.minor;
-      beacon.accuracy = std::isfinite(b.accuracy) ? b.accuracy : -1.0;
-      beacon.proximity = b.proximity >= 0 && b.proximity <= 3 ? b.proximity : 0;
+      beacon.accuracy = b.accuracy;  // the feed makes unknown what it cannot take
+      beacon.proximity = b.proximity;
       round.push_back(std::move(beacon));
     }
     handle->feed->pushBeacons(round);

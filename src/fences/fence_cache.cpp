@@ -10,6 +10,7 @@
 // keep their order under rounding, so the same holds for the computed values. Such a fence
 // only contributes its `entered` flag, which the pass still reads.
 #include "fences/fence_cache.hpp"
+#include "fences/fence_counters.hpp"
 
 #include <algorithm>
 #include <charconv>
@@ -511,9 +512,9 @@ std::shared_ptr<const FenceCache::FlagSummary> FenceCache::flagSummary(
     const FenceList& fences) const {
   // The counts first: a change made while the fences are read moves them on, and the next
   // pass reads the fences again.
-  const std::uint64_t shapeChanges = ZonarisFence::shapeChanges();
-  const std::uint64_t enteredChanges = ZonarisFence::enteredChanges();
-  const std::uint64_t dwellStarts = ZonarisFence::dwellStarts();
+  const std::uint64_t shapeChanges = fenceShapeChanges();
+  const std::uint64_t enteredChanges = fenceEnteredChanges();
+  const std::uint64_t dwellStarts = fenceDwellStarts();
   {
     const std::lock_guard lock(summaryMutex_);
     if (summary_ && summary_->shapeChanges == shapeChanges &&

@@ -1,8 +1,9 @@
 // A location service into which the application pushes fixes and beacon sightings.
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
-#include "zonaris/platform/production.hpp"
+#include "zonaris/platform/feed_location_manager.hpp"
 
 namespace zonaris::platform {
 
@@ -82,8 +83,26 @@ void FeedLocationManager::stopRangingBeacons(const BeaconRegion& region) {
   });
 }
 
+FeedLocationManager::FixProblem FeedLocationManager::checkFix(const Location& fix) {
+  if (!std::isfinite(fix.latitude) || !std::isfinite(fix.longitude) ||
+      std::fabs(fix.latitude) > 90.0 || std::fabs(fix.longitude) > 180.0)
+    return FixProblem::CoordinatesOutOfRange;
+  if (!std::isfinite(fix.speed) || !std::isfinite(fix.horizontalAccuracy))
+    return FixProblem::NotFinite;
+  return FixProblem::None;
+}
+
+Beacon FeedLocationManager::normalizedBeacon(Beacon beacon) {
+  if (!std::isfinite(beacon.accuracy))
+    beacon.accuracy = -1.0;
+  if (beacon.proximity < 0 || beacon.proximity > 3)
+    beacon.proximity = 0;
+  return beacon;
+}
+
 bool FeedLocationManager::pushLocation(const Location& fix) {
-  if (!dispatcher_)
+  // A fix the checks reject would poison the distance filter and every distance measured.
+  if (!dispatcher_ || checkFix(fix) != FixProblem::None)
     return false;
   std::weak_ptr<LocationManagerDelegate> delegate;
   {
@@ -122,7 +141,7 @@ std::size_t FeedLocationManager::pushBeacons(const std::vector<Beacon>& beacons)
         continue;
       // Delivered in the canonical upper-case form, so that a beacon pushed in two cases is one
       // beacon to the scan and one text on the wire.
-      matching.push_back(beacon);
+      matching.push_back(normalizedBeacon(beacon));
       matching.back().uuid = std::move(*uuid);
     }
     dispatcher_->mainAfter(Duration::zero(),

@@ -15,7 +15,7 @@
 
 #include "platform/posix_io.hpp"
 #include "platform/thread_exit.hpp"
-#include "zonaris/platform/production.hpp"
+#include "zonaris/platform/file_store.hpp"
 
 namespace zonaris::platform {
 

@@ -15,7 +15,10 @@
 
 #include "platform/posix_io.hpp"
 #include "platform/thread_exit.hpp"
-#include "zonaris/platform/production.hpp"
+#include "zonaris/platform/backtrace_call_stack.hpp"
+#include "zonaris/platform/stderr_logger.hpp"
+#include "zonaris/platform/system_clock.hpp"
+#include "zonaris/platform/system_device_info.hpp"
 
 namespace zonaris::platform {
 

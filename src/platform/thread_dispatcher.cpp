@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "platform/thread_exit.hpp"
-#include "zonaris/platform/production.hpp"
+#include "zonaris/platform/thread_dispatcher.hpp"
 
 namespace zonaris::platform {
 

@@ -116,7 +116,8 @@ std::string compactJson(const nlohmann::json& value) {
 }
 
 std::string serviceUrl(const platform::Platform& platform, std::string_view path) {
-  std::string url = platform.baseUrl;
+  // ZONARIS_BASE_URL is the library's own build setting, never the application's.
+  std::string url = platform.baseUrl.empty() ? std::string(ZONARIS_BASE_URL) : platform.baseUrl;
   url.append(path);
   return url;
 }

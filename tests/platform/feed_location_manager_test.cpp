@@ -1,10 +1,11 @@
 // The pushed location service, delivering through a virtual main queue.
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <utility>
 #include <vector>
 
-#include "zonaris/platform/production.hpp"
+#include "zonaris/platform/feed_location_manager.hpp"
 #include "zonaris/sim/sim_platform.hpp"
 
 namespace zonaris::platform {
@@ -15,12 +16,15 @@ using namespace std::chrono_literals;
 struct Recorder final : LocationManagerDelegate {
   void didUpdateLocations(const std::vector<Location>& l) override { fixes += l.size(); }
   void didRangeBeacons(const std::vector<Beacon>& b, const BeaconRegion&) override {
-    for (const auto& beacon : b)
+    for (const auto& beacon : b) {
       uuids.push_back(beacon.uuid);
+      readings.emplace_back(beacon.accuracy, beacon.proximity);
+    }
   }
   void didChangeMotion(const MotionTransition& t) override { motions.push_back(t.motion); }
   std::size_t fixes = 0;
   std::vector<std::string> uuids;
+  std::vector<std::pair<double, int>> readings;  // accuracy and proximity as delivered
   std::vector<Motion> motions;
 };
 
@@ -66,21 +70,48 @@ TEST(FeedLocationManager, FollowsStartStopAndItsFilterAndDeliversOnlyOnTheMainQu
     EXPECT_EQ(delivered, expected) << filter;
     manager.stopUpdatingLocation();  // a restart forgets the last fix
   }
+
+  // Fixes refused whoever pushes them (the C API reports the same checks as its errors).
+  constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+  constexpr double inf = std::numeric_limits<double>::infinity();
+  using Problem = FeedLocationManager::FixProblem;
+  const std::pair<Location, Problem> refused[] = {
+      {{.latitude = nan, .longitude = 2.0}, Problem::CoordinatesOutOfRange},
+      {{.latitude = 48.0, .longitude = -inf}, Problem::CoordinatesOutOfRange},
+      {{.latitude = 90.5, .longitude = 2.0}, Problem::CoordinatesOutOfRange},
+      {{.latitude = 48.0, .longitude = 180.5}, Problem::CoordinatesOutOfRange},
+      {{.latitude = nan, .longitude = 2.0, .speed = nan}, Problem::CoordinatesOutOfRange},
+      {{.latitude = 48.0, .longitude = 2.0, .speed = nan}, Problem::NotFinite},
+      {{.latitude = 48.0, .longitude = 2.0, .horizontalAccuracy = inf}, Problem::NotFinite},
+      {{.latitude = -90.0, .longitude = -180.0}, Problem::None},
+  };
+  manager.setDistanceFilter(kDistanceFilterNone);
+  manager.startUpdatingLocation();
+  for (const auto& [fix, problem] : refused) {
+    EXPECT_EQ(FeedLocationManager::checkFix(fix), problem) << fix.latitude << " " << fix.longitude;
+    EXPECT_EQ(manager.pushLocation(fix), problem == Problem::None);
+  }
 }
 
 // One beacon pushed in two cases reaches the client as one canonical text, so that its scan
-// keeps one entry and the wire carries upper case.
+// keeps one entry and the wire carries upper case; an accuracy or a proximity the client cannot
+// take arrives as unknown.
 TEST(FeedLocationManager, DeliversBeaconUUIDsInCanonicalUpperCase) {
   auto scheduler = std::make_shared<sim::Scheduler>(sim::defaultStartTime());
   FeedLocationManager manager(std::make_shared<sim::SimDispatcher>(scheduler));
   auto recorder = std::make_shared<Recorder>();
   manager.setDelegate(recorder);
   manager.startRangingBeacons({"E2C56DB5-DFFB-48D2-B060-D0F5A71096E0", "beacon_region"});
-  manager.pushBeacons({{"e2c56db5-dffb-48d2-b060-d0f5a71096e0", 1, 2, 1.0, 2},
-                       {"E2C56DB5-dffb-48D2-B060-D0F5A71096E0", 1, 2, 1.0, 2},
-                       {"not a uuid", 1, 2, 1.0, 2}});
+  manager.pushBeacons(
+      {{"e2c56db5-dffb-48d2-b060-d0f5a71096e0", 1, 2, 1.0, 2},
+       {"E2C56DB5-dffb-48D2-B060-D0F5A71096E0", 1, 2, 1.0, 2},
+       {"e2c56db5-dffb-48d2-b060-d0f5a71096e0", 1, 2, std::numeric_limits<double>::quiet_NaN(), 4},
+       {"e2c56db5-dffb-48d2-b060-d0f5a71096e0", 1, 2, std::numeric_limits<double>::infinity(), -1},
+       {"not a uuid", 1, 2, 1.0, 2}});
   scheduler->runFor(0s);
-  EXPECT_EQ(recorder->uuids, std::vector<std::string>(2, "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0"));
+  EXPECT_EQ(recorder->uuids, std::vector<std::string>(4, "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0"));
+  EXPECT_EQ(recorder->readings,
+            (std::vector<std::pair<double, int>>{{1.0, 2}, {1.0, 2}, {-1.0, 0}, {-1.0, 0}}));
 }
 
 // Motion reaches the client only while it listens; starting to listen tells the motion last

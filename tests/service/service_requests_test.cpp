@@ -6,6 +6,7 @@
 #include <memory>
 #include <thread>
 
+#include "service/request.hpp"
 #include "support/fake_location_manager.hpp"
 #include "support/recording_delegate.hpp"
 #include "support/recording_server.hpp"
@@ -293,6 +294,15 @@ const std::array<int, 4> kHours[] = {{9, 17, 9, 0},  {9, 17, 10, 1}, {9, 17, 16,
                                      {22, 6, 21, 0}, {22, 6, 22, 1}, {22, 6, 0, 1},  {22, 6, 6, 1},
                                      {22, 6, 7, 0},  {5, 5, 5, 0},   {0, 0, 0, 0}};
 INSTANTIATE_TEST_SUITE_P(Hours, SilenceWindow, ::testing::ValuesIn(kHours));
+
+// An application that leaves the base URL empty reaches the service built into the library
+// (the build's default, which nothing outside the library sees).
+TEST(ServiceUrl, AnEmptyBaseUrlMeansTheBuiltInOne) {
+  platform::Platform platform;
+  EXPECT_EQ(service::serviceUrl(platform, "/install"), "https://api.zonaris.io/v2/install");
+  platform.baseUrl = "http://127.0.0.1:9";
+  EXPECT_EQ(service::serviceUrl(platform, "/install"), "http://127.0.0.1:9/install");
+}
 
 // The libcurl adapter alone: what arrives comes back as is; no complete answer (too slow, over
 // the body cap, cancelled, no server) is a transport error with status 0 and no body. A request

@@ -14,10 +14,6 @@
 #include "zonaris/platform/log.hpp"
 #include "zonaris/platform/store.hpp"
 
-#ifndef ZONARIS_BASE_URL
-#define ZONARIS_BASE_URL "https://api.zonaris.io/v2"
-#endif
-
 namespace zonaris::platform {
 
 /// Facts about the device.
@@ -47,9 +43,9 @@ struct ZONARIS_API Platform {
   std::shared_ptr<Logger> logger;
   std::shared_ptr<DeviceInfo> device;
   std::shared_ptr<CallStack> callStack;
-  /// The service's base URL without a trailing slash. Set at build time; a self-hosted
-  /// service, the simulator and tests override it.
-  std::string baseUrl = ZONARIS_BASE_URL;
+  /// The service's base URL without a trailing slash. Empty: the one built into the library
+  /// (set when the library is built); a self-hosted service, the simulator and tests set it.
+  std::string baseUrl;
 
   /// True when every part is set.
   bool complete() const;
@@ -76,7 +72,8 @@ struct ZONARIS_API DefaultPlatformOptions {
   /// started). Not part of the client's log; no error report is sent for them. Empty: a
   /// `StderrLogger`.
   std::shared_ptr<Logger> errorLogger;
-  std::string baseUrl = ZONARIS_BASE_URL;
+  /// The service's base URL; empty: the one built into the library.
+  std::string baseUrl;
 };
 
 /// The production platform: real threads, libcurl, a file-backed store, stderr logging.
