@@ -138,23 +138,26 @@ class PlainWkt {
     std::uint64_t mantissa = 0;
     int significant = 0;  // digits from the first nonzero one
     int scale = 0;
+    // Takes a run of digits into the mantissa, each moving the scale by `step`; false when
+    // there are more than the mantissa holds.
+    auto digits = [&](int step) {
+      for (; at_ != end_ && isDigit(*at_); ++at_, scale += step) {
+        mantissa = mantissa * 10 + static_cast<std::uint64_t>(*at_ - '0');
+        significant += (mantissa != 0);
+        if (significant > 19)
+          return false;
+      }
+      return true;
+    };
     const char* start = at_;
-    for (; at_ != end_ && isDigit(*at_); ++at_) {
-      mantissa = mantissa * 10 + static_cast<std::uint64_t>(*at_ - '0');
-      significant += (mantissa != 0);
-      if (significant > 19)
-        return slow(from, out);
-    }
+    if (!digits(0))
+      return slow(from, out);
     if (at_ == start)
       return false;
     if (at_ != end_ && *at_ == '.') {
       start = ++at_;
-      for (; at_ != end_ && isDigit(*at_); ++at_, --scale) {
-        mantissa = mantissa * 10 + static_cast<std::uint64_t>(*at_ - '0');
-        significant += (mantissa != 0);
-        if (significant > 19)
-          return slow(from, out);
-      }
+      if (!digits(-1))
+        return slow(from, out);
       if (at_ == start)
         return false;
     }
