@@ -2,18 +2,16 @@
 
 #include "zonaris/export.h"
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <limits>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "zonaris/actions.hpp"
 #include "zonaris/delegate.hpp"
@@ -27,6 +25,8 @@ namespace zonaris {
 namespace sampling {
 class EfficientPolicy;
 }  // namespace sampling
+
+struct ZonarisState;
 
 /// When the client takes its position samples.
 enum class SamplingPolicy : std::uint8_t {
@@ -93,13 +93,13 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
   /// `start`; a change takes effect from the next accepted fix on. The efficient policy starts
   /// the location service's motion updates (where it has them); the design's never does.
   void setSamplingPolicy(SamplingPolicy policy);
-  SamplingPolicy samplingPolicy() const { return samplingPolicy_.load(); }
+  SamplingPolicy samplingPolicy() const;
   /// Accepts the fence catalogue compressed (gzip) from the service, which sends a dense one in
   /// a fraction of the bytes; the answer is decoded before it is read, so nothing else changes.
   /// Off by default: the fence query then carries no "Accept-Encoding" header. A change takes
   /// effect from the next download. Needs an HTTP client that decodes gzip (the libcurl one).
   void setCompression(bool compression);
-  bool compression() const { return compression_.load(); }
+  bool compression() const;
 
   // ---- Registration and reports -----------------------------------------------------------
 
@@ -146,35 +146,35 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
 
   std::string mAppKey() const;
   void setMAppKey(std::string value);
-  bool mDevMode() const { return mDevMode_.load(); }
+  bool mDevMode() const;
   void setMDevMode(bool value) { setDevMode(value); }
   std::optional<std::string> mUUID() const;
   void setMUUID(std::optional<std::string> value);
   std::shared_ptr<ZonarisTags> mTags() const;
   void setMTags(std::shared_ptr<ZonarisTags> value) { setTags(std::move(value)); }
-  std::int32_t mSilenceStart() const { return mSilenceStart_.load(); }
-  void setMSilenceStart(std::int32_t value) { mSilenceStart_.store(value); }
-  std::int32_t mSilenceStop() const { return mSilenceStop_.load(); }
-  void setMSilenceStop(std::int32_t value) { mSilenceStop_.store(value); }
-  std::shared_ptr<platform::LocationManager> mLocationManager() const { return mLocationManager_; }
+  std::int32_t mSilenceStart() const;
+  void setMSilenceStart(std::int32_t value);
+  std::int32_t mSilenceStop() const;
+  void setMSilenceStop(std::int32_t value);
+  std::shared_ptr<platform::LocationManager> mLocationManager() const;
   std::weak_ptr<ZonarisDelegate> mDelegate() const;
   void setMDelegate(std::weak_ptr<ZonarisDelegate> value) { setDelegate(std::move(value)); }
-  std::int64_t mInstallId() const { return mInstallId_.load(); }
-  void setMInstallId(std::int64_t value) { mInstallId_.store(value); }
-  bool mUpdatingLocation() const { return mUpdatingLocation_.load(); }
-  void setMUpdatingLocation(bool value) { mUpdatingLocation_.store(value); }
-  bool mResetFences() const { return mResetFences_.load(); }
-  void setMResetFences(bool value) { mResetFences_.store(value); }
-  bool mBeaconEnabled() const { return mBeaconEnabled_.load(); }
-  void setMBeaconEnabled(bool value) { mBeaconEnabled_.store(value); }
-  bool mBeaconScanning() const { return mBeaconScanning_.load(); }
-  void setMBeaconScanning(bool value) { mBeaconScanning_.store(value); }
-  double mMinDist() const { return mMinDist_.load(); }
-  void setMMinDist(double value) { mMinDist_.store(value); }
-  float mAverageSpeed() const { return mAverageSpeed_.load(); }
-  void setMAverageSpeed(float value) { mAverageSpeed_.store(value); }
-  float mSpeed() const { return mSpeed_.load(); }
-  void setMSpeed(float value) { mSpeed_.store(value); }
+  std::int64_t mInstallId() const;
+  void setMInstallId(std::int64_t value);
+  bool mUpdatingLocation() const;
+  void setMUpdatingLocation(bool value);
+  bool mResetFences() const;
+  void setMResetFences(bool value);
+  bool mBeaconEnabled() const;
+  void setMBeaconEnabled(bool value);
+  bool mBeaconScanning() const;
+  void setMBeaconScanning(bool value);
+  double mMinDist() const;
+  void setMMinDist(double value);
+  float mAverageSpeed() const;
+  void setMAverageSpeed(float value);
+  float mSpeed() const;
+  void setMSpeed(float value);
   RegionPtr mBeaconRegion() const;
   void setMBeaconRegion(RegionPtr value);
   LocationPtr mInitLocation() const;
@@ -196,7 +196,7 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
   void setMDwellTimer(std::shared_ptr<platform::TickerHandle> value);
 
   /// The platform the client was made with.
-  const platform::Platform& platform() const { return platform_; }
+  const platform::Platform& platform() const;
 
   ~Zonaris() override;
 
@@ -230,44 +230,9 @@ class ZONARIS_API Zonaris : public platform::LocationManagerDelegate,
       call(*delegate);
   }
 
-  platform::Platform platform_;
-
-  // Fields, in their declared order. Scalars are atomic; object fields are immutable values
-  // replaced whole under `fieldsMutex_`.
-  mutable std::mutex fieldsMutex_;
-  std::string mAppKey_;
-  std::atomic<bool> mDevMode_{false};
-  std::optional<std::string> mUUID_;
-  std::shared_ptr<ZonarisTags> mTags_;
-  std::atomic<std::int32_t> mSilenceStart_{0};
-  std::atomic<std::int32_t> mSilenceStop_{0};
-  std::shared_ptr<platform::LocationManager> mLocationManager_;
-  std::weak_ptr<ZonarisDelegate> mDelegate_;
-  std::atomic<std::int64_t> mInstallId_{0};
-  std::atomic<bool> mUpdatingLocation_{false};
-  std::atomic<bool> mResetFences_{false};
-  std::atomic<bool> mBeaconEnabled_{false};
-  std::atomic<bool> mBeaconScanning_{false};
-  std::atomic<double> mMinDist_{kNoDistance};
-  std::atomic<float> mAverageSpeed_{28.0f};
-  std::atomic<float> mSpeed_{0.0f};
-  RegionPtr mBeaconRegion_;
-  LocationPtr mInitLocation_;
-  LocationPtr mCurrentLocation_;
-  FencesPtr mFences_;
-  BeaconRecords mBeacons_;
-  std::vector<platform::Beacon> mCurrentBeacons_;
-  std::shared_ptr<platform::TickerHandle> mDwellTimer_;
-
-  // Sampling beyond the design: the policy in force and the efficient policy's own state.
-  std::atomic<SamplingPolicy> samplingPolicy_{SamplingPolicy::Design};
-  std::shared_ptr<sampling::EfficientPolicy> efficient_;
-  // Beyond the design: whether the fence query accepts a compressed answer.
-  std::atomic<bool> compression_{false};
-
-  // The client's own monitor: held around each walk over a fence's dwell windows and around
-  // the publication of the beacon list.
-  mutable std::recursive_mutex monitor_;
+  // Every field of the client (see client/zonaris_state.hpp); set by the constructor, never
+  // replaced.
+  std::unique_ptr<ZonarisState> state_;
 };
 
 }  // namespace zonaris

@@ -17,6 +17,7 @@
 #include <limits>
 #include <utility>
 
+#include "client/zonaris_state.hpp"
 #include "fences/fence_cache.hpp"
 #include "platform/thread_exit.hpp"
 #include "zonaris/zonaris.hpp"
@@ -55,7 +56,7 @@ void forCountingFences(const Zonaris::FencesPtr& fences, Visit&& visit) {
 // good. One ticker per client is what the catalogue reload (stop, then start) expects anyway.
 void Zonaris::startDwellTimer() {
   auto self = shared_from_this();
-  auto ticker = platform_.dispatcher->startTicker(kDwellTick, [self] {
+  auto ticker = state_->platform.dispatcher->startTicker(kDwellTick, [self] {
     // As runGuarded (client/zonaris.cpp): the report follows the handler.
     std::string failure;
     try {
@@ -72,8 +73,8 @@ void Zonaris::startDwellTimer() {
   });
   std::shared_ptr<platform::TickerHandle> earlier;
   {
-    std::lock_guard lock(fieldsMutex_);
-    earlier = std::exchange(mDwellTimer_, std::move(ticker));
+    std::lock_guard lock(state_->fieldsMutex);
+    earlier = std::exchange(state_->mDwellTimer, std::move(ticker));
   }
   if (earlier)
     earlier->invalidate();
@@ -82,8 +83,8 @@ void Zonaris::startDwellTimer() {
 void Zonaris::stopDwellTimer() {
   std::shared_ptr<platform::TickerHandle> timer;
   {
-    std::lock_guard lock(fieldsMutex_);
-    timer = std::exchange(mDwellTimer_, nullptr);
+    std::lock_guard lock(state_->fieldsMutex);
+    timer = std::exchange(state_->mDwellTimer, nullptr);
   }
   if (timer)
     timer->invalidate();
@@ -101,7 +102,7 @@ void Zonaris::updateDwellTimes() {
       const std::int32_t now = clampToInt32(std::int64_t{count} + 1);
       fence.setDwell_time(now);
       const auto windows = fence.dwell_events();
-      std::lock_guard lock(monitor_);
+      std::lock_guard lock(state_->monitor);
       for (const auto& window : *windows) {
         if (window->active() && now > window->dwell_time()) {
           window->setActive(false);
@@ -112,7 +113,7 @@ void Zonaris::updateDwellTimes() {
       fence.setDwell_time(0);
       fence.setDwelled(false);
       const auto windows = fence.dwell_events();
-      std::lock_guard lock(monitor_);
+      std::lock_guard lock(state_->monitor);
       for (const auto& window : *windows)
         window->setActive(true);
     }
@@ -127,7 +128,7 @@ std::int32_t Zonaris::getTimeBeforeDwell() {
       if (!fence.entered())
         return;
       const auto windows = fence.dwell_events();
-      std::lock_guard lock(monitor_);
+      std::lock_guard lock(state_->monitor);
       const std::int64_t count = fence.dwell_time();
       for (const auto& window : *windows) {
         if (window->active())

@@ -11,6 +11,7 @@
 
 #include <fmt/format.h>
 
+#include "client/zonaris_state.hpp"
 #include "fences/fence_pass.hpp"
 #include "fences/geometry.hpp"
 #include "zonaris/zonaris.hpp"
@@ -46,7 +47,7 @@ class ClientHost final : public fences::PassHost {
 }  // namespace
 
 void Zonaris::handleFences() {
-  mMinDist_.store(kNoDistance);
+  state_->mMinDist.store(kNoDistance);
   devLog("Handle fences");
 
   const FencesPtr fences = mFences();
@@ -75,8 +76,8 @@ void Zonaris::handleFences() {
   const bool anyInside = pass.anyInside;
   const bool nearBeacon = pass.nearBeacon;
 
-  mMinDist_.store(pass.minimum);
-  const double nearest = mMinDist_.load();
+  state_->mMinDist.store(pass.minimum);
+  const double nearest = state_->mMinDist.load();
   notifyDelegate(ZonarisCallback::updatedDistanceToNearestFence,
                  [&](ZonarisDelegate& d) { d.updatedDistanceToNearestFence(nearest, anyInside); });
 

@@ -18,6 +18,7 @@
 
 #include <fmt/format.h>
 
+#include "client/zonaris_state.hpp"
 #include "sampling/efficient_policy.hpp"
 #include "zonaris/zonaris.hpp"
 
@@ -93,23 +94,23 @@ IntervalBounds efficientBounds(Zonaris& client, sampling::EfficientPolicy& effic
 
 void Zonaris::setSamplingPolicy(SamplingPolicy policy) {
   {
-    std::lock_guard lock(fieldsMutex_);
-    if (policy == SamplingPolicy::Efficient && !efficient_)
-      efficient_ = std::make_shared<sampling::EfficientPolicy>();
+    std::lock_guard lock(state_->fieldsMutex);
+    if (policy == SamplingPolicy::Efficient && !state_->efficient)
+      state_->efficient = std::make_shared<sampling::EfficientPolicy>();
   }
-  const SamplingPolicy before = samplingPolicy_.exchange(policy);
+  const SamplingPolicy before = state_->samplingPolicy.exchange(policy);
   // Only the efficient policy listens to the motion sensor.
   if (policy == SamplingPolicy::Efficient && before != policy)
-    mLocationManager_->startMotionUpdates();
+    state_->mLocationManager->startMotionUpdates();
   else if (before == SamplingPolicy::Efficient && policy != before)
-    mLocationManager_->stopMotionUpdates();
+    state_->mLocationManager->stopMotionUpdates();
 }
 
 std::shared_ptr<sampling::EfficientPolicy> Zonaris::efficientPolicy() const {
-  if (samplingPolicy_.load() != SamplingPolicy::Efficient)
+  if (state_->samplingPolicy.load() != SamplingPolicy::Efficient)
     return nullptr;
-  std::lock_guard lock(fieldsMutex_);
-  return efficient_;
+  std::lock_guard lock(state_->fieldsMutex);
+  return state_->efficient;
 }
 
 void Zonaris::calculateIntervalAndAccuracy() {
@@ -117,30 +118,30 @@ void Zonaris::calculateIntervalAndAccuracy() {
   const LocationPtr current = mCurrentLocation();
   const double fromInit = init && current ? current->distanceFrom(*init) : 0.0;
 
-  if (mSpeed_.load() < 0.0f)
-    mSpeed_.store(0.0f);
-  const float speed = mSpeed_.load();
+  if (state_->mSpeed.load() < 0.0f)
+    state_->mSpeed.store(0.0f);
+  const float speed = state_->mSpeed.load();
   devLog(fmt::format("Speed           = {:f}m/s", speed));
 
   // Written as "floor > x ? floor : x" so that a NaN average stays NaN and is reported below.
-  const float smoothed = (speed + mAverageSpeed_.load()) * 0.5f + kSmoothingBias;
-  mAverageSpeed_.store(kSpeedFloor > smoothed ? kSpeedFloor : smoothed);
-  const float average = mAverageSpeed_.load();
+  const float smoothed = (speed + state_->mAverageSpeed.load()) * 0.5f + kSmoothingBias;
+  state_->mAverageSpeed.store(kSpeedFloor > smoothed ? kSpeedFloor : smoothed);
+  const float average = state_->mAverageSpeed.load();
   devLog(fmt::format("Avr Speed       = {:f}m/s", average));
 
   if (!(average > 0.0f && average <= std::numeric_limits<float>::max())) {
     sendException("Calculate avg speed error", callStackSymbols(),
                   nlohmann::json::array({{{"name", "mSpeed"}, {"value", speed}},
                                          {{"name", "mAverageSpeed"}, {"value", average}}}));
-    mAverageSpeed_.store(kSpeedFloor);
+    state_->mAverageSpeed.store(kSpeedFloor);
   }
 
-  const double minDist = mMinDist_.load();
+  const double minDist = state_->mMinDist.load();
   devLog(fmt::format("Min Dist        = {:f}m", minDist));
   const auto efficient = efficientPolicy();
   const IntervalBounds bounds =
-      efficient ? efficientBounds(*this, *efficient, current, minDist, mAverageSpeed_.load())
-                : designBounds(*this, minDist, mAverageSpeed_.load());
+      efficient ? efficientBounds(*this, *efficient, current, minDist, state_->mAverageSpeed.load())
+                : designBounds(*this, minDist, state_->mAverageSpeed.load());
   devLog(fmt::format("Interval(sp)    = {}", bounds.bySpeed));
   std::int32_t interval = bounds.bySpeed < bounds.beforeDwell ? bounds.bySpeed : bounds.beforeDwell;
   devLog(fmt::format("Interval(dw)    = {}", interval));
@@ -160,9 +161,9 @@ void Zonaris::calculateIntervalAndAccuracy() {
     setMInitLocation(nullptr);
 
   notifyDelegate(ZonarisCallback::updatedSpeed,
-                 [&](ZonarisDelegate& d) { d.updatedSpeed(mSpeed_.load()); });
+                 [&](ZonarisDelegate& d) { d.updatedSpeed(state_->mSpeed.load()); });
   notifyDelegate(ZonarisCallback::updatedAvgSpeed,
-                 [&](ZonarisDelegate& d) { d.updatedAvgSpeed(mAverageSpeed_.load()); });
+                 [&](ZonarisDelegate& d) { d.updatedAvgSpeed(state_->mAverageSpeed.load()); });
   notifyDelegate(ZonarisCallback::updatedInterval,
                  [&](ZonarisDelegate& d) { d.updatedInterval(interval); });
   // Without a current fix there is no accuracy to report; 0 is what an absent fix reads as.

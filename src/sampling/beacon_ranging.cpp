@@ -10,7 +10,7 @@
 //
 // Threads: the switches run on an evaluation pass's thread or on the caller of `stop`, the
 // timers and ranging results on the main queue. The flags are atomics; the scan in progress
-// (`mCurrentBeacons_`) is only touched under `fieldsMutex_`, and nothing is logged or asked of
+// (`mCurrentBeacons`) is only touched under the fields' mutex, and nothing is logged or asked of
 // the platform while that lock is held.
 //
 // Switching is ordered by the client's monitor: a scan's start (check the switch, set scanning,
@@ -26,6 +26,7 @@
 
 #include <fmt/format.h>
 
+#include "client/zonaris_state.hpp"
 #include "zonaris/zonaris.hpp"
 
 namespace zonaris {
@@ -95,7 +96,7 @@ void Zonaris::startUpdateBeacons() {
   }
   devLog("Start updating beacons");
   // exchange: two overlapping evaluation passes switching on together start one cycle.
-  if (mBeaconEnabled_.exchange(true))
+  if (state_->mBeaconEnabled.exchange(true))
     return;
   startScanBeacons();
 }
@@ -107,40 +108,40 @@ void Zonaris::stopUpdateBeacons() {
     return;
   }
   devLog("Stop updating beacons");
-  std::lock_guard order(monitor_);
-  if (!mBeaconEnabled_.exchange(false))
+  std::lock_guard order(state_->monitor);
+  if (!state_->mBeaconEnabled.exchange(false))
     return;
-  mBeaconScanning_.store(false);
-  mLocationManager_->stopRangingBeacons(*region);
+  state_->mBeaconScanning.store(false);
+  state_->mLocationManager->stopRangingBeacons(*region);
   // mBeacons stays as it is: the last finished scan remains the published list.
 }
 
 void Zonaris::startScanBeacons() {
   {
-    std::lock_guard order(monitor_);
-    if (!mBeaconEnabled_.load())
+    std::lock_guard order(state_->monitor);
+    if (!state_->mBeaconEnabled.load())
       return;
     alwaysLog("Started scan");
     {
-      std::lock_guard lock(fieldsMutex_);
-      mCurrentBeacons_.clear();
+      std::lock_guard lock(state_->fieldsMutex);
+      state_->mCurrentBeacons.clear();
     }
-    mBeaconScanning_.store(true);
+    state_->mBeaconScanning.store(true);
     if (auto region = mBeaconRegion())
-      mLocationManager_->startRangingBeacons(*region);
+      state_->mLocationManager->startRangingBeacons(*region);
   }
   mainAfterGuarded("stopScanBeacons", kScanDuration, [](Zonaris& self) { self.stopScanBeacons(); });
 }
 
 void Zonaris::stopScanBeacons() {
   {
-    std::lock_guard order(monitor_);
-    if (!mBeaconEnabled_.load())
+    std::lock_guard order(state_->monitor);
+    if (!state_->mBeaconEnabled.load())
       return;
     alwaysLog("Stopped scan");
-    mBeaconScanning_.store(false);
+    state_->mBeaconScanning.store(false);
     if (auto region = mBeaconRegion())
-      mLocationManager_->stopRangingBeacons(*region);
+      state_->mLocationManager->stopRangingBeacons(*region);
   }
 
   // The scan's list is left in place; the next scan empties it when it starts.
@@ -153,7 +154,7 @@ void Zonaris::stopScanBeacons() {
   }
   {
     // Published under the client's monitor so that a reader sees the old or the new list whole.
-    std::lock_guard lock(monitor_);
+    std::lock_guard lock(state_->monitor);
     setMBeacons(std::make_shared<const nlohmann::json>(std::move(records)));
   }
   mainAfterGuarded("startScanBeacons", kScanPause, [](Zonaris& self) { self.startScanBeacons(); });
@@ -162,7 +163,7 @@ void Zonaris::stopScanBeacons() {
 void Zonaris::didRangeBeacons(const std::vector<platform::Beacon>& beacons,
                               const platform::BeaconRegion& region) {
   (void)region;  // only one region is ever ranged
-  if (!mBeaconScanning_.load())
+  if (!state_->mBeaconScanning.load())
     return;
   devLog(fmt::format("Found beacons - {}", beacons.size()));
   for (const auto& beacon : beacons) {
@@ -171,14 +172,14 @@ void Zonaris::didRangeBeacons(const std::vector<platform::Beacon>& beacons,
     {
       // Lookup and change in one lock scope, so that a scan starting on another thread cannot
       // slip between them. Same identity test as isBeaconExists.
-      std::lock_guard lock(fieldsMutex_);
-      auto old = findSame(mCurrentBeacons_, beacon);
-      if (old == mCurrentBeacons_.end()) {
-        mCurrentBeacons_.push_back(beacon);
+      std::lock_guard lock(state_->fieldsMutex);
+      auto old = findSame(state_->mCurrentBeacons, beacon);
+      if (old == state_->mCurrentBeacons.end()) {
+        state_->mCurrentBeacons.push_back(beacon);
         outcome = Outcome::Added;
       } else if (replaces(beacon.accuracy, old->accuracy)) {
-        mCurrentBeacons_.erase(old);
-        mCurrentBeacons_.push_back(beacon);
+        state_->mCurrentBeacons.erase(old);
+        state_->mCurrentBeacons.push_back(beacon);
         outcome = Outcome::Replaced;
       } else {
         outcome = Outcome::Kept;
@@ -199,9 +200,9 @@ void Zonaris::didRangeBeacons(const std::vector<platform::Beacon>& beacons,
 }
 
 std::optional<platform::Beacon> Zonaris::isBeaconExists(const platform::Beacon& beacon) {
-  std::lock_guard lock(fieldsMutex_);
-  auto found = findSame(mCurrentBeacons_, beacon);
-  if (found == mCurrentBeacons_.end())
+  std::lock_guard lock(state_->fieldsMutex);
+  auto found = findSame(state_->mCurrentBeacons, beacon);
+  if (found == state_->mCurrentBeacons.end())
     return std::nullopt;
   return *found;
 }

@@ -1,6 +1,7 @@
 // Arming one position sample and accepting the one fix it yields.
 #include <fmt/format.h>
 
+#include "client/zonaris_state.hpp"
 #include "sampling/efficient_policy.hpp"
 #include "zonaris/zonaris.hpp"
 
@@ -11,16 +12,16 @@ constexpr double kIdleDistanceFilter = 99999.0;
 }  // namespace
 
 void Zonaris::updateLocation() {
-  mUpdatingLocation_.store(true);
-  mLocationManager_->setDesiredAccuracy(platform::Accuracy::BestForNavigation);
-  mLocationManager_->setDistanceFilter(platform::kDistanceFilterNone);
+  state_->mUpdatingLocation.store(true);
+  state_->mLocationManager->setDesiredAccuracy(platform::Accuracy::BestForNavigation);
+  state_->mLocationManager->setDistanceFilter(platform::kDistanceFilterNone);
 }
 
 void Zonaris::didUpdateLocations(const std::vector<platform::Location>& locations) {
   // Only the first delivery after arming is used; exchange() makes that hold even when two
   // deliveries race.
   const auto efficient = efficientPolicy();
-  if (locations.empty() || !mUpdatingLocation_.exchange(false)) {
+  if (locations.empty() || !state_->mUpdatingLocation.exchange(false)) {
     // Under the efficient policy a delivery between samples is the location service saying
     // that a still device moved: it is not used, but the next sample is taken now.
     if (efficient && !locations.empty() && efficient->wake(locations.back()))
@@ -28,9 +29,9 @@ void Zonaris::didUpdateLocations(const std::vector<platform::Location>& location
     return;
   }
   auto fix = std::make_shared<const platform::Location>(locations.back());
-  mLocationManager_->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
-  mLocationManager_->setDistanceFilter(efficient ? efficient->acceptFix(*fix)
-                                                 : kIdleDistanceFilter);
+  state_->mLocationManager->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
+  state_->mLocationManager->setDistanceFilter(efficient ? efficient->acceptFix(*fix)
+                                                        : kIdleDistanceFilter);
 
   devLog("-----------------------------------------------------------------");
   devLog(fmt::format("New location: {:f}, {:f}, {:f}, {:f}", fix->latitude, fix->longitude,
@@ -51,7 +52,7 @@ void Zonaris::didUpdateLocations(const std::vector<platform::Location>& location
   const double distance = fix->distanceFrom(*reference);
   const double seconds =
       std::chrono::duration<double>(fix->timestamp - reference->timestamp).count();
-  mSpeed_.store(static_cast<float>(seconds > 0 ? distance / seconds : distance / 1.0));
+  state_->mSpeed.store(static_cast<float>(seconds > 0 ? distance / seconds : distance / 1.0));
   devLog("Set new current location");
   setMCurrentLocation(fix);
   detachGuarded("handleFences", [](Zonaris& self) { self.handleFences(); });

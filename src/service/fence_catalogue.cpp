@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "client/zonaris_state.hpp"
 #include "fences/fence_cache.hpp"
 #include "service/fence_answer.hpp"
 #include "service/request.hpp"
@@ -22,7 +23,7 @@ constexpr int kQueryRadius = 10000;
 }  // namespace
 
 void Zonaris::setCompression(bool compression) {
-  compression_.store(compression);
+  state_->compression.store(compression);
 }
 
 void Zonaris::getFences() {
@@ -35,13 +36,13 @@ void Zonaris::getFences() {
     return;
   }
 
-  const std::string url =
-      fmt::format("{}?install={}&lat={:f}&long={:f}&radius={}",
-                  service::serviceUrl(platform_, "/install/location"), mInstallId_.load(),
-                  reference->latitude, reference->longitude, kQueryRadius);
+  const std::string url = fmt::format("{}?install={}&lat={:f}&long={:f}&radius={}",
+                                      service::serviceUrl(state_->platform, "/install/location"),
+                                      state_->mInstallId.load(), reference->latitude,
+                                      reference->longitude, kQueryRadius);
   auto request = service::getRequest(url);
-  request.acceptCompressed = compression_.load();
-  const auto response = service::send(platform_, request);
+  request.acceptCompressed = state_->compression.load();
+  const auto response = service::send(state_->platform, request);
 
   if (response.status != kCatalogueStatus) {
     devLog("Get fences failed!");

@@ -1,6 +1,7 @@
 // Observation reports and what the service answers to them: confirmed events and messages.
 #include <fmt/format.h>
 
+#include "client/zonaris_state.hpp"
 #include "sampling/efficient_policy.hpp"
 #include "service/request.hpp"
 #include "zonaris/zonaris.hpp"
@@ -38,7 +39,8 @@ void Zonaris::sendObservation() {
   const std::string body = service::compactJson(observationBody(*this));
   devLog(body);
   const auto response = service::send(
-      platform_, service::postRequest(service::serviceUrl(platform_, "/observation"), body));
+      state_->platform,
+      service::postRequest(service::serviceUrl(state_->platform, "/observation"), body));
 
   if (response.transportError) {
     devLog("Observation wasn't sent!");
@@ -114,9 +116,9 @@ void Zonaris::sendObservation() {
 }
 
 bool Zonaris::checkSilenceTime() {
-  const int hour = platform_.clock->hourOfDay(platform_.clock->now());
-  const std::int32_t start = mSilenceStart_.load();
-  const std::int32_t stop = mSilenceStop_.load();
+  const int hour = state_->platform.clock->hourOfDay(state_->platform.clock->now());
+  const std::int32_t start = state_->mSilenceStart.load();
+  const std::int32_t stop = state_->mSilenceStop.load();
   // Deliberately asymmetric: a window within one day excludes both of its ends, a window
   // across midnight includes both. With start == stop no hour is silent.
   if (stop >= start)

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "client/zonaris_state.hpp"
 #include "service/request.hpp"
 #include "zonaris/zonaris.hpp"
 
@@ -19,8 +20,9 @@ constexpr std::chrono::seconds kRetryDelay{30};
 void Zonaris::getInstallID() {
   devLog("Get install ID...");
   const std::string body = service::compactJson({{"appKey", mAppKey()}});
-  const auto response = service::send(
-      platform_, service::postRequest(service::serviceUrl(platform_, "/install"), body));
+  const auto response =
+      service::send(state_->platform,
+                    service::postRequest(service::serviceUrl(state_->platform, "/install"), body));
 
   if (response.status == kRegisteredStatus) {
     devLog("Get install ID succesed!");
@@ -28,9 +30,9 @@ void Zonaris::getInstallID() {
     devLog(service::describe(answer.is_null() ? nullptr : &answer));
     // A 201 without a usable "id" (no body, not JSON, not a number) still registers, with 0:
     // sampling starts, and the next launch finds 0 and registers again.
-    mInstallId_.store(service::int64Of(service::member(answer, "id")));
-    ZonarisUserDefaults::setInstallId(*platform_.store, mInstallId_.load());
-    devLog(fmt::format("Get install id: Result - {}", mInstallId_.load()));
+    state_->mInstallId.store(service::int64Of(service::member(answer, "id")));
+    ZonarisUserDefaults::setInstallId(*state_->platform.store, state_->mInstallId.load());
+    devLog(fmt::format("Get install id: Result - {}", state_->mInstallId.load()));
     updateLocation();
     return;
   }
