@@ -282,109 +282,33 @@ struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
     });
   }
 
+  // The connection thread: connects, asks gpsd to watch or not as the settings say, and reads
+  // reports, until the manager shuts down.
   void run();
+
+ private:
+  // The connection thread's own: touched only by `run` and the steps below.
+  gps_data_t gps{};
+  int connection = -1;                     // the socket to gpsd, or -1
+  std::string pending;                     // the start of a line not yet complete
+  std::optional<bool> told;                // what gpsd was last asked: watching or not
+  std::optional<TimePoint> lastDelivered;  // the receiver's time of the last fix delivered
+  std::chrono::milliseconds retry{0};      // the wait before the next connection attempt
+
+  void closeConnection();
+  void waitAndGrow();
+  void lose(const std::string& why);
+  bool connect();
+  bool tellWatch(bool wants);
+  void readReports(bool wants);
+  bool readAll(bool armed, std::string& why);
+  void handleLine(std::string& line, bool armed);
 };
 
 void GpsdLocationManager::State::run() {
   // libgps only reads the reports (gps_unpack): the socket and its waits are the thread's own,
   // so that every wait is bounded and woken by a stop, and descriptors beyond FD_SETSIZE work.
-  gps_data_t gps{};
-  int fd = -1;
-  std::string pending;                     // the start of a line not yet complete
-  std::optional<bool> told;                // what gpsd was last asked: watching or not
-  std::optional<TimePoint> lastDelivered;  // the receiver's time of the last fix delivered
-  auto retry = options.retryMin;
-
-  auto closeConnection = [&] {
-    if (fd >= 0)
-      ::close(fd);
-    fd = -1;
-    pending.clear();
-    told.reset();
-  };
-  // Settings changes wake the thread, but only a stop or a shutdown cuts the wait short.
-  auto waitAndGrow = [&] {
-    const auto until = SteadyClock::now() + retry;
-    while (!stopping()) {
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - SteadyClock::now());
-      if (left.count() <= 0)
-        break;
-      sleep(-1, 0, left);
-    }
-    retry = std::min(retry * 2, options.retryMax);
-  };
-  auto lose = [&](const std::string& why) {
-    closeConnection();
-    log(fmt::format("gpsd: connection to {} lost ({}); reconnecting in {}", address(), why,
-                    secondsText(retry)));
-    report([&](GpsdStatus& s) {
-      s.connected = false;
-      ++s.lostConnections;
-      s.lastError = why;
-    });
-    waitAndGrow();
-  };
-  // One line from gpsd. `armed`: the line was read after the arming, so a fix in it is fresh.
-  auto handleLine = [&](std::string& line, bool armed) {
-    if (std::string_view(line).substr(0, kMessageHead).find(R"("class":"TPV")") ==
-        std::string_view::npos)
-      return;
-    gps_unpack(line.data(), &gps);  // every TPV resets the fields it lacks
-    {
-      std::lock_guard lock(mutex);
-      ++status.reports;
-    }
-    auto fix = fixFromReport(gps.fix);
-    if (std::holds_alternative<Location>(fix))
-      retry = options.retryMin;  // gpsd serves fixes: the back-off starts afresh
-    if (!armed) {
-      log("gpsd: report dropped: it arrived while no sample was armed");
-      return;
-    }
-    if (auto* why = std::get_if<std::string>(&fix)) {
-      log(fmt::format("gpsd: report dropped: {}", *why));
-      return;
-    }
-    const auto& location = std::get<Location>(fix);
-    if (lastDelivered && location.timestamp < *lastDelivered) {
-      log(fmt::format("gpsd: report dropped: its time {} is older than the last fix delivered ({})",
-                      timeText(location.timestamp), timeText(*lastDelivered)));
-      return;
-    }
-    lastDelivered = location.timestamp;
-    deliver(location);
-  };
-  // Reads everything gpsd has sent so far; false (with `why`) when the connection is gone.
-  auto readAll = [&](bool armed, std::string& why) {
-    char buffer[4096];
-    for (;;) {
-      const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-      if (n < 0 && errno == EINTR)
-        continue;
-      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-        return true;
-      if (n <= 0) {
-        why = n == 0 ? std::string("closed by gpsd") : errorText(errno);
-        return false;
-      }
-      pending.append(buffer, static_cast<std::size_t>(n));
-      std::size_t begin = 0;
-      for (auto end = pending.find('\n'); end != std::string::npos;
-           end = pending.find('\n', begin)) {
-        std::string line = pending.substr(begin, end - begin);
-        begin = end + 1;
-        if (!line.empty() && line.back() == '\r')
-          line.pop_back();
-        handleLine(line, armed);
-      }
-      pending.erase(0, begin);
-      if (pending.size() > kMaxLine) {
-        why = fmt::format("a line over {} bytes", kMaxLine);
-        return false;
-      }
-    }
-  };
-
+  retry = options.retryMin;
   for (;;) {
     bool wanted = false;
     bool wants = false;
@@ -396,61 +320,170 @@ void GpsdLocationManager::State::run() {
       wants = wantsWatch();
     }
     if (!wanted) {
-      if (fd >= 0) {
+      if (connection >= 0) {
         report([](GpsdStatus& s) { s.connected = false; });
         closeConnection();
       }
       sleep(-1, 0, std::chrono::milliseconds(-1));
       continue;
     }
-
-    if (fd < 0) {
-      std::string why;
-      fd = connectToGpsd(why);
-      if (fd < 0) {
-        if (stopping())
-          continue;
-        log(fmt::format("gpsd: cannot connect to {} ({}); retrying in {}", address(), why,
-                        secondsText(retry)));
-        report([&](GpsdStatus& s) {
-          ++s.failedAttempts;
-          s.lastError = why;
-        });
-        waitAndGrow();
-        continue;
-      }
-      log(fmt::format("gpsd: connected to {}", address()));
-      report([](GpsdStatus& s) {
-        s.connected = true;
-        ++s.connections;
-      });
-    }
-
-    if (told != wants) {
-      const auto command = wants ? kWatchOn : kWatchOff;
-      if (::send(fd, command.data(), command.size(), MSG_NOSIGNAL) !=
-          static_cast<ssize_t>(command.size())) {
-        lose("cannot send the watch request");
-        continue;
-      }
-      told = wants;
-    }
-
-    // Reports are read only after this poll says so. They count as read after the arming
-    // only when the arming came before the settings were looked at above: what was already
-    // waiting when the thread was woken for an arming is judged as before it.
-    if (sleep(fd, POLLIN, std::chrono::milliseconds(-1)) == 0)
+    if (connection < 0 && !connect())
       continue;
-    bool armed = false;
-    {
-      std::lock_guard lock(mutex);
-      armed = wants && wantsWatch() && !closed.load();
-    }
-    std::string why;
-    if (!readAll(armed, why))
-      lose(why);
+    if (!tellWatch(wants))
+      continue;
+    readReports(wants);
   }
   closeConnection();
+}
+
+void GpsdLocationManager::State::closeConnection() {
+  if (connection >= 0)
+    ::close(connection);
+  connection = -1;
+  pending.clear();
+  told.reset();
+}
+
+// Settings changes wake the thread, but only a stop or a shutdown cuts the wait short.
+void GpsdLocationManager::State::waitAndGrow() {
+  const auto until = SteadyClock::now() + retry;
+  while (!stopping()) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - SteadyClock::now());
+    if (left.count() <= 0)
+      break;
+    sleep(-1, 0, left);
+  }
+  retry = std::min(retry * 2, options.retryMax);
+}
+
+void GpsdLocationManager::State::lose(const std::string& why) {
+  closeConnection();
+  log(fmt::format("gpsd: connection to {} lost ({}); reconnecting in {}", address(), why,
+                  secondsText(retry)));
+  report([&](GpsdStatus& s) {
+    s.connected = false;
+    ++s.lostConnections;
+    s.lastError = why;
+  });
+  waitAndGrow();
+}
+
+// Opens the connection; false when there is none yet (the wait before the next attempt, if
+// any, has passed).
+bool GpsdLocationManager::State::connect() {
+  std::string why;
+  connection = connectToGpsd(why);
+  if (connection < 0) {
+    if (stopping())
+      return false;
+    log(fmt::format("gpsd: cannot connect to {} ({}); retrying in {}", address(), why,
+                    secondsText(retry)));
+    report([&](GpsdStatus& s) {
+      ++s.failedAttempts;
+      s.lastError = why;
+    });
+    waitAndGrow();
+    return false;
+  }
+  log(fmt::format("gpsd: connected to {}", address()));
+  report([](GpsdStatus& s) {
+    s.connected = true;
+    ++s.connections;
+  });
+  return true;
+}
+
+// Asks gpsd to watch or not, when that changed; false when the connection was lost doing so.
+bool GpsdLocationManager::State::tellWatch(bool wants) {
+  if (told == wants)
+    return true;
+  const auto command = wants ? kWatchOn : kWatchOff;
+  if (::send(connection, command.data(), command.size(), MSG_NOSIGNAL) !=
+      static_cast<ssize_t>(command.size())) {
+    lose("cannot send the watch request");
+    return false;
+  }
+  told = wants;
+  return true;
+}
+
+// Waits for reports (or a wake-up) and reads what came. `wants`: whether a sample was armed
+// when the settings were looked at before the wait.
+void GpsdLocationManager::State::readReports(bool wants) {
+  // Reports are read only after this poll says so. They count as read after the arming only
+  // when the arming came before the settings were looked at: what was already waiting when
+  // the thread was woken for an arming is judged as before it.
+  if (sleep(connection, POLLIN, std::chrono::milliseconds(-1)) == 0)
+    return;
+  bool armed = false;
+  {
+    std::lock_guard lock(mutex);
+    armed = wants && wantsWatch() && !closed.load();
+  }
+  std::string why;
+  if (!readAll(armed, why))
+    lose(why);
+}
+
+// Reads everything gpsd has sent so far; false (with `why`) when the connection is gone.
+bool GpsdLocationManager::State::readAll(bool armed, std::string& why) {
+  char buffer[4096];
+  for (;;) {
+    const ssize_t n = ::recv(connection, buffer, sizeof buffer, 0);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+      return true;
+    if (n <= 0) {
+      why = n == 0 ? std::string("closed by gpsd") : errorText(errno);
+      return false;
+    }
+    pending.append(buffer, static_cast<std::size_t>(n));
+    std::size_t begin = 0;
+    for (auto end = pending.find('\n'); end != std::string::npos; end = pending.find('\n', begin)) {
+      std::string line = pending.substr(begin, end - begin);
+      begin = end + 1;
+      if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+      handleLine(line, armed);
+    }
+    pending.erase(0, begin);
+    if (pending.size() > kMaxLine) {
+      why = fmt::format("a line over {} bytes", kMaxLine);
+      return false;
+    }
+  }
+}
+
+// One line from gpsd. `armed`: the line was read after the arming, so a fix in it is fresh.
+void GpsdLocationManager::State::handleLine(std::string& line, bool armed) {
+  if (std::string_view(line).substr(0, kMessageHead).find(R"("class":"TPV")") ==
+      std::string_view::npos)
+    return;
+  gps_unpack(line.data(), &gps);  // every TPV resets the fields it lacks
+  {
+    std::lock_guard lock(mutex);
+    ++status.reports;
+  }
+  auto fix = fixFromReport(gps.fix);
+  if (std::holds_alternative<Location>(fix))
+    retry = options.retryMin;  // gpsd serves fixes: the back-off starts afresh
+  if (!armed) {
+    log("gpsd: report dropped: it arrived while no sample was armed");
+    return;
+  }
+  if (auto* why = std::get_if<std::string>(&fix)) {
+    log(fmt::format("gpsd: report dropped: {}", *why));
+    return;
+  }
+  const auto& location = std::get<Location>(fix);
+  if (lastDelivered && location.timestamp < *lastDelivered) {
+    log(fmt::format("gpsd: report dropped: its time {} is older than the last fix delivered ({})",
+                    timeText(location.timestamp), timeText(*lastDelivered)));
+    return;
+  }
+  lastDelivered = location.timestamp;
+  deliver(location);
 }
 
 GpsdLocationManager::GpsdLocationManager(std::shared_ptr<Dispatcher> dispatcher,
