@@ -31,9 +31,9 @@ void armTick(const std::shared_ptr<Scheduler>& scheduler, std::shared_ptr<SimTic
     if (!ticker->valid())
       return;
     (*tick)();
-    auto scheduler = weakScheduler.lock();
-    if (scheduler && ticker->valid())
-      armTick(scheduler, ticker, interval, tick);
+    auto alive = weakScheduler.lock();
+    if (alive && ticker->valid())
+      armTick(alive, ticker, interval, tick);
   });
 }
 

@@ -90,7 +90,7 @@ const DistanceCase kDistances[] = {
 // clang-format on
 
 INSTANTIATE_TEST_SUITE_P(Texts, Distance, ::testing::ValuesIn(kDistances),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& test) { return std::string(test.param.name); });
 
 FenceDef point(std::int64_t id, double metresAway, float radius) {
   return {id, "P" + std::to_string(id), "point", pointNorthOfOrigin(metresAway), radius, {}};
@@ -162,7 +162,7 @@ const PassCase kPasses[] = {
 // clang-format on
 
 INSTANTIATE_TEST_SUITE_P(Cases, EvaluationPass, ::testing::ValuesIn(kPasses),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& test) { return std::string(test.param.name); });
 
 using FencePass = test::FenceFixture;
 
@@ -239,7 +239,7 @@ const ConfirmCase kConfirmations[] = {
 // clang-format on
 
 INSTANTIATE_TEST_SUITE_P(Events, Confirmation, ::testing::ValuesIn(kConfirmations),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& test) { return std::string(test.param.name); });
 
 // ---- Dwell timing: counting seconds inside entered fences, firing windows, the time left ----
 
@@ -292,7 +292,7 @@ TEST_P(DwellScript, WindowsFireOnTheTickAfterTheyElapseAndRearmOnceTheFenceIsLef
   EXPECT_FALSE(fences[3]->dwelled());
 }
 INSTANTIATE_TEST_SUITE_P(Snapshots, DwellScript, ::testing::Bool(),
-                         [](const auto& info) { return info.param ? "Cached" : "Plain"; });
+                         [](const auto& test) { return test.param ? "Cached" : "Plain"; });
 
 TEST_F(DwellTiming, TheTimerTicksEverySecondUntilStoppedAndASecondStartReplacesIt) {
   auto fence = publish({{}})[0];

@@ -329,7 +329,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Timing{"FixDelay", {.fixDelay = 5s}, {5, 6, 7, 8}, 1},
                       Timing{"Batches", {.batch = 3}, {3, 6}, 3},
                       Timing{"DelayAndBatches", {.fixDelay = 5s, .batch = 2}, {6, 8}, 2}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& test) { return std::string(test.param.name); });
 
 TEST_F(SimLocationManagerTest, StaleFirstRepeatsTheReceiversLastFixOnSharpening) {
   manager->setDeviceModel({.fixDelay = 2s, .staleFirst = true});
