@@ -125,7 +125,9 @@ struct AddrInfoDeleter {
 
 }  // namespace
 
-struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
+// Hidden: the state is the library's own, though it is named inside an exported class.
+struct [[gnu::visibility("hidden")]] GpsdLocationManager::State
+    : std::enable_shared_from_this<State> {
   State(std::shared_ptr<Dispatcher> d, std::shared_ptr<Logger> l, GpsdOptions o)
       : dispatcher(std::move(d)), logger(std::move(l)), options(std::move(o)) {
     wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
@@ -164,7 +166,7 @@ struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
   }
 
   template <class Change>
-  void change(Change&& apply) {
+  void change(Change && apply) {
     {
       std::lock_guard lock(mutex);
       apply();
@@ -177,7 +179,9 @@ struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
       logger->log(line);
   }
 
-  std::string address() const { return options.host + ":" + options.port; }
+  std::string address() const {
+    return options.host + ":" + options.port;
+  }
 
   // Whether the thread should give up what it waits for: a shutdown, or a stop.
   bool stopping() const {
@@ -187,7 +191,7 @@ struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
 
   // Updates the counters and tells the listener: for connection events only.
   template <class Update>
-  void report(Update&& update) {
+  void report(Update && update) {
     GpsdStatus copy;
     std::shared_ptr<const Listener> call;
     {
@@ -219,7 +223,7 @@ struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
   // A connected non-blocking socket to gpsd, or -1 with `why`. The whole attempt, every
   // address of the host included, takes at most `connectTimeout`; a stop or a shutdown cuts
   // it short. Only the name lookup may take longer, up to the resolver's own time-outs.
-  int connectToGpsd(std::string& why) const {
+  int connectToGpsd(std::string & why) const {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
@@ -302,7 +306,7 @@ struct GpsdLocationManager::State : std::enable_shared_from_this<State> {
   bool tellWatch(bool wants);
   void readReports(bool wants);
   bool readAll(bool armed, std::string& why);
-  void handleLine(std::string& line, bool armed);
+  void handleLine(std::string & line, bool armed);
 };
 
 void GpsdLocationManager::State::run() {
