@@ -9,7 +9,6 @@ packages=(
   libgeos-dev libcurl4-openssl-dev nlohmann-json3-dev libsimdjson-dev libfmt-dev
   libgeographiclib-dev
   libcli11-dev libpugixml-dev libcpp-httplib-dev libsqlite3-dev
-  libpq-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libjs-leaflet libjs-chart.js chromium
   libgps-dev gpsd gpsd-clients
