@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <initializer_list>
 #include <mutex>
+#include <unordered_map>
 
 #include <fmt/format.h>
 #include <libpq-fe.h>
@@ -178,23 +179,36 @@ class PostgresSession : public StoreSession {
   PGconn* connection() const { return connection_.get(); }
   const std::string& lastError() const override { return lastError_; }
 
-  // Runs one statement; null (and lastError says why) when it fails.
+  // Runs one statement; null (and lastError says why) when it fails. Statements with
+  // parameters (the fixed texts of this file) are prepared once per connection: most requests
+  // are a handful of them, and planning would cost more than running.
   Result run(const char* sql, std::initializer_list<std::string> params = {}) {
     std::vector<const char*> values;
     for (const auto& p : params)
       values.push_back(p.c_str());
-    Result r(PQexecParams(connection_.get(), sql, static_cast<int>(values.size()), nullptr,
-                          values.data(), nullptr, nullptr, 0));
-    const auto status = r ? PQresultStatus(r.get()) : PGRES_FATAL_ERROR;
-    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
-      lastError_ = PQerrorMessage(connection_.get());
-      while (!lastError_.empty() && (lastError_.back() == '\n' || lastError_.back() == ' '))
-        lastError_.pop_back();
-      if (lastError_.empty())
-        lastError_ = "PostgreSQL failed";
+    const int n = static_cast<int>(values.size());
+    if (n == 0)
+      return check(Result(PQexec(connection_.get(), sql)));
+    auto [it, fresh] = prepared_.try_emplace(sql, fmt::format("s{}", prepared_.size()));
+    if (fresh &&
+        !check(Result(PQprepare(connection_.get(), it->second.c_str(), sql, n, nullptr)))) {
+      prepared_.erase(it);
       return nullptr;
     }
-    return r;
+    return check(Result(PQexecPrepared(connection_.get(), it->second.c_str(), n, values.data(),
+                                       nullptr, nullptr, 0)));
+  }
+
+  Result check(Result r) {
+    const auto status = r ? PQresultStatus(r.get()) : PGRES_FATAL_ERROR;
+    if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK)
+      return r;
+    lastError_ = PQerrorMessage(connection_.get());
+    while (!lastError_.empty() && (lastError_.back() == '\n' || lastError_.back() == ' '))
+      lastError_.pop_back();
+    if (lastError_.empty())
+      lastError_ = "PostgreSQL failed";
+    return nullptr;
   }
 
   bool begin() override { return run("BEGIN") != nullptr; }
@@ -434,6 +448,7 @@ class PostgresSession : public StoreSession {
 
   Connection connection_;
   const std::vector<std::size_t>& unsearchable_;
+  std::unordered_map<std::string, std::string> prepared_;  // statement text: its name
   std::string lastError_;
 };
 
