@@ -453,9 +453,10 @@ class PostgresSession : public StoreSession {
 };
 
 Connection connect(const std::string& url, std::string& error) {
-  // A time limit for reaching the server unless the URL sets its own.
-  const char* keywords[] = {"connect_timeout", "application_name", "dbname", nullptr};
-  const char* values[] = {"5", "zonaris-service", url.c_str(), nullptr};
+  // A time limit for reaching the server unless the URL sets its own, and doubles as text that
+  // reads back as the same value whatever the server's default.
+  const char* keywords[] = {"connect_timeout", "application_name", "options", "dbname", nullptr};
+  const char* values[] = {"5", "zonaris-service", "-c extra_float_digits=3", url.c_str(), nullptr};
   Connection c(PQconnectdbParams(keywords, values, 1));
   if (!c) {
     error = "cannot connect to PostgreSQL: out of memory";
@@ -478,7 +479,9 @@ class PostgresStore : public Store {
   PostgresStore(std::string url, std::size_t connections, std::vector<std::size_t> unsearchable)
       : url_(std::move(url)),
         limit_(std::max<std::size_t>(1, connections)),
-        unsearchable_(std::move(unsearchable)) {}
+        unsearchable_(std::move(unsearchable)) {
+    idle_.reserve(limit_);  // taking a session back never allocates
+  }
 
   const std::vector<std::size_t>& unsearchable() const { return unsearchable_; }
 
@@ -501,9 +504,10 @@ class PostgresStore : public Store {
       auto s = std::move(idle_.back());
       idle_.pop_back();
       // A connection the server closed meanwhile (a restart) reads as gone here, before a
-      // request is lost on it.
+      // request is lost on it: the first read takes what the server said last ("terminating
+      // connection"), the second meets the end of the stream.
       PGconn* c = s->connection();
-      if (PQconsumeInput(c) == 1 && PQstatus(c) == CONNECTION_OK)
+      if (PQconsumeInput(c) == 1 && PQconsumeInput(c) == 1 && PQstatus(c) == CONNECTION_OK)
         return lease(std::move(s));
       --open_;
     }
