@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -171,6 +172,23 @@ std::string fingerprint(const std::vector<Fence>& fences) {
   return fmt::format("{}:{:016x}", fences.size(), hash);
 }
 
+// libpq's message as one line: its hints follow on lines of their own.
+std::string oneLine(const char* message) {
+  std::string line;
+  bool space = false;
+  for (const char* c = message; *c != '\0'; ++c) {
+    if (std::isspace(static_cast<unsigned char>(*c))) {
+      space = !line.empty();
+      continue;
+    }
+    if (space)
+      line += ' ';
+    space = false;
+    line += *c;
+  }
+  return line.empty() ? "PostgreSQL failed" : line;
+}
+
 class PostgresSession : public StoreSession {
  public:
   PostgresSession(Connection connection, const std::vector<std::size_t>& unsearchable)
@@ -203,11 +221,7 @@ class PostgresSession : public StoreSession {
     const auto status = r ? PQresultStatus(r.get()) : PGRES_FATAL_ERROR;
     if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK)
       return r;
-    lastError_ = PQerrorMessage(connection_.get());
-    while (!lastError_.empty() && (lastError_.back() == '\n' || lastError_.back() == ' '))
-      lastError_.pop_back();
-    if (lastError_.empty())
-      lastError_ = "PostgreSQL failed";
+    lastError_ = oneLine(PQerrorMessage(connection_.get()));
     return nullptr;
   }
 
@@ -400,7 +414,8 @@ class PostgresSession : public StoreSession {
     for (std::int64_t version = integer(current.get(), 0, 0) + 1; version <= kCount; ++version) {
       Result r(PQexec(connection_.get(), kMigrations[version - 1]));
       if (!r || PQresultStatus(r.get()) != PGRES_COMMAND_OK) {
-        lastError_ = fmt::format("migration {}: {}", version, PQerrorMessage(connection_.get()));
+        lastError_ =
+            fmt::format("migration {}: {}", version, oneLine(PQerrorMessage(connection_.get())));
         rollback();
         return false;
       }
@@ -466,9 +481,7 @@ Connection connect(const std::string& url, std::string& error) {
   PQsetNoticeProcessor(
       c.get(), [](void*, const char*) {}, nullptr);
   if (PQstatus(c.get()) != CONNECTION_OK) {
-    error = fmt::format("cannot connect to PostgreSQL: {}", PQerrorMessage(c.get()));
-    while (!error.empty() && (error.back() == '\n' || error.back() == ' '))
-      error.pop_back();
+    error = "cannot connect to PostgreSQL: " + oneLine(PQerrorMessage(c.get()));
     return nullptr;
   }
   return c;
