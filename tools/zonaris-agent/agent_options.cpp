@@ -5,7 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "cli_text.hpp"
+#include "common/cli_text.hpp"
 
 namespace zonaris::agent {
 

@@ -20,9 +20,9 @@
 
 #include <fmt/format.h>
 
+#include "common/counting_http.hpp"
+#include "common/json_lines.hpp"
 #include "zonaris-agent/agent_options.hpp"
-#include "zonaris-sim/counting_http.hpp"
-#include "zonaris-sim/json_lines.hpp"
 #include "zonaris/platform/gpsd.hpp"
 #include "zonaris/platform/production.hpp"
 #include "zonaris/zonaris.hpp"
@@ -30,10 +30,10 @@
 namespace zonaris::agent {
 namespace {
 
-using sim_tool::CountingHttpClient;
-using sim_tool::Exchange;
-using sim_tool::JsonLinesDelegate;
-using sim_tool::JsonLinesWriter;
+using tools::CountingHttpClient;
+using tools::Exchange;
+using tools::JsonLinesDelegate;
+using tools::JsonLinesWriter;
 
 void say(const std::string& line) {
   std::fputs(("zonaris-agent: " + line + "\n").c_str(), stderr);
@@ -214,11 +214,11 @@ int run(const Options& o) {
   std::string requests;
   std::uint64_t failed = 0;
   const auto counts = http->counts();
-  for (std::size_t i = 0; i < sim_tool::kExchangeCount; ++i) {
+  for (std::size_t i = 0; i < tools::kExchangeCount; ++i) {
     if (i == static_cast<std::size_t>(Exchange::Other) && counts[i].sent == 0)
       continue;
     requests += fmt::format("{}{} {}", requests.empty() ? "" : ", ",
-                            sim_tool::exchangeName(static_cast<Exchange>(i)), counts[i].sent);
+                            tools::exchangeName(static_cast<Exchange>(i)), counts[i].sent);
     failed += counts[i].failed;
   }
   const auto entries = count("eventEnterCallback"), exits = count("eventExitCallback"),

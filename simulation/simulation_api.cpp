@@ -7,7 +7,8 @@
 #include <vector>
 
 #include "capi/bridge.hpp"
-#include "sim_run.hpp"
+#include "zonaris-sim/sim_options.hpp"
+#include "zonaris/simulation/sim_run.hpp"
 #include "zonaris/zonaris_sim.h"
 
 using zonaris::capi::fail;
@@ -62,7 +63,7 @@ ZONARIS_API zonaris_status zonaris_simulation_create(const char* const* args,
     auto parsed = zonaris::sim_tool::parseOptions(static_cast<int>(argv.size()), argv.data());
     if (auto* exit = std::get_if<zonaris::sim_tool::EarlyExit>(&parsed))
       return fail(ZONARIS_STATUS_INVALID_ARGUMENT, exit->text);
-    const auto& options = std::get<zonaris::sim_tool::Options>(parsed);
+    const auto& options = std::get<zonaris::sim_tool::ToolOptions>(parsed).run;
     if (options.score)
       return fail(ZONARIS_STATUS_UNSUPPORTED, "--score is available in zonaris-sim only");
 

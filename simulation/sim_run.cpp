@@ -1,4 +1,4 @@
-#include "sim_run.hpp"
+#include "zonaris/simulation/sim_run.hpp"
 
 #include <chrono>
 #include <cstdlib>
@@ -24,6 +24,12 @@ std::string makeTemporaryFolder() {
 
 std::variant<Inputs, RunError> readInputs(const Options& o) {
   const auto usage = [](std::string message) { return RunError{kUsageError, std::move(message)}; };
+  if (o.fences.has_value() == o.service.has_value())
+    return usage("one of the fences or a service URL is needed, not both");
+  if (o.service && serviceBaseUrl(*o.service) != *o.service)
+    return usage("not an http:// or https:// URL without a trailing slash: " + *o.service);
+  if (o.score && !o.fences)
+    return usage("a score needs the fences: the truth is computed from them");
   Inputs in;
   try {
     in.trace = std::make_shared<const sim::Trace>(sim::Trace::load(o.trace, o.pace));
@@ -123,7 +129,7 @@ std::optional<RunError> SimRun::start(std::shared_ptr<ZonarisDelegate> delegate,
     network_ = std::make_shared<sim::SimNetwork>(transport, scheduler_, options_.network);
     transport = network_;
   }
-  http_ = std::make_shared<CountingHttpClient>(transport, baseUrl_);
+  http_ = std::make_shared<tools::CountingHttpClient>(transport, baseUrl_);
 
   sim::SimulationOptions options;
   options.start = inputs_.start;
