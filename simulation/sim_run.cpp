@@ -24,12 +24,13 @@ std::string makeTemporaryFolder() {
 
 std::variant<Inputs, RunError> readInputs(const Options& o) {
   const auto usage = [](std::string message) { return RunError{kUsageError, std::move(message)}; };
+  // The command line checks the same; these reach the typed options' callers.
   if (o.fences.has_value() == o.service.has_value())
-    return usage("one of the fences or a service URL is needed, not both");
+    return usage("one of --fences FILE or --service URL is needed");
   if (o.service && serviceBaseUrl(*o.service) != *o.service)
-    return usage("not an http:// or https:// URL without a trailing slash: " + *o.service);
+    return usage("--service: not an http:// or https:// URL: " + *o.service);
   if (o.score && !o.fences)
-    return usage("a score needs the fences: the truth is computed from them");
+    return usage("--score needs --fences: the truth is computed from them");
   Inputs in;
   try {
     in.trace = std::make_shared<const sim::Trace>(sim::Trace::load(o.trace, o.pace));
