@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "common/client_options.hpp"
 #include "zonaris/platform/curl_http.hpp"
 #include "zonaris/platform/production.hpp"
 #include "zonaris/sim/location_manager.hpp"
@@ -159,16 +160,14 @@ std::optional<RunError> SimRun::start(std::shared_ptr<ZonarisDelegate> delegate,
   client_ = Zonaris::initWithAppKey(options_.appKey, simulation_->platform());
   if (!client_)
     return RunError{1, "the simulated platform is incomplete"};
-  if (inputs_.uuid)
-    client_->setUUID(*inputs_.uuid);
-  client_->setDevMode(options_.devMode);
-  client_->setSamplingPolicy(options_.sampling);
-  client_->setCompression(options_.compress);
-  if (inputs_.tags)
-    client_->setTags(inputs_.tags);
-  if (options_.silence)
-    client_->setSilenceWindowStart(options_.silence->first, options_.silence->second);
-  client_->setDelegate(delegate_);
+  tools::configureClient(*client_,
+                         tools::ClientSettings{.uuid = inputs_.uuid,
+                                               .tags = inputs_.tags,
+                                               .silence = options_.silence,
+                                               .devMode = options_.devMode,
+                                               .sampling = options_.sampling,
+                                               .compress = options_.compress},
+                         delegate_);
   client_->start();
   return std::nullopt;
 }

@@ -20,6 +20,7 @@
 
 #include <fmt/format.h>
 
+#include "common/client_options.hpp"
 #include "common/counting_http.hpp"
 #include "common/json_lines.hpp"
 #include "zonaris-agent/agent_options.hpp"
@@ -165,7 +166,7 @@ int run(const Options& o) {
       std::make_shared<ServiceWatch>(parts.http, o.service), o.service);
   parts.http = http;
 
-  auto delegate = std::make_shared<JsonLinesDelegate>(writer);
+  std::shared_ptr<ZonarisDelegate> delegate = std::make_shared<JsonLinesDelegate>(writer);
   auto client = Zonaris::initWithAppKey(o.appKey, parts);
   if (!client) {
     say("the production platform is incomplete");
@@ -178,15 +179,7 @@ int run(const Options& o) {
     gpsdWatch.update(gpsd->status());  // an attempt may have failed before the listener was set
   }
 
-  if (o.uuid)
-    client->setUUID(*o.uuid);
-  client->setDevMode(o.devMode);
-  client->setSamplingPolicy(o.sampling);
-  if (o.tags)
-    client->setTags(o.tags);
-  if (o.silence)
-    client->setSilenceWindowStart(o.silence->first, o.silence->second);
-  client->setDelegate(delegate);
+  tools::configureClient(*client, o.client, delegate);
   client->start();
 
   std::optional<std::chrono::steady_clock::time_point> deadline;

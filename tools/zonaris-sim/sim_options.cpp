@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include "common/cli_text.hpp"
+#include "common/client_options.hpp"
 #include "zonaris-service/confirm_options.hpp"
 
 namespace zonaris::sim_tool {
@@ -15,12 +16,11 @@ namespace {
 /// What the command line gave, before it is mapped onto the options: the values of the options
 /// that have no field of their own, and the options whose presence matters.
 struct Given {
-  std::string fences, service, store, uuid, tags, beacons, start;
-  std::pair<int, int> silence{0, 0};
+  std::string fences, service, store, beacons, start;
+  tools::ClientOptionTexts client;
   double until = 0.0;
-  CLI::Option *fencesOpt = nullptr, *serviceOpt = nullptr, *storeOpt = nullptr, *uuidOpt = nullptr,
-              *tagsOpt = nullptr, *silenceOpt = nullptr, *beaconsOpt = nullptr, *startOpt = nullptr,
-              *untilOpt = nullptr;
+  CLI::Option *fencesOpt = nullptr, *serviceOpt = nullptr, *storeOpt = nullptr,
+              *beaconsOpt = nullptr, *startOpt = nullptr, *untilOpt = nullptr;
 
   std::string device = "ideal", idleFixes, motion = "none";
   double fixDelay = 1.0, noise = 0.0, outliers = 0.0, latency = 0.0, pace = 0.0;
@@ -54,11 +54,7 @@ void addRunOptions(CLI::App& app, Options& o, Given& g) {
   g.storeOpt = app.add_option("--store", g.store,
                               "folder of the install id store (default: a new temporary "
                               "folder, removed at the end)");
-  g.uuidOpt = app.add_option("--uuid", g.uuid, "beacon proximity UUID");
-  g.tagsOpt = app.add_option("--tags", g.tags, "tags as a JSON object");
-  g.silenceOpt = app.add_option("--silence", g.silence, "daily silence window: START STOP hours")
-                     ->check(CLI::Range(0, 23));
-  app.add_flag("--dev-mode", o.devMode, "developer mode: the client logs every step");
+  tools::addClientOptions(app, g.client, o.devMode);
   g.beaconsOpt =
       app.add_option("--beacons", g.beacons,
                      "beacon sightings, CSV t_start,t_end,uuid,major,minor,accuracy,proximity")
@@ -135,11 +131,7 @@ void addNetworkOptions(CLI::App& app, Given& g) {
 
 /// The client's sampling and compression, the service's confirmation rules, and the score.
 void addBehaviourOptions(CLI::App& app, Options& o, Given& g) {
-  app.add_option("--sampling", g.sampling,
-                 "when the client samples: design (the design's rule) or efficient (fewer "
-                 "fixes, see the README)")
-      ->capture_default_str()
-      ->check(CLI::IsMember({"design", "efficient"}));
+  tools::addSamplingOption(app, g.sampling);
   app.add_flag("--compress", o.compress,
                "accept the fence catalogue gzip-compressed (Zonaris::setCompression); the "
                "summary counts the bytes as they arrived");
@@ -165,12 +157,12 @@ std::optional<EarlyExit> takeRunOptions(const Given& g, Options& o) {
   }
   if (g.storeOpt->count())
     o.store = g.store;
-  if (g.uuidOpt->count())
-    o.uuid = g.uuid;
-  if (g.tagsOpt->count())
-    o.tags = g.tags;
-  if (g.silenceOpt->count())
-    o.silence = g.silence;
+  if (g.client.uuidOpt->count())
+    o.uuid = g.client.uuid;
+  if (g.client.tagsOpt->count())
+    o.tags = g.client.tags;
+  if (g.client.silenceOpt->count())
+    o.silence = g.client.silence;
   if (g.beaconsOpt->count())
     o.beacons = g.beacons;
   if (g.startOpt->count())
@@ -217,7 +209,7 @@ std::optional<EarlyExit> takeNetworkOptions(const Given& g, Options& o) {
 }
 
 std::optional<EarlyExit> takeBehaviourOptions(const Given& g, ToolOptions& t) {
-  t.run.sampling = g.sampling == "efficient" ? SamplingPolicy::Efficient : SamplingPolicy::Design;
+  t.run.sampling = tools::samplingNamed(g.sampling);
   if (g.scoreOpt->count()) {
     if (!t.run.fences)
       return usage("--score needs --fences: the truth is computed from them");
