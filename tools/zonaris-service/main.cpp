@@ -9,7 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include "zonaris-service/confirm_options.hpp"
-#include "zonaris-service/reference_service.hpp"
+#include "zonaris/service/reference_service.hpp"
 
 namespace {
 

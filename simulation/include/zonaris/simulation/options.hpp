@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "zonaris-service/event_rules.hpp"
+#include "zonaris/service/event_rules.hpp"
 #include "zonaris/sim/location_manager.hpp"
 #include "zonaris/sim/network.hpp"
 #include "zonaris/zonaris.hpp"

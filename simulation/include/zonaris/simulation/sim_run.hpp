@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "common/counting_http.hpp"
-#include "zonaris-service/reference_service.hpp"
+#include "zonaris/service/reference_service.hpp"
 #include "zonaris/sim/sim_platform.hpp"
 #include "zonaris/simulation/counting_location.hpp"
 #include "zonaris/simulation/options.hpp"

@@ -10,7 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "zonaris-service/event_rules.hpp"
+#include "zonaris/service/event_rules.hpp"
 
 namespace zonaris::service_tool {
 

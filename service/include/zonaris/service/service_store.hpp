@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "zonaris-service/event_rules.hpp"
+#include "zonaris/service/event_rules.hpp"
 
 struct sqlite3;
 

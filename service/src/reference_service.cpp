@@ -1,4 +1,4 @@
-#include "zonaris-service/reference_service.hpp"
+#include "zonaris/service/reference_service.hpp"
 
 #include <algorithm>
 #include <array>
@@ -16,10 +16,10 @@
 #include <httplib.h>
 
 #include "fences/geometry.hpp"
-#include "zonaris-service/event_rules.hpp"
-#include "zonaris-service/fence_set.hpp"
-#include "zonaris-service/json_read.hpp"
-#include "zonaris-service/service_store.hpp"
+#include "zonaris/service/event_rules.hpp"
+#include "zonaris/service/fence_set.hpp"
+#include "zonaris/service/json_read.hpp"
+#include "zonaris/service/service_store.hpp"
 
 namespace zonaris::service_tool {
 

@@ -1,4 +1,4 @@
-#include "zonaris-service/service_store.hpp"
+#include "zonaris/service/service_store.hpp"
 
 #include <array>
 
