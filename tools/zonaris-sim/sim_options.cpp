@@ -7,7 +7,7 @@
 
 #include "common/cli_text.hpp"
 #include "common/client_options.hpp"
-#include "zonaris-service/confirm_options.hpp"
+#include "common/confirm_options.hpp"
 
 namespace zonaris::sim_tool {
 
