@@ -1,4 +1,6 @@
-// The simulation half of the C API: a zonaris-sim run behind an opaque handle.
+// The simulation half of the C API: typed options behind one opaque handle, a run of the
+// simulation library behind another. The deprecated argv entry point reads zonaris-sim's
+// command line into the same options.
 
 #include <chrono>
 #include <cmath>
@@ -52,7 +54,8 @@ zonaris_status noOptions() {
   return fail(ZONARIS_STATUS_INVALID_ARGUMENT, "the options handle is null");
 }
 
-// Sets a simulation up from checked options: the run opened, the client started.
+// Sets a simulation up: the run opened (which checks the options and reads the files), the
+// client started.
 zonaris_status create(const zonaris::sim_tool::Options& options, const zonaris_callbacks* callbacks,
                       zonaris_simulation*& simulation) {
   auto handle = std::make_unique<zonaris_simulation>();
