@@ -32,12 +32,14 @@ void applyDevicePreset(const DevicePreset& preset, Options& options) {
       std::chrono::duration<double, std::milli>(preset.latency));
 }
 
-std::optional<std::string> serviceBaseUrl(std::string url) {
+std::string withoutTrailingSlashes(std::string url) {
   while (!url.empty() && url.back() == '/')
     url.pop_back();
-  if (url.rfind("http://", 0) != 0 && url.rfind("https://", 0) != 0)
-    return std::nullopt;
   return url;
+}
+
+bool isServiceBaseUrl(std::string_view url) {
+  return (url.starts_with("http://") || url.starts_with("https://")) && !url.ends_with('/');
 }
 
 }  // namespace zonaris::sim_tool

@@ -28,7 +28,7 @@ std::variant<Inputs, RunError> readInputs(const Options& o) {
   // The command line checks the same; these reach the typed options' callers.
   if (o.fences.has_value() == o.service.has_value())
     return usage("one of --fences FILE or --service URL is needed");
-  if (o.service && serviceBaseUrl(*o.service) != *o.service)
+  if (o.service && !isServiceBaseUrl(*o.service))
     return usage("--service: not an http:// or https:// URL: " + *o.service);
   if (o.score && !o.fences)
     return usage("--score needs --fences: the truth is computed from them");

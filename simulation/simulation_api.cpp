@@ -141,8 +141,8 @@ zonaris_simulation_options_set_fences(zonaris_simulation_options* options, const
 ZONARIS_API zonaris_status
 zonaris_simulation_options_set_service(zonaris_simulation_options* options, const char* base_url) {
   return setOption(options, [&](Options& o) {
-    auto url = base_url ? zonaris::sim_tool::serviceBaseUrl(base_url) : std::nullopt;
-    if (!url)
+    std::string url = zonaris::sim_tool::withoutTrailingSlashes(base_url ? base_url : "");
+    if (!zonaris::sim_tool::isServiceBaseUrl(url))
       return outOfRange("--service: not an http:// or https:// URL");
     o.service = std::move(url);
     o.fences.reset();

@@ -147,13 +147,9 @@ std::optional<EarlyExit> takeRunOptions(const Given& g, Options& o) {
   if (g.fencesOpt->count())
     o.fences = g.fences;
   if (g.serviceOpt->count()) {
-    o.service = serviceBaseUrl(g.service);
-    if (!o.service) {
-      std::string trimmed = g.service;
-      while (!trimmed.empty() && trimmed.back() == '/')
-        trimmed.pop_back();
-      return usage("--service: not an http:// or https:// URL: " + trimmed);
-    }
+    o.service = withoutTrailingSlashes(g.service);
+    if (!isServiceBaseUrl(*o.service))
+      return usage("--service: not an http:// or https:// URL: " + *o.service);
   }
   if (g.storeOpt->count())
     o.store = g.store;

@@ -17,7 +17,7 @@ namespace zonaris::sim_tool {
 struct Options {
   std::string trace;                   ///< GPX or CSV trace
   std::optional<std::string> fences;   ///< run the embedded service with these fences
-  std::optional<std::string> service;  ///< or talk to this one (see `serviceBaseUrl`)
+  std::optional<std::string> service;  ///< or talk to this one (see `isServiceBaseUrl`)
   std::string appKey = "demo";
   std::optional<std::string> store;  ///< install id store folder; else a temporary one
   std::optional<std::string> uuid;   ///< beacon proximity UUID
@@ -69,8 +69,11 @@ void applyDevicePreset(const DevicePreset& preset, Options& options);
 /// The idle fixes named "none", "network" or "gnss"; any other name reads as "network".
 sim::IdleFixes idleFixesNamed(std::string_view name);
 
-/// A service's base URL without its trailing slashes; nothing unless it is http:// or https://.
-std::optional<std::string> serviceBaseUrl(std::string url);
+/// `url` without its trailing slashes, as a service's base URL is kept.
+std::string withoutTrailingSlashes(std::string url);
+
+/// True for an http:// or https:// URL without a trailing slash.
+bool isServiceBaseUrl(std::string_view url);
 
 /// Status of every error in the user's input: options, files, file contents.
 inline constexpr int kUsageError = 2;
