@@ -30,6 +30,17 @@ static zonaris_callbacks callbacks_with(void* user) {
   return c;
 }
 
+/* Options for a client whose service is a closed port (every request fails at once) and whose
+ * store is the folder `store`. */
+static zonaris_platform_options options_for(const char* store) {
+  zonaris_platform_options options;
+  memset(&options, 0, sizeof options);
+  options.struct_size = sizeof options;
+  options.base_url = "http://127.0.0.1:9";
+  options.store_directory = store;
+  return options;
+}
+
 /* ---- Wrong arguments come back as statuses --------------------------------------------------- */
 
 static void wrong_arguments(zonaris_client* client) {
@@ -120,52 +131,51 @@ static int lines_off_thread(Watch* w) {
   return n;
 }
 
-static void callbacks_and_destroy(const char* store) {
-  zonaris_platform_options options;
-  zonaris_callbacks c;
+/* Starts a client in developer mode with `on_line` as its log callback (`w` its user data) and
+ * waits, bounded, until a line came from a thread of the library: registration fails there. */
+static zonaris_client* start_and_wait(const char* store, Watch* w,
+                                      void (*on_line)(void*, const char*)) {
+  zonaris_platform_options options = options_for(store);
+  zonaris_callbacks c = callbacks_with(w);
   zonaris_client* client = NULL;
-  Watch* w = (Watch*)calloc(1, sizeof(Watch));
   struct timespec tick = {0, 10 * 1000 * 1000};
   int waited;
-
-  memset(&options, 0, sizeof options);
-  options.struct_size = sizeof options;
-  options.base_url = "http://127.0.0.1:9"; /* closed: registration fails at once */
-  options.store_directory = store;
-  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
-  if (!client)
-    return;
   pthread_mutex_init(&w->mutex, NULL);
   w->application = pthread_self();
+  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
+  if (!client)
+    return NULL;
   w->client = client;
-  c = callbacks_with(w);
-  c.logLine = on_log;
+  c.logLine = on_line;
   CHECK(zonaris_set_delegate(client, &c) == ZONARIS_STATUS_OK);
   CHECK(zonaris_set_dev_mode(client, 1) == ZONARIS_STATUS_OK);
   CHECK(zonaris_start(client) == ZONARIS_STATUS_OK); /* registers on a thread of its own */
-  /* The registration thread logs its failure; wait for it (bounded). */
   for (waited = 0; waited < 1000 && lines_off_thread(w) == 0; ++waited)
     nanosleep(&tick, NULL);
-  pthread_mutex_lock(&w->mutex);
-  CHECK(w->lines_off_thread > 0);
-  CHECK(w->lines > w->lines_off_thread); /* "Zonaris started" came on this thread */
-  CHECK(w->destroy_inside == ZONARIS_STATUS_INVALID_STATE);
-  pthread_mutex_unlock(&w->mutex);
-  CHECK(zonaris_stop(client) == ZONARIS_STATUS_OK);
-  CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  return client;
+}
+
+static void callbacks_and_destroy(const char* store) {
+  Watch* w = (Watch*)calloc(1, sizeof(Watch));
+  zonaris_client* client = start_and_wait(store, w, on_log);
+  if (client) {
+    pthread_mutex_lock(&w->mutex);
+    CHECK(w->lines_off_thread > 0);
+    CHECK(w->lines > w->lines_off_thread); /* "Zonaris started" came on this thread */
+    CHECK(w->destroy_inside == ZONARIS_STATUS_INVALID_STATE);
+    pthread_mutex_unlock(&w->mutex);
+    CHECK(zonaris_stop(client) == ZONARIS_STATUS_OK);
+    CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  }
   /* Every thread is joined: freeing what the callbacks use is safe now (ASan would see it). */
   pthread_mutex_destroy(&w->mutex);
   free(w);
 }
 
 static void gpsd_client_takes_no_pushed_fixes(const char* store) {
-  zonaris_platform_options options;
+  zonaris_platform_options options = options_for(store);
   zonaris_client* client = NULL;
   zonaris_location fix = {52.52, 13.40, -1.0, 5.0, 0.0};
-  memset(&options, 0, sizeof options);
-  options.struct_size = sizeof options;
-  options.base_url = "http://127.0.0.1:9";
-  options.store_directory = store;
   options.position = ZONARIS_POSITION_GPSD;
   options.gpsd_host = "127.0.0.1";
   options.gpsd_port = 9; /* nobody: the source keeps retrying until destroyed */
@@ -202,7 +212,7 @@ static void ignore_line(void* user, const char* line) {
 static void callbacks_replaced_while_called(const char* store) {
   char path[512];
   FILE* file;
-  zonaris_platform_options options;
+  zonaris_platform_options options = options_for(store);
   zonaris_callbacks full, empty = callbacks_with(NULL);
   zonaris_location fix = {52.52, 13.40, -1.0, 5.0, 0.0};
   int fixes = 0, round, swap, accepted;
@@ -216,10 +226,6 @@ static void callbacks_replaced_while_called(const char* store) {
   full = callbacks_with(&fixes);
   full.updatedInitLocation = count_fix;
   full.logLine = full.platformError = ignore_line;
-  memset(&options, 0, sizeof options);
-  options.struct_size = sizeof options;
-  options.base_url = "http://127.0.0.1:9";
-  options.store_directory = store;
   for (round = 0; round < 20; ++round) {
     zonaris_client* client = NULL;
     CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
@@ -254,31 +260,14 @@ static void exit_thread_unless_application(void* user, const char* line) {
 /* The library's frames let the thread end (pthread_exit unwinds through them) instead of
  * swallowing the unwind, which aborts; destroy then finds no thread left to wait for. */
 static void callback_ends_its_thread(const char* store) {
-  zonaris_platform_options options;
-  zonaris_callbacks c;
-  zonaris_client* client = NULL;
   Watch w;
-  struct timespec tick = {0, 10 * 1000 * 1000};
-  int waited;
+  zonaris_client* client;
   memset(&w, 0, sizeof w);
-  pthread_mutex_init(&w.mutex, NULL);
-  w.application = pthread_self();
-  memset(&options, 0, sizeof options);
-  options.struct_size = sizeof options;
-  options.base_url = "http://127.0.0.1:9";
-  options.store_directory = store;
-  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
-  if (!client)
-    return;
-  c = callbacks_with(&w);
-  c.logLine = exit_thread_unless_application;
-  CHECK(zonaris_set_delegate(client, &c) == ZONARIS_STATUS_OK);
-  CHECK(zonaris_set_dev_mode(client, 1) == ZONARIS_STATUS_OK);
-  CHECK(zonaris_start(client) == ZONARIS_STATUS_OK); /* registration fails on its thread */
-  for (waited = 0; waited < 1000 && lines_off_thread(&w) == 0; ++waited)
-    nanosleep(&tick, NULL);
-  CHECK(lines_off_thread(&w) == 1);
-  CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  client = start_and_wait(store, &w, exit_thread_unless_application);
+  if (client) {
+    CHECK(lines_off_thread(&w) == 1);
+    CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  }
   pthread_mutex_destroy(&w.mutex);
 }
 
@@ -376,11 +365,7 @@ int main(int argc, char** argv) {
 
   {
     zonaris_client* client = NULL;
-    zonaris_platform_options options;
-    memset(&options, 0, sizeof options);
-    options.struct_size = sizeof options;
-    options.base_url = "http://127.0.0.1:9";
-    options.store_directory = store;
+    zonaris_platform_options options = options_for(store);
     CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
     wrong_arguments(client);
     CHECK(zonaris_destroy(client, -1) == ZONARIS_STATUS_OK);
