@@ -67,88 +67,68 @@ TEST(SimDispatcher, DetachNeverRunsInlineAndATickerStopsWhenInvalidatedFromATick
   EXPECT_EQ(ticks, 3);
 }
 
-// The walk of walk.gpx and walk.csv.
-void expectTheTestWalk(const Trace& trace) {
-  const auto& p = trace.points();
-  ASSERT_EQ(p.size(), 3u);
-  EXPECT_EQ(p[1].t, 10.5);
-  EXPECT_EQ(p[1].latitude, 48.851);
-  EXPECT_EQ(p[0].horizontalAccuracy, 10.0);
-  EXPECT_EQ(p[1].horizontalAccuracy, 5.0);
-  EXPECT_EQ(p[0].speed, 1.5);
-  EXPECT_FALSE(p[1].speed);
-  EXPECT_EQ(trace.duration(), 60.0);
+// Each point as "t lat lon accuracy speed" ("-": no speed), then the start time if any.
+std::string transcript(const Trace& trace) {
+  std::string out;
+  for (const auto& p : trace.points())
+    out += fmt::format("{:.2f} {} {} {} {}; ", p.t, p.latitude, p.longitude, p.horizontalAccuracy,
+                       p.speed ? fmt::format("{}", *p.speed) : "-");
+  const auto start = trace.startTime();
+  return out + (start ? fmt::format("from {}", start->time_since_epoch() / 1s) : "no start");
 }
 
-TEST(TraceFiles, GpxAndCsvOfTheSameWalkReadAlike) {
-  const auto gpx = Trace::load(ZONARIS_TEST_DATA_DIR "/walk.gpx");
-  expectTheTestWalk(gpx);
+// Traces as users write them: the same walk as GPX and CSV, GPX as different writers put it,
+// and a planned route or an untimed track replayed at a pace, where each point's time is the
+// distance along the points so far over the pace and times the file gives are ignored.
+TEST(TraceFiles, ReadAsTheirWritersMeantThem) {
+  // The same two points: no namespace at all; a "gpx:" prefix and a prefixed extension; GPX 1.0
+  // with the speed in the point itself and an offset without a colon. Each starts at its first
+  // time as written.
+  const std::pair<std::string, const char*> dialects[] = {
+      {R"(<gpx><trk><trkseg>
+           <trkpt lat="10" lon="20"><time>2026-01-01T12:00:00Z</time></trkpt>
+           <trkpt lat="10.001" lon="20"><time>2026-01-01T12:00:02.25Z</time>
+             <hdop>1.5</hdop><extensions><speed>3</speed></extensions></trkpt>
+         </trkseg></trk></gpx>)",
+       "1767268800"},
+      {R"(<gpx:gpx xmlns:gpx="http://www.topografix.com/GPX/1/1"
+                  xmlns:tpx="http://www.garmin.com/xmlschemas/TrackPointExtension/v2">
+         <gpx:trk><gpx:trkseg>
+           <gpx:trkpt lat="10" lon="20"><gpx:time>2026-01-01T13:00:00+01:00</gpx:time></gpx:trkpt>
+           <gpx:trkpt lat="10.001" lon="20"><gpx:time>2026-01-01T12:00:02.250Z</gpx:time>
+             <gpx:hdop>1.5</gpx:hdop><gpx:extensions><tpx:TrackPointExtension>
+             <tpx:speed>3.0</tpx:speed></tpx:TrackPointExtension></gpx:extensions></gpx:trkpt>
+         </gpx:trkseg></gpx:trk></gpx:gpx>)",
+       "1767272400"},
+      {R"(<gpx version="1.0" xmlns="http://www.topografix.com/GPX/1/0"><trk><trkseg>
+           <trkpt lat="+10.0" lon="20.0"><time>2026-01-01T11:30:00-0030</time></trkpt>
+           <trkpt lat="10.001" lon="20"><time>2026-01-01T12:00:02.25Z</time>
+             <hdop>1.5</hdop><speed>3</speed></trkpt>
+         </trkseg></trk></gpx>)",
+       "1767267000"}};
+  for (const auto& [text, start] : dialects)
+    EXPECT_EQ(transcript(Trace::parseGpx(text, "dialect.gpx")),
+              std::string("0.00 10 20 5 -; 2.25 10.001 20 7.5 3; from ") + start)
+        << text;
   // The first point's clock reading as written (09:00 at +01:00), not its UTC instant.
-  EXPECT_EQ(gpx.startTime(), parseLocalTime("2026-03-01T09:00:00"));
-  const auto csv = Trace::load(ZONARIS_TEST_DATA_DIR "/walk.csv");
-  expectTheTestWalk(csv);
-  EXPECT_FALSE(csv.startTime());
-}
+  const std::string walk =
+      "0.00 48.85 2.35 10 1.5; 10.50 48.851 2.35 5 -; 60.00 48.852 2.351 5 2.25; ";
+  EXPECT_EQ(transcript(Trace::load(ZONARIS_TEST_DATA_DIR "/walk.gpx")), walk + "from 1772355600");
+  EXPECT_EQ(transcript(Trace::load(ZONARIS_TEST_DATA_DIR "/walk.csv")), walk + "no start");
 
-// The same two points as different writers put them.
-TEST(TraceFiles, GpxDialectsYieldTheSamePoints) {
-  for (const char* dialect :
-       {// no namespace at all
-        R"(<gpx><trk><trkseg>
-             <trkpt lat="10" lon="20"><time>2026-01-01T12:00:00Z</time></trkpt>
-             <trkpt lat="10.001" lon="20"><time>2026-01-01T12:00:02.25Z</time>
-               <hdop>1.5</hdop><extensions><speed>3</speed></extensions></trkpt>
-           </trkseg></trk></gpx>)",
-        // a "gpx:" prefix and a prefixed extension
-        R"(<gpx:gpx xmlns:gpx="http://www.topografix.com/GPX/1/1"
-                    xmlns:tpx="http://www.garmin.com/xmlschemas/TrackPointExtension/v2">
-           <gpx:trk><gpx:trkseg>
-             <gpx:trkpt lat="10" lon="20"><gpx:time>2026-01-01T13:00:00+01:00</gpx:time></gpx:trkpt>
-             <gpx:trkpt lat="10.001" lon="20"><gpx:time>2026-01-01T12:00:02.250Z</gpx:time>
-               <gpx:hdop>1.5</gpx:hdop><gpx:extensions><tpx:TrackPointExtension>
-               <tpx:speed>3.0</tpx:speed></tpx:TrackPointExtension></gpx:extensions></gpx:trkpt>
-           </gpx:trkseg></gpx:trk></gpx:gpx>)",
-        // GPX 1.0: speed in the point itself, an offset without a colon
-        R"(<gpx version="1.0" xmlns="http://www.topografix.com/GPX/1/0"><trk><trkseg>
-             <trkpt lat="+10.0" lon="20.0"><time>2026-01-01T11:30:00-0030</time></trkpt>
-             <trkpt lat="10.001" lon="20"><time>2026-01-01T12:00:02.25Z</time>
-               <hdop>1.5</hdop><speed>3</speed></trkpt>
-           </trkseg></trk></gpx>)"}) {
-    const auto p = Trace::parseGpx(dialect, "dialect.gpx").points();
-    ASSERT_EQ(p.size(), 2u) << dialect;
-    EXPECT_EQ(p[0].latitude, 10.0);
-    EXPECT_EQ(p[1].t, 2.25);
-    EXPECT_EQ(p[1].speed, 3.0);
-    EXPECT_EQ(p[1].horizontalAccuracy, 7.5);
-  }
-}
-
-// A planned route and an untimed track, replayed at a pace: each point's time is the distance
-// along the points so far over the pace; times the file gives are ignored.
-TEST(TraceFiles, RoutesAndUntimedTracksReplayAtAPace) {
-  // About 110.6 m north, then about 200 m east.
+  // About 110.6 m north, then about 200 m east, at 2 m/s.
   const char* route = R"(<gpx version="1.1"><rte>
       <rtept lat="10" lon="20"/><rtept lat="10.001" lon="20"><time>2030-01-01T00:00:00Z</time>
       </rtept><rtept lat="10.001" lon="20.0018262"/></rte></gpx>)";
   const char* untimed = R"(<gpx><trk><trkseg><trkpt lat="10" lon="20"/>
       <trkpt lat="10.001" lon="20"/><trkpt lat="10.001" lon="20.0018262"/></trkseg></trk></gpx>)";
-  for (const char* text : {route, untimed}) {
-    const auto trace = Trace::parseGpx(text, "planned.gpx", 2.0);
-    const auto& p = trace.points();
-    ASSERT_EQ(p.size(), 3u) << text;
-    EXPECT_EQ(p[0].t, 0.0);
-    const double north = trace.at(0).distanceFrom(trace.at(p[1].t));
-    const double east = trace.at(p[1].t).distanceFrom(trace.at(p[2].t));
-    EXPECT_NEAR(north, 110.6, 0.1);
-    EXPECT_NEAR(east, 200.0, 1.0);
-    EXPECT_DOUBLE_EQ(p[1].t, north / 2.0);
-    EXPECT_DOUBLE_EQ(p[2].t - p[1].t, east / 2.0);
-    EXPECT_EQ(trace.at(p[1].t / 2).speed, 2.0);
-    EXPECT_FALSE(trace.startTime());
-  }
+  const std::string paced =
+      "0.00 10 20 5 2; 55.30 10.001 20 5 2; 155.42 10.001 20.0018262 5 2; no start";
+  EXPECT_EQ(transcript(Trace::parseGpx(route, "planned.gpx", 2.0)), paced);
+  EXPECT_EQ(transcript(Trace::parseGpx(untimed, "planned.gpx", 2.0)), paced);
   // A CSV trace always has times; a pace replaces them as well.
-  EXPECT_DOUBLE_EQ(Trace::parseCsv("0,10,20\n5,10.001,20\n", "t.csv", 2.0).points()[1].t,
-                   Trace::parseGpx(untimed, "u.gpx", 2.0).points()[1].t);
+  EXPECT_EQ(transcript(Trace::parseCsv("0,10,20\n5,10.001,20\n", "t.csv", 2.0)),
+            "0.00 10 20 5 2; 55.30 10.001 20 5 2; no start");
 }
 
 // Unreadable input names the file and the line: {file name, whose extension says how it is
