@@ -306,11 +306,9 @@ TEST(CappedFenceQuery, ADenseDriveConfirmsWhatTheUncappedAnswerConfirms) {
       ring += fmt::format("{}{:.7f} {:.7f}", k ? ", " : "", lon + r / cosLat * std::cos(a),
                           lat + r * std::sin(a));
     }
-    fences.push_back({{"id", id},
-                      {"name", fmt::format("Zone {}", id)},
-                      {"type", "polygon"},
-                      {"location", fmt::format("POLYGON (({}))", ring)},
-                      {"_event_types", {"entry", "exit"}}});
+    fences.push_back(json::parse(fmt::format(R"j({{"id": {0}, "name": "Zone {0}", "type": "polygon",
+        "location": "POLYGON (({1}))", "_event_types": ["entry", "exit"]}})j",
+                                             id, ring)));
   }
   // Ten minutes east along the middle.
   const auto [startLon, startLat] = lonLat(-4200, 0);
