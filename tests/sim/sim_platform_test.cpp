@@ -234,15 +234,11 @@ class RecordingListener final : public platform::LocationManagerDelegate {
   const Scheduler& scheduler_;
 };
 
-class SimLocationManagerTest : public ::testing::Test {
- protected:
-  SimLocationManagerTest() { SetUpManager(); }
-  void SetUpManager() {
-    // Due north at about 1.1 m/s for 100 s (0.001 degree of latitude is about 110.6 m).
-    manager->setTrace(
-        std::make_shared<const Trace>(Trace::parseCsv("0,45,7,6\n100,45.001,7,6\n", "north.csv")));
+// A simulated location service replaying `csv`, and what it delivers.
+struct Device {
+  explicit Device(const char* csv) {
+    manager->setTrace(std::make_shared<const Trace>(Trace::parseCsv(csv, "trace.csv")));
     manager->setDelegate(listener);
-    manager->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
   }
   void fine() {
     manager->setDesiredAccuracy(platform::Accuracy::BestForNavigation);
@@ -252,6 +248,15 @@ class SimLocationManagerTest : public ::testing::Test {
   std::shared_ptr<Scheduler> scheduler = std::make_shared<Scheduler>(defaultStartTime());
   std::shared_ptr<SimLocationManager> manager = std::make_shared<SimLocationManager>(scheduler);
   std::shared_ptr<RecordingListener> listener = std::make_shared<RecordingListener>(*scheduler);
+};
+
+// Due north at about 1.1 m/s for 100 s (0.001 degree of latitude is about 110.6 m), in the
+// idle setting.
+class SimLocationManagerTest : public ::testing::Test, public Device {
+ protected:
+  SimLocationManagerTest() : Device("0,45,7,6\n100,45.001,7,6\n") {
+    manager->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
+  }
 };
 
 TEST_F(SimLocationManagerTest, FullAccuracyDeliversEverySecondFromOneSecondAfterTheSetting) {
@@ -282,7 +287,7 @@ TEST_F(SimLocationManagerTest, CoarseSettingDeliversOnlyAfterMovingFartherThanTh
 }
 
 // Armed from the start: the first fix after the delay, then one a second, in batches.
-TEST_F(SimLocationManagerTest, FirstFixAfterTheDelayThenOneASecondInBatches) {
+TEST(SimLocationManager, FirstFixAfterTheDelayThenOneASecondInBatches) {
   const struct {
     DeviceModel model;
     std::vector<double> times;  // of the callbacks in the first 8.5 s
@@ -292,12 +297,10 @@ TEST_F(SimLocationManagerTest, FirstFixAfterTheDelayThenOneASecondInBatches) {
                {.model = {.batch = 3}, .times = {3, 6}, .batch = 3},
                {.model = {.fixDelay = 5s, .batch = 2}, .times = {6, 8}, .batch = 2}};
   for (const auto& c : cases) {
-    scheduler = std::make_shared<Scheduler>(defaultStartTime());
-    manager = std::make_shared<SimLocationManager>(scheduler);
-    listener = std::make_shared<RecordingListener>(*scheduler);
-    SetUpManager();
+    Device d("0,45,7,6\n100,45.001,7,6\n");
+    auto& [scheduler, manager, listener] = d;
     manager->setDeviceModel(c.model);
-    fine();
+    d.fine();
     manager->startUpdatingLocation();
     scheduler->runFor(8500ms);
     EXPECT_EQ(listener->fixTimes, c.times);
@@ -371,19 +374,15 @@ TEST_F(SimLocationManagerTest, IdleFixesDecideWhatTheCoarseSettingDelivers) {
 // without a distance filter, as between samples.
 std::vector<platform::Location> standingFixes(const DeviceModel& model, platform::Duration duration,
                                               bool coarse = false) {
-  auto scheduler = std::make_shared<Scheduler>(defaultStartTime());
-  auto manager = std::make_shared<SimLocationManager>(scheduler);
-  auto listener = std::make_shared<RecordingListener>(*scheduler);
-  manager->setTrace(std::make_shared<const Trace>(Trace::parseCsv("0,45,7,6\n", "still.csv")));
-  manager->setDelegate(listener);
-  manager->setDeviceModel(model);
+  Device d("0,45,7,6\n");
+  d.manager->setDeviceModel(model);
   if (coarse) {
-    manager->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
-    manager->setDistanceFilter(0.0);
+    d.manager->setDesiredAccuracy(platform::Accuracy::ThreeKilometers);
+    d.manager->setDistanceFilter(0.0);
   }
-  manager->startUpdatingLocation();
-  scheduler->runFor(duration);
-  return listener->all;
+  d.manager->startUpdatingLocation();
+  d.scheduler->runFor(duration);
+  return d.listener->all;
 }
 
 // Network positions claim what they are: over many, about 68 % lie within their accuracy, and
