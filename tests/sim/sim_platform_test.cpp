@@ -186,32 +186,26 @@ TEST(TracePosition, IsInterpolatedAndStandsStillAfterTheEnd) {
 }
 
 TEST(BeaconSightings, ReadsAFileAndShowsEachSightingFromItsStartUntilBeforeItsEnd) {
-  const auto s = BeaconSightings::load(ZONARIS_TEST_DATA_DIR "/beacon_sightings.csv");
-  auto minorsAt = [&](double t, const std::string& uuid) {
-    std::vector<int> minors;
+  // The beacons of `uuid` seen at `t`, each as "minor accuracy proximity".
+  auto seen = [](const BeaconSightings& s, double t, const std::string& uuid) {
+    std::string out;
     for (const auto& b : s.at(t, uuid))
-      minors.push_back(b.minor);
-    return minors;
+      out += fmt::format("{} {} {}; ", b.minor, b.accuracy, b.proximity);
+    return out;
   };
+  const auto file = BeaconSightings::load(ZONARIS_TEST_DATA_DIR "/beacon_sightings.csv");
   const std::string shop = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";  // written in lower case
-  ASSERT_EQ(s.sightings().size(), 3u);
-  EXPECT_EQ(s.sightings()[0].beacon.uuid, shop);
-  EXPECT_EQ(s.sightings()[0].beacon.accuracy, 3.5);
-  EXPECT_EQ(s.sightings()[1].beacon.accuracy, -1.0);
-  EXPECT_EQ(minorsAt(5.0, shop), (std::vector<int>{2, 3}));  // file order
-  EXPECT_EQ(minorsAt(10.0, shop), (std::vector<int>{3}));
+  ASSERT_EQ(file.sightings().size(), 3u);
+  EXPECT_EQ(file.sightings()[0].beacon.uuid, shop);
+  EXPECT_EQ(seen(file, 5.0, shop), "2 3.5 2; 3 -1 0; ");  // file order
+  EXPECT_EQ(seen(file, 10.0, shop), "3 -1 0; ");
+  EXPECT_EQ(seen(file, 1.0, "74278bda-b644-4520-8f0c-720eaf059935"), "7 0.4 1; ");
   // Overlapping rows of one beacon come as one entry: the best usable accuracy, in the place of
   // the first row.
-  const auto overlapping =
-      BeaconSightings::parseCsv("0,9," + shop + ",1,2,-1,0\n0,9," + shop + ",1,3,2,1\n0,9," + shop +
-                                    ",1,2,4.5,3\n" + "0,9," + shop + ",1,2,6,3\n",
-                                "overlap.csv")
-          .at(1.0, shop);
-  ASSERT_EQ(overlapping.size(), 2u);
-  EXPECT_EQ(overlapping[0].minor, 2);
-  EXPECT_EQ(overlapping[0].accuracy, 4.5);
-  EXPECT_EQ(overlapping[0].proximity, 3);
-  EXPECT_EQ(minorsAt(1.0, "74278bda-b644-4520-8f0c-720eaf059935"), (std::vector<int>{7}));
+  std::string rows;
+  for (const char* row : {"1,2,-1,0", "1,3,2,1", "1,2,4.5,3", "1,2,6,3"})
+    rows += "0,9," + shop + "," + row + "\n";
+  EXPECT_EQ(seen(BeaconSightings::parseCsv(rows, "overlap.csv"), 1.0, shop), "2 4.5 3; 3 2 1; ");
   EXPECT_THROW(BeaconSightings::load(ZONARIS_TEST_DATA_DIR "/no_such_file.csv"), InputError);
 }
 
