@@ -17,7 +17,6 @@
 #include <nlohmann/json.hpp>
 
 #include "support/process.hpp"
-#include "support/timed_events.hpp"
 #include "zonaris-service/reference_service.hpp"
 #include "zonaris/sim/sim_platform.hpp"
 #include "zonaris/zonaris.hpp"
@@ -315,6 +314,19 @@ TEST(CappedFenceQuery, ADenseDriveConfirmsWhatTheUncappedAnswerConfirms) {
       fmt::format("0,{:.7f},{:.7f}\n600,{:.7f},{:.7f}\n", startLat, startLon, endLat, endLon),
       "drive.csv"));
 
+  struct Heard final : ZonarisDelegate {
+    explicit Heard(const sim::Scheduler& s) : s(s) {}
+    void record(const std::optional<std::string>& name, const char* type) {
+      std::lock_guard lock(mutex);
+      events += fmt::format("{:.0f} {} {}\n", std::chrono::duration<double>(s.elapsed()).count(),
+                            type, name.value_or(""));
+    }
+    void eventEnterCallback(const std::optional<std::string>& n) override { record(n, "entry"); }
+    void eventExitCallback(const std::optional<std::string>& n) override { record(n, "exit"); }
+    const sim::Scheduler& s;
+    std::mutex mutex;
+    std::string events;
+  };
   auto drive = [&](std::size_t maxFences) {
     auto scheduler = std::make_shared<sim::Scheduler>(*sim::parseLocalTime("2026-01-05T09:00:00"));
     ServiceOptions o;
@@ -338,16 +350,19 @@ TEST(CappedFenceQuery, ADenseDriveConfirmsWhatTheUncappedAnswerConfirms) {
     EXPECT_LT(std::stoul(gzip->get_header_value("Content-Length")) * 3, plain->body.size());
     EXPECT_TRUE(gzip->body == plain->body) << "the gzip answer unpacks to other bytes";
 
-    sim::SimulationOptions options;
-    options.scheduler = scheduler;
-    options.baseUrl = service.baseUrl();
-    options.trace = trace;
-    auto heard = std::make_shared<zonaris::test::TimedEvents>(*scheduler);
-    zonaris::test::runClient(std::move(options), heard, 1, std::chrono::minutes(11));
-    std::string events;
-    for (const auto& e : heard->events)
-      events += fmt::format("{:.0f} {} {}\n", e.t, e.type, e.name);
-    return std::pair(json::parse(plain->body).size(), events);
+    auto heard = std::make_shared<Heard>(*scheduler);
+    {
+      sim::SimulationOptions options;
+      options.scheduler = scheduler;
+      options.baseUrl = service.baseUrl();
+      options.trace = trace;
+      sim::Simulation simulation(std::move(options));
+      auto client = Zonaris::initWithAppKey("drive", simulation.platform());
+      client->setDelegate(heard);
+      client->start();
+      simulation.runFor(std::chrono::minutes(11));
+    }
+    return std::pair(json::parse(plain->body).size(), heard->events);
   };
   const auto [answered, events] = drive(0);
   const auto [capped, cappedEvents] = drive(kDefaultMaxFences);

@@ -18,7 +18,6 @@
 
 #include "support/process.hpp"
 #include "support/recording_server.hpp"
-#include "support/timed_events.hpp"
 #include "zonaris-service/reference_service.hpp"
 #include "zonaris-sim/score.hpp"
 #include "zonaris/sim/sim_platform.hpp"
@@ -471,26 +470,47 @@ TEST(SimSoak, ADayOfOutagesLosesOnlyVisitsTheServiceCouldNeverSee) {
   service_tool::ReferenceService service(serviceOptions);
   ASSERT_GT(service.start(0), 0) << service.error();
 
-  auto heard = std::make_shared<TimedEvents>(*scheduler);
+  struct Heard final : ZonarisDelegate {
+    explicit Heard(const sim::Scheduler& s) : s(s) {}
+    void record(const std::optional<std::string>& name, const char* type) {
+      std::lock_guard lock(mutex);
+      events.push_back(
+          {0, name.value_or(""), type, std::chrono::duration<double>(s.elapsed()).count()});
+    }
+    void eventEnterCallback(const std::optional<std::string>& n) override { record(n, "entry"); }
+    void eventExitCallback(const std::optional<std::string>& n) override { record(n, "exit"); }
+    void eventDwellCallback(const std::optional<std::string>& n) override { record(n, "dwell"); }
+    const sim::Scheduler& s;
+    std::mutex mutex;
+    std::vector<sim_tool::FenceEvent> events;
+  };
+  auto heard = std::make_shared<Heard>(*scheduler);
   sim_tool::ScoreInputs inputs;
   inputs.trace = std::make_shared<const sim::Trace>(sim::Trace::parseCsv(csv, "soak.csv"));
   inputs.seconds = 24 * hour;
   inputs.outages = outages;
-  sim::SimulationOptions options;
-  options.scheduler = scheduler;
-  options.baseUrl = service.baseUrl();
-  options.trace = inputs.trace;
-  options.network = {{}, outages, sim::OutageKind::Unreachable};
   std::size_t mostQueued = 0;
-  runClient(std::move(options), heard, 24, std::chrono::hours(1),
-            [&] { mostQueued = std::max(mostQueued, scheduler->pending()); });
+  {
+    sim::SimulationOptions options;
+    options.scheduler = scheduler;
+    options.baseUrl = service.baseUrl();
+    options.trace = inputs.trace;
+    options.network = {{}, outages, sim::OutageKind::Unreachable};
+    sim::Simulation simulation(std::move(options));
+    auto client = Zonaris::initWithAppKey("soak", simulation.platform());
+    client->setDelegate(heard);
+    client->start();
+    for (int h = 0; h < 24; ++h) {
+      simulation.runFor(std::chrono::hours(1));
+      mostQueued = std::max(mostQueued, scheduler->pending());
+    }
+  }
   EXPECT_LT(mostQueued, 20u) << "work queued up during the outages";
 
   std::string error;
   inputs.fences = *service_tool::parseFences(fences, "soak", error);
   sim_tool::RunRecord run;
-  for (const auto& e : heard->events)
-    run.confirmed.push_back({0, e.name, e.type, e.t});
+  run.confirmed = heard->events;
   const auto score = sim_tool::score(inputs, run);
   EXPECT_EQ(score["false"].size(), 0u) << "an event confirmed twice, or one that never happened";
   // Every crossing whose state still holds when the service is back is confirmed, unless the
