@@ -176,13 +176,15 @@ TEST(BrokenInputs, NameTheFileAndLine) {
 TEST(TracePosition, IsInterpolatedAndStandsStillAfterTheEnd) {
   const auto trace = Trace::parseCsv(
       "0,10,20,4\n1000,10.01,20,8\n1100,10.01,20.001,8,2\n1200,10.01,20.002,8,4\n", "t.csv");
-  const auto mid = trace.at(250.0);
-  EXPECT_DOUBLE_EQ(mid.latitude, 10.0025);
-  EXPECT_DOUBLE_EQ(mid.horizontalAccuracy, 5.0);
-  EXPECT_DOUBLE_EQ(mid.speed, 1.106077982666555);  // the first leg's 1106.08 m over 1000 s
-  EXPECT_DOUBLE_EQ(trace.at(1150.0).speed, 3.0);   // between two given speeds
-  EXPECT_EQ(trace.at(5000.0).longitude, 20.002);
-  EXPECT_EQ(trace.at(5000.0).speed, 0.0);
+  // "lat lon accuracy speed" at 250 s (the first leg's 1106.08 m over 1000 s), between two given
+  // speeds, and long after the end.
+  std::string got;
+  for (const double t : {250.0, 1150.0, 5000.0}) {
+    const auto p = trace.at(t);
+    got += fmt::format("{:.9g} {:.9g} {:.9g} {:.9g}; ", p.latitude, p.longitude,
+                       p.horizontalAccuracy, p.speed);
+  }
+  EXPECT_EQ(got, "10.0025 20 5 1.10607798; 10.01 20.0015 8 3; 10.01 20.002 8 0; ");
 }
 
 TEST(BeaconSightings, ReadsAFileAndShowsEachSightingFromItsStartUntilBeforeItsEnd) {
@@ -262,7 +264,7 @@ TEST_F(SimLocationManagerTest, FullAccuracyDeliversEverySecondFromOneSecondAfter
   fine();  // setting it again restarts the rhythm: one second later, not at 14
   scheduler->runFor(2s);
   EXPECT_EQ(listener->fixTimes, (std::vector<double>{1, 11, 12, 13, 14.5, 15.5}));
-  EXPECT_DOUBLE_EQ(listener->all.back().latitude, 45.0 + 0.001 * 15.5 / 100.0);
+  EXPECT_DOUBLE_EQ(listener->all.back().latitude, 45.000155);
   EXPECT_EQ(listener->all.back().timestamp, scheduler->start() + 15500ms);
 
   manager->stopUpdatingLocation();
@@ -317,9 +319,8 @@ TEST_F(SimLocationManagerTest, StaleFirstRepeatsTheReceiversLastFixOnSharpening)
   scheduler->runFor(3s);
   EXPECT_EQ(listener->fixTimes, (std::vector<double>{2, 3, 13.5, 15.5, 16.5}));
   const auto& stale = listener->all[2];
-  EXPECT_EQ(stale.timestamp, scheduler->start() + 3s);
-  EXPECT_EQ(stale.latitude, listener->all[1].latitude);
-  EXPECT_EQ(stale.horizontalAccuracy, kStaleFixAccuracy);
+  EXPECT_EQ(std::tuple(stale.timestamp, stale.latitude, stale.horizontalAccuracy),
+            std::tuple(scheduler->start() + 3s, listener->all[1].latitude, kStaleFixAccuracy));
 }
 
 // Between samples the coarse setting delivers what the model's idle fixes say: the receiver's
