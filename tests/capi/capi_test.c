@@ -43,11 +43,15 @@ static zonaris_platform_options options_for(const char* store) {
 
 /* ---- Wrong arguments come back as statuses --------------------------------------------------- */
 
-static void wrong_arguments(zonaris_client* client) {
+static void wrong_arguments(const char* store) {
+  zonaris_platform_options options = options_for(store);
+  zonaris_client* client = NULL;
   zonaris_location far_north = {91.0, 0.0, -1.0, 5.0, 0.0};
   zonaris_callbacks too_short = callbacks_with(NULL);
-  zonaris_client* none = client;
+  zonaris_client* none;
   int accepted = 7;
+  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
+  none = client;
 /* A row of the table: the call as written, its status, the status it must give. */
 #define ROW(call, want) \
   { #call, call, ZONARIS_STATUS_##want }
@@ -96,6 +100,7 @@ static void wrong_arguments(zonaris_client* client) {
   CHECK(accepted == 0);
   CHECK(none == NULL);
   CHECK(strcmp(zonaris_last_error(), "") != 0);
+  CHECK(zonaris_destroy(client, -1) == ZONARIS_STATUS_OK);
 }
 
 /* ---- Callbacks come from the library's threads; destroy joins them --------------------------- */
@@ -360,13 +365,7 @@ int main(int argc, char** argv) {
   CHECK(strlen(zonaris_version()) > 0);
   CHECK(strcmp(zonaris_status_text(ZONARIS_STATUS_UNSUPPORTED), "unsupported") == 0);
 
-  {
-    zonaris_client* client = NULL;
-    zonaris_platform_options options = options_for(store);
-    CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
-    wrong_arguments(client);
-    CHECK(zonaris_destroy(client, -1) == ZONARIS_STATUS_OK);
-  }
+  wrong_arguments(store);
   callbacks_and_destroy(store);
   gpsd_client_takes_no_pushed_fixes(store);
   callback_ends_its_thread(store);
