@@ -201,14 +201,6 @@ TEST(Report, BadInputGivesOneLineAndLeavesNothingHalfWritten) {
 
 // ---- The bundled day in a real browser -----------------------------------------------------
 
-std::string chromium() {
-  for (const char* candidate : {"/usr/bin/chromium", "/usr/bin/chromium-browser"}) {
-    if (::access(candidate, X_OK) == 0)
-      return candidate;
-  }
-  return "";
-}
-
 /// Headless Chromium on a file, offline: a private profile in `scratch`, no background
 /// networking, every host name unresolvable and every request sent to a closed local port (the
 /// browser's own update and account checks included).
@@ -237,7 +229,9 @@ std::string attribute(const std::string& element, const std::string& name) {
 }
 
 TEST(ReportInBrowser, BundledDayDrawsEveryFenceAndEventWithoutErrors) {
-  const std::string browser = chromium();
+  std::string browser;
+  for (const char* candidate : {"/usr/bin/chromium-browser", "/usr/bin/chromium"})
+    browser = ::access(candidate, X_OK) == 0 ? candidate : browser;
   if (browser.empty())
     GTEST_SKIP() << "Chromium is not installed (scripts/install-deps.sh installs it)";
   Scratch s("zonaris-report-test");
