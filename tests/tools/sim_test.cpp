@@ -158,9 +158,8 @@ TEST(SimContract, JsonLinesArgumentShapesAndRequestsAgainstAScriptedService) {
       EXPECT_LE(t, 90.0) << raw;
       previous = t;
       logs += raw.find(R"("type":"log")") != std::string::npos;
-      if (raw.find(R"("name":"updatedInterval")") != std::string::npos) {
+      if (raw.find(R"("name":"updatedInterval")") != std::string::npos)
         EXPECT_TRUE(std::regex_search(raw, std::regex(R"("args":\[\d+\]\}$)"))) << raw;
-      }
     }
     EXPECT_EQ(logs > 0, devMode) << "step logs in developer mode only";
     EXPECT_NE(run.out.find(R"("name":"updatedInterval")"), std::string::npos);
@@ -179,8 +178,8 @@ TEST(SimContract, JsonLinesArgumentShapesAndRequestsAgainstAScriptedService) {
       ASSERT_NE(next, run.lines.end()) << "no " << expected << " after the previous callbacks";
     }
 
-    // The options reach the requests (one registration, which the summary counts too), and
-    // the summary counts them. (That the install id is sent is the client's own request test's.)
+    // The options reach the requests, and the summary counts them. (That the observation carries
+    // the install id is checked by the client's own request tests.)
     EXPECT_EQ(json::parse(server.requests("POST", "/install").at(0).body),
               json({{"appKey", "k-42"}}));
     const auto observations = server.requests("POST", "/observation");
