@@ -211,11 +211,10 @@ TEST(BeaconSightings, ReadsAFileAndShowsEachSightingFromItsStartUntilBeforeItsEn
 }
 
 // Records when each fix arrived, in virtual seconds since the start.
-class RecordingListener final : public platform::LocationManagerDelegate {
- public:
-  explicit RecordingListener(const Scheduler& scheduler) : scheduler_(scheduler) {}
+struct RecordingListener final : platform::LocationManagerDelegate {
+  explicit RecordingListener(const Scheduler& scheduler) : scheduler(scheduler) {}
   void didUpdateLocations(const std::vector<platform::Location>& locations) override {
-    fixTimes.push_back(std::chrono::duration<double>(scheduler_.elapsed()).count());
+    fixTimes.push_back(std::chrono::duration<double>(scheduler.elapsed()).count());
     batchSizes.push_back(locations.size());
     all.insert(all.end(), locations.begin(), locations.end());
   }
@@ -224,9 +223,7 @@ class RecordingListener final : public platform::LocationManagerDelegate {
   std::vector<double> fixTimes;
   std::vector<std::size_t> batchSizes;
   std::vector<platform::Location> all;
-
- private:
-  const Scheduler& scheduler_;
+  const Scheduler& scheduler;
 };
 
 // A simulated location service replaying `csv`, and what it delivers.

@@ -74,14 +74,6 @@ struct Case {
   double latest;  // seconds: the largest latency allowed
 };
 
-std::vector<std::string> words(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream split(text);
-  for (std::string word; split >> word;)
-    out.push_back(word);
-  return out;
-}
-
 TEST(ReviewTraces, NoPolicyLosesAVisitOrADeparture) {
   // clang-format off
   const Case cases[] = {
@@ -133,8 +125,9 @@ TEST(ReviewTraces, NoPolicyLosesAVisitOrADeparture) {
         std::vector<std::string> args = {
             ZONARIS_SIM_BIN,           "--trace", trace,    "--fences", fences, "--seed",
             std::to_string(phase + 1), "--score", scoreFile};
-        for (auto& word : words(setting))
-          args.push_back(std::move(word));
+        std::istringstream split(setting);
+        for (std::string word; split >> word;)
+          args.push_back(word);
         const Ran ran = run(args, scratch);
         ASSERT_EQ(ran.status, 0) << ran.err;
         const json score = json::parse(slurp(scoreFile));
