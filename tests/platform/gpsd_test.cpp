@@ -75,10 +75,10 @@ class FakeGpsd {
     listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int one = 1;
     ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    sockaddr_in address{.sin_family = AF_INET,
+                        .sin_port = htons(static_cast<std::uint16_t>(port)),
+                        .sin_addr = {htonl(INADDR_LOOPBACK)},
+                        .sin_zero = {}};
     socklen_t length = sizeof address;
     if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
         ::listen(listener_, 4) != 0 ||
@@ -194,26 +194,23 @@ std::string isoTime(TimePoint time) {
   return fmt::format("{:%Y-%m-%dT%H:%M:%S}.000Z", std::chrono::floor<std::chrono::seconds>(time));
 }
 
+// A started manager in the client's idle setting.
 struct Fixture {
   explicit Fixture(int port, std::chrono::milliseconds connectTimeout = 10s) {
-    GpsdOptions options{.host = "127.0.0.1",
-                        .port = std::to_string(port),
-                        .retryMin = 20ms,
-                        .connectTimeout = connectTimeout};
-    manager = std::make_shared<GpsdLocationManager>(dispatcher, logger, options);
+    manager = std::make_shared<GpsdLocationManager>(dispatcher, logger,
+                                                    GpsdOptions{.host = "127.0.0.1",
+                                                                .port = std::to_string(port),
+                                                                .retryMin = 20ms,
+                                                                .connectTimeout = connectTimeout});
     manager->setDevMode(true);
     manager->setDelegate(recorder);
-    manager->setDesiredAccuracy(Accuracy::ThreeKilometers);
-    manager->setDistanceFilter(99999.0);
+    arm(false);
     manager->startUpdatingLocation();
   }
-  void arm() {
-    manager->setDesiredAccuracy(Accuracy::BestForNavigation);
-    manager->setDistanceFilter(kDistanceFilterNone);
-  }
-  void disarm() {
-    manager->setDesiredAccuracy(Accuracy::ThreeKilometers);
-    manager->setDistanceFilter(99999.0);
+  // The client's setting while a sample is armed, or its idle one.
+  void arm(bool armed = true) {
+    manager->setDesiredAccuracy(armed ? Accuracy::BestForNavigation : Accuracy::ThreeKilometers);
+    manager->setDistanceFilter(armed ? kDistanceFilterNone : 99999.0);
   }
   ~Fixture() {
     manager->shutdown();
@@ -291,7 +288,7 @@ TEST(GpsdLocationManager, MapsSettingsOntoWatchAndReconnectsStillArmedAfterGpsdR
   EXPECT_EQ(gpsd->transcript(2), (std::vector<std::string>{"connect", "watch"}));
   EXPECT_EQ(f.manager->status().lostConnections, 1u);
 
-  f.disarm();
+  f.arm(false);
   EXPECT_EQ(gpsd->transcript(3).back(), "unwatch");
   f.manager->stopUpdatingLocation();
   EXPECT_EQ(gpsd->transcript(4),

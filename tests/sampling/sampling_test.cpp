@@ -27,11 +27,6 @@ using Lines = std::vector<std::string>;
 constexpr const char* kUuid = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";
 constexpr const char* kOtherUuid = "74278BDA-B644-4520-8F0C-720EAF059935";
 
-std::shared_ptr<const sim::Trace> northWalk() {
-  return std::make_shared<const sim::Trace>(
-      sim::Trace::load(ZONARIS_TEST_DATA_DIR "/north_walk.csv"));
-}
-
 class Sampling : public ::testing::Test {
  protected:
   /// Without a trace the location service delivers no fix by itself. The catalogue is empty.
@@ -66,6 +61,10 @@ class Sampling : public ::testing::Test {
     return out;
   }
 
+  void forgetLog() {
+    std::lock_guard lock(mutex);
+    stamped.clear();
+  }
   static platform::Location fixAt(double lat, double lon, int secondsAfterStart = 0) {
     return {lat, lon, -1.0, 5.0, sim::defaultStartTime() + std::chrono::seconds(secondsAfterStart)};
   }
@@ -93,23 +92,6 @@ class Sampling : public ::testing::Test {
   std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
   std::shared_ptr<Zonaris> client;
 };
-
-class OnTheNorthWalk : public Sampling {
- protected:
-  OnTheNorthWalk() : Sampling(northWalk()) {}
-};
-
-TEST_F(OnTheNorthWalk, FirstFixBecomesTheInitLocationAndNothingElseUntilTheCatalogueArrives) {
-  server.respond("GET", "/install/location", {500, ""});  // the download keeps failing
-  client->start();
-  simulation->runFor(10s);
-  EXPECT_EQ(timesOf("New location: "), std::vector<double>{1.0});
-  EXPECT_EQ(delegate->names(), std::vector<std::string>{"updatedInitLocation"});
-  EXPECT_EQ(client->mInitLocation()->latitude, northWalk()->at(1.0).latitude);
-  // Back in the idle setting, and no further sample armed while the download fails.
-  EXPECT_EQ(simulation->simLocationManager()->distanceFilter(), 99999.0);
-  EXPECT_FALSE(client->mUpdatingLocation());
-}
 
 // Speeds divide by the seconds since the reference fix, but by 1 when none have passed.
 TEST_F(Sampling, OnlyTheFirstDeliveryAfterArmingIsTakenEvenWhenTwoChainsArm) {
@@ -143,40 +125,39 @@ TEST_F(Sampling, AverageHalvesFrom28TowardsTheFloorAndStaysThere) {
 constexpr const char* kTooBig = "Interval is too big. Set to MAX_INTERVAL = 600";
 constexpr const char* kTooSmall = "Interval is too small. Set to MIN_INTERVAL = 15";
 
-struct IntervalCase {
-  double minDist;
-  std::optional<std::int32_t> dwellIn;
-  std::int32_t interval;
-  const char* boundLine;  // or null
-};
-
-class IntervalBounds : public Sampling, public ::testing::WithParamInterface<IntervalCase> {};
-
 // Average speed 2.0 m/s after smoothing, so S = floor(minDist / 4).
-TEST_P(IntervalBounds, IntervalIsHalfTheTimeToTheFenceCutToTheDwellAndBounded) {
-  const auto& c = GetParam();
-  prepare(1.9999f, c.minDist, c.dwellIn);
-  client->calculateIntervalAndAccuracy();
-  EXPECT_EQ(delegate->calls("updatedInterval"), std::vector<json>{json::array({c.interval})});
-  EXPECT_EQ(timesOf("Update location after " + std::to_string(c.interval) + " second(s)").size(),
-            1u);
-  for (const char* bound : {kTooBig, kTooSmall})
-    EXPECT_EQ(timesOf(bound).size(), c.boundLine == bound) << bound;
-  // The next sample is armed exactly `interval` virtual seconds later.
-  simulation->runFor(std::chrono::seconds(c.interval) - 1ms);
-  EXPECT_FALSE(client->mUpdatingLocation());
-  simulation->runFor(1ms);
-  EXPECT_TRUE(client->mUpdatingLocation());
+TEST_F(Sampling, IntervalIsHalfTheTimeToTheFenceCutToTheDwellAndBounded) {
+  struct Row {
+    double minDist;
+    std::optional<std::int32_t> dwellIn = std::nullopt;
+    std::int32_t interval;
+    const char* boundLine = nullptr;
+  };
+  const Row rows[] = {{.minDist = 1000.0, .interval = 250},
+                      {.minDist = 20.0, .interval = 15, .boundLine = kTooSmall},   // 5
+                      {.minDist = 2404.0, .interval = 600, .boundLine = kTooBig},  // 601
+                      {.minDist = 2400.0, .interval = 600},                        // exactly 600
+                      {.minDist = 60.0, .interval = 15},                           // exactly 15
+                      {.minDist = 1000.0, .dwellIn = 100, .interval = 100}};  // cut to the dwell
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.minDist);
+    forgetLog();
+    delegate->clear();
+    prepare(1.9999f, r.minDist, r.dwellIn);
+    client->calculateIntervalAndAccuracy();
+    EXPECT_EQ(delegate->calls("updatedInterval"), std::vector<json>{json::array({r.interval})});
+    EXPECT_EQ(timesOf("Update location after " + std::to_string(r.interval) + " second(s)").size(),
+              1u);
+    for (const char* bound : {kTooBig, kTooSmall})
+      EXPECT_EQ(timesOf(bound).size(), r.boundLine == bound) << bound;
+    // The next sample is armed exactly `interval` virtual seconds later.
+    simulation->runFor(std::chrono::seconds(r.interval) - 1ms);
+    EXPECT_FALSE(client->mUpdatingLocation());
+    simulation->runFor(1ms);
+    EXPECT_TRUE(client->mUpdatingLocation());
+    client->stop();
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Sampling, IntervalBounds,
-    ::testing::Values(IntervalCase{1000.0, std::nullopt, 250, nullptr},
-                      IntervalCase{1000.0, 100, 100, nullptr},           // S = 250 cut to the dwell
-                      IntervalCase{20.0, std::nullopt, 15, kTooSmall},   // 5
-                      IntervalCase{2404.0, std::nullopt, 600, kTooBig},  // 601
-                      IntervalCase{2400.0, std::nullopt, 600, nullptr},  // exactly 600
-                      IntervalCase{60.0, std::nullopt, 15, nullptr}));   // exactly 15
 
 // Compared in single precision: 1000.00002 m reads as 1000 m and is kept.
 TEST_F(Sampling, InitLocationIsDroppedOnlyBeyondOneKilometre) {
@@ -253,35 +234,35 @@ constexpr const char* kAdded = "    Beacon added";
 constexpr const char* kReplaced = "    Replace old beacon";
 constexpr const char* kKept = "    Accuracy is worst or same then old one";
 
-struct Sightings {
-  std::vector<double> accuracies;  // one beacon, one ranging result each
-  double kept;
-  Lines outcomes;
-};
-
-class BeaconAccuracy : public Sampling, public ::testing::WithParamInterface<Sightings> {};
-
-TEST_P(BeaconAccuracy, KeepsTheBestUsableSightingOfAScan) {
+// One beacon ranged with these accuracies in turn: the log's outcome lines and the one kept.
+TEST_F(Sampling, BeaconsKeepTheBestUsableSightingOfAScan) {
+  struct Row {
+    std::vector<double> accuracies;
+    double kept;
+    Lines outcomes;
+  };
+  const Row rows[] = {
+      {.accuracies = {1.5, 1.5}, .kept = 1.5, .outcomes = {kAdded, kKept}},
+      {.accuracies = {-1.0, 4.0}, .kept = 4.0, .outcomes = {kAdded, kReplaced, kAdded}},
+      {.accuracies = {4.0, -1.0}, .kept = 4.0, .outcomes = {kAdded, kKept}},
+      {.accuracies = {4.0, 0.0}, .kept = 4.0, .outcomes = {kAdded, kKept}}};
   client->startUpdateBeacons();
-  for (double a : GetParam().accuracies)
-    range({beacon(a)});
-  Lines outcomes;
-  for (const auto& [t, line] : stamped) {
-    if (line.rfind("    ", 0) == 0 && line.find("Beacon - ") == std::string::npos)
-      outcomes.push_back(line);
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.accuracies.front());
+    forgetLog();
+    for (double a : r.accuracies)
+      range({beacon(a)});
+    Lines outcomes;
+    for (const auto& [t, line] : stamped) {
+      if (line.rfind("    ", 0) == 0 && line.find("Beacon - ") == std::string::npos)
+        outcomes.push_back(line);
+    }
+    EXPECT_EQ(outcomes, r.outcomes);
+    ASSERT_EQ(client->mCurrentBeacons().size(), 1u);
+    EXPECT_EQ(client->mCurrentBeacons()[0].accuracy, r.kept);
+    simulation->runFor(40s);  // the next scan starts afresh
   }
-  EXPECT_EQ(outcomes, GetParam().outcomes);
-  ASSERT_EQ(client->mCurrentBeacons().size(), 1u);
-  EXPECT_EQ(client->mCurrentBeacons()[0].accuracy, GetParam().kept);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Sequences, BeaconAccuracy,
-    ::testing::Values(Sightings{{3.2, 1.5, 2.0}, 1.5, {kAdded, kReplaced, kAdded, kKept}},
-                      Sightings{{1.5, 1.5}, 1.5, {kAdded, kKept}},
-                      Sightings{{-1.0, 4.0}, 4.0, {kAdded, kReplaced, kAdded}},
-                      Sightings{{4.0, -1.0}, 4.0, {kAdded, kKept}},
-                      Sightings{{4.0, 0.0}, 4.0, {kAdded, kKept}}));
 
 // A walk east along the equator at 1.5 m/s to 34 m from a shop door with a beacon fence, two
 // minutes there, and back: under 150 m from about t = 123 s to t = 397 s.
