@@ -111,51 +111,41 @@ class FakeGpsd {
     ::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
   }
 
+  // One client at a time: the manager never holds two connections.
   void serve() {
-    std::vector<int> clients;
+    int client = -1;
     std::string pending;
     for (;;) {
-      std::vector<pollfd> fds{{stopPipe_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
-      for (int c : clients)
-        fds.push_back({c, POLLIN, 0});
-      ::poll(fds.data(), fds.size(), -1);
+      pollfd fds[] = {{stopPipe_[0], POLLIN, 0}, {listener_, POLLIN, 0}, {client, POLLIN, 0}};
+      ::poll(fds, 3, -1);  // a client of -1 is not polled
       if (fds[0].revents)
         break;
       if (fds[1].revents & POLLIN) {
-        const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
         note("connect");
         send(client, R"({"class":"VERSION","release":"3.22","proto_major":3,"proto_minor":14})");
         if (dropClients_)
-          ::close(client);
-        else
-          clients.push_back(client);
+          client = (::close(client), -1);
+        continue;
       }
-      for (std::size_t i = 2; i < fds.size(); ++i) {
-        if (!fds[i].revents)
-          continue;
-        char buffer[512];
-        const auto n = ::recv(fds[i].fd, buffer, sizeof buffer, 0);
-        if (n <= 0) {
-          note("close");
-          ::close(fds[i].fd);
-          std::erase(clients, fds[i].fd);
-          continue;
-        }
+      char buffer[512];
+      const auto n = fds[2].revents ? ::recv(client, buffer, sizeof buffer, 0) : 1;
+      if (n <= 0) {
+        note("close");
+        client = (::close(client), -1);
+      } else if (fds[2].revents) {
         pending.append(buffer, static_cast<std::size_t>(n));
-        for (auto end = pending.find(';'); end != std::string::npos; end = pending.find(';')) {
-          const std::string command = pending.substr(0, end);
-          pending.erase(0, end + 1);
-          const bool enable = command.find(R"("enable":true)") != std::string::npos;
-          note(enable ? "watch" : "unwatch");
-          if (enable) {
-            for (const auto& report : reports_)
-              send(fds[i].fd, report);
-          }
-        }
+      }
+      for (auto end = pending.find(';'); end != std::string::npos; end = pending.find(';')) {
+        const bool enable = pending.substr(0, end).find(R"("enable":true)") != std::string::npos;
+        pending.erase(0, end + 1);
+        note(enable ? "watch" : "unwatch");
+        for (const auto& report : enable ? reports_ : std::vector<std::string>{})
+          send(client, report);
       }
     }
-    for (int c : clients)
-      ::close(c);
+    if (client >= 0)
+      ::close(client);
   }
 
   std::vector<std::string> reports_;
