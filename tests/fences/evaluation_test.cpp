@@ -2,6 +2,7 @@
 // timing, driven directly on the test's thread.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 
@@ -176,6 +177,23 @@ TEST_F(FencePass, EmptyOrMissingCatalogueIsReportedWithoutADistance) {
               json::array({missing ? json{{"name", "fences"}, {"value", "nil"}}
                                    : json{{"name", "fences.length"}, {"value", 0}}}));
   }
+}
+
+// Inside a point fence's radius the distance line shows how deep the device is.
+TEST_F(FencePass, AFailedObservationKeepsTheCatalogueNewSoTheNextPassSendsAgain) {
+  auto fences = publish({point(1, 30, 100)});
+  client->setMResetFences(true);
+  client->setDevMode(true);
+  placeDevice();
+  server.stop();
+  client->handleFences();
+  client->handleFences();
+
+  const auto lines = simulation->logger().lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "Observation wasn't sent!"), 2);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "Distance to P1 zone = -70.000000"), 2);
+  EXPECT_TRUE(client->mResetFences());
+  EXPECT_TRUE(fences[0]->entered());
 }
 
 struct ConfirmCase {
