@@ -15,7 +15,6 @@ namespace {
 using namespace std::chrono_literals;
 using nlohmann::json;
 using test::FenceDef;
-using test::kMetresPerDegree;
 using test::pointNorthOfOrigin;
 
 // A beacon exactly 150 m from the device at (0, 0), found among the doubles themselves so that
@@ -38,7 +37,8 @@ std::string nested(int levels) {
   return repeat("GEOMETRYCOLLECTION (", levels) + "POINT (0 0)" + std::string(levels, ')');
 }
 
-constexpr double kFar = 1.7976931348623157e308;  // the largest double
+constexpr double kFar = 1.7976931348623157e308;    // the largest double
+constexpr double kOneDegree = 111319.49079327357;  // metres of arc on the fence sphere
 
 struct DistanceCase {
   const char* name;
@@ -69,12 +69,12 @@ TEST_P(Distance, MeasuresFromTheNearestPointOfTheFenceOrReportsTheUnreadableText
 // clang-format off
 const DistanceCase kDistances[] = {
     {.name = "SamePoint", .fence = "POINT (13.4 52.5)", .point = "POINT (13.4 52.5)", .metres = 0.0},
-    {.name = "OneDegreeNorthAtTheEquator", .fence = "POINT (0 0)", .point = "POINT (0 1)", .metres = kMetresPerDegree},
-    {.name = "OneDegreeEastAtTheEquator", .fence = "POINT (0 0)", .point = "POINT (1 0)", .metres = kMetresPerDegree},
+    {.name = "OneDegreeNorthAtTheEquator", .fence = "POINT (0 0)", .point = "POINT (0 1)", .metres = kOneDegree},
+    {.name = "OneDegreeEastAtTheEquator", .fence = "POINT (0 0)", .point = "POINT (1 0)", .metres = kOneDegree},
     {.name = "InsideAPolygon", .fence = "POLYGON ((0 0, 1 0, 1 1, 0 1, 0 0))", .point = "POINT (0.5 0.5)", .metres = 0.0},
-    {.name = "EastOfAPolygonsBoundary", .fence = "POLYGON ((0 -1, 1 -1, 1 1, 0 1, 0 -1))", .point = "POINT (2 0)", .metres = kMetresPerDegree},
-    {.name = "NearerPartOfAMultiPolygon", .fence = "MULTIPOLYGON (((0 -1, 1 -1, 1 1, 0 1, 0 -1)), ((5 -1, 6 -1, 6 1, 5 1, 5 -1)))", .point = "POINT (4 0)", .metres = kMetresPerDegree},
-    {.name = "BesideALine", .fence = "LINESTRING (0 -1, 0 2)", .point = "POINT (1 0)", .metres = kMetresPerDegree},
+    {.name = "EastOfAPolygonsBoundary", .fence = "POLYGON ((0 -1, 1 -1, 1 1, 0 1, 0 -1))", .point = "POINT (2 0)", .metres = kOneDegree},
+    {.name = "NearerPartOfAMultiPolygon", .fence = "MULTIPOLYGON (((0 -1, 1 -1, 1 1, 0 1, 0 -1)), ((5 -1, 6 -1, 6 1, 5 1, 5 -1)))", .point = "POINT (4 0)", .metres = kOneDegree},
+    {.name = "BesideALine", .fence = "LINESTRING (0 -1, 0 2)", .point = "POINT (1 0)", .metres = kOneDegree},
     {.name = "InsideACollectionThirtyDeep", .fence = nested(30), .point = "POINT (0 0)", .metres = 0.0},
     {.name = "ParisToLondon", .fence = "POINT (2.3522 48.8566)", .point = "POINT (-0.1276 51.5072)", .metres = 343914.69874715415},
     {.name = "EmptyFence", .fence = "", .point = "POINT (0 0)", .metres = kFar, .unreadable = {"geometry1"}},
@@ -82,7 +82,7 @@ const DistanceCase kDistances[] = {
     {.name = "NaNCoordinate", .fence = "POINT (nan 0)", .point = "POINT (0 0)", .metres = kFar, .unreadable = {"geometry1"}},
     {.name = "CollectionWithAnEmptyPoint", .fence = "GEOMETRYCOLLECTION (POINT (1 2), POINT EMPTY)", .point = "POINT (0 0)", .metres = kFar, .unreadable = {"geometry1"}},
     {.name = "DeeplyNestedFence", .fence = nested(100000), .point = "POINT (0 0)", .metres = kFar, .unreadable = {"geometry1"}},
-    {.name = "LongBoundaryIsMeasured", .fence = "LINESTRING (1 0" + repeat(", 1.000001 0.000001", 60000) + ")", .point = "POINT (0 0)", .metres = kMetresPerDegree},
+    {.name = "LongBoundaryIsMeasured", .fence = "LINESTRING (1 0" + repeat(", 1.000001 0.000001", 60000) + ")", .point = "POINT (0 0)", .metres = kOneDegree},
     {.name = "FenceLargerThanAResponse", .fence = "POINT (0 0)" + std::string(std::size_t{16} << 20, ' '), .point = "POINT (0 0)", .metres = kFar, .unreadable = {"geometry1"}},
     {.name = "DevicePointIsALine", .fence = "POINT (0 0)", .point = "LINESTRING (0 0, 1 1)", .metres = kFar, .unreadable = {"geometry2"}},
     {.name = "BothBroken", .fence = "garbage", .point = "", .metres = kFar, .unreadable = {"geometry1", "geometry2"}},
@@ -137,7 +137,7 @@ TEST_P(EvaluationPass, ReportsTheNearestFenceAndObservesExactlyWhenFlagsDisagree
 
 // A fence 50 m north with radius 100: the device is inside at 0, outside 1 km south of it.
 const FenceDef kNear = point(1, 50, 100);
-const double kSouth = -0.01, kFromSouth = kMetresPerDegree / 100 - 50;
+const double kSouth = -0.01, kFromSouth = 1063.1949079327358;
 
 // clang-format off
 const PassCase kPasses[] = {
