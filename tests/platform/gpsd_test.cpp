@@ -259,31 +259,58 @@ TEST(GpsdLocationManager, DeliversOnlyTpvReportsWithAFixReadAfterTheArming) {
 }
 
 // Idle means not watching, armed means watching; after gpsd was killed and started again the
-// manager reconnects by itself, still armed, and delivers; a stop closes the connection.
+// manager reconnects by itself, still armed, and delivers; a stop closes the connection. The
+// same with descriptor numbers beyond FD_SETSIZE (select-based waits abort on them), and with
+// no descriptor left when the manager is made (so it has no wake-up descriptor).
 TEST(GpsdLocationManager, MapsSettingsOntoWatchAndReconnectsStillArmedAfterGpsdRestarts) {
   const std::string report = R"({"class":"TPV","mode":3,"time":")" +
                              isoTime(std::chrono::system_clock::now() + 3600s) +
                              R"(","lat":48.1,"lon":11.5,"eph":4})";
-  auto gpsd = std::make_unique<FakeGpsd>(std::vector<std::string>{report});
-  const int port = gpsd->port();
-  Fixture f(port);
-  EXPECT_EQ(gpsd->transcript(2), (std::vector<std::string>{"connect", "unwatch"}));
-  f.arm();
-  EXPECT_EQ(f.recorder->fixes.wait(1).size(), 1u);
-  EXPECT_EQ(gpsd->transcript(3), (std::vector<std::string>{"connect", "unwatch", "watch"}));
+  rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+  rlimit roomy = saved;
+  roomy.rlim_cur = std::max<rlim_t>(saved.rlim_cur, 1100);
+  const bool canBeRoomy =
+      roomy.rlim_cur <= saved.rlim_max && ::setrlimit(RLIMIT_NOFILE, &roomy) == 0;
+  for (const char* mode : {"plain", "beyond FD_SETSIZE", "no wake-up descriptor"}) {
+    SCOPED_TRACE(mode);
+    if (!canBeRoomy && mode[0] != 'p')
+      continue;
+    auto gpsd = std::make_unique<FakeGpsd>(std::vector<std::string>{report});
+    const int port = gpsd->port();
+    std::vector<int> held{::open("/dev/null", O_RDONLY | O_CLOEXEC)};
+    while (mode[0] == 'b' && held.back() >= 0 && held.back() < FD_SETSIZE - 1)
+      held.push_back(::fcntl(held.front(), F_DUPFD_CLOEXEC, 0));
+    ASSERT_GE(held.back(), 0);
+    rlimit none = roomy;
+    none.rlim_cur = static_cast<rlim_t>(held.back() + 1);
+    if (mode[0] == 'n')
+      ::setrlimit(RLIMIT_NOFILE, &none);
+    auto f = std::make_unique<Fixture>(port);
+    if (canBeRoomy)
+      ::setrlimit(RLIMIT_NOFILE, &roomy);
+    EXPECT_EQ(gpsd->transcript(2), (std::vector<std::string>{"connect", "unwatch"}));
+    f->arm();
+    EXPECT_EQ(f->recorder->fixes.wait(1).size(), 1u);
+    EXPECT_EQ(gpsd->transcript(3), (std::vector<std::string>{"connect", "unwatch", "watch"}));
 
-  gpsd.reset();  // killed
-  gpsd = std::make_unique<FakeGpsd>(std::vector<std::string>{report}, port);
-  EXPECT_EQ(f.recorder->fixes.wait(2).size(), 2u);
-  EXPECT_EQ(gpsd->transcript(2), (std::vector<std::string>{"connect", "watch"}));
-  EXPECT_EQ(f.manager->status().lostConnections, 1u);
+    gpsd.reset();  // killed
+    gpsd = std::make_unique<FakeGpsd>(std::vector<std::string>{report}, port);
+    EXPECT_EQ(f->recorder->fixes.wait(2).size(), 2u);
+    EXPECT_EQ(gpsd->transcript(2), (std::vector<std::string>{"connect", "watch"}));
+    EXPECT_EQ(f->manager->status().lostConnections, 1u);
 
-  f.arm(false);
-  EXPECT_EQ(gpsd->transcript(3).back(), "unwatch");
-  f.manager->stopUpdatingLocation();
-  EXPECT_EQ(gpsd->transcript(4),
-            (std::vector<std::string>{"connect", "watch", "unwatch", "close"}));
-  EXPECT_FALSE(f.manager->status().connected);
+    f->arm(false);
+    EXPECT_EQ(gpsd->transcript(3).back(), "unwatch");
+    f->manager->stopUpdatingLocation();
+    EXPECT_EQ(gpsd->transcript(4),
+              (std::vector<std::string>{"connect", "watch", "unwatch", "close"}));
+    EXPECT_FALSE(f->manager->status().connected);
+    f.reset();
+    for (int fd : held)
+      ::close(fd);
+  }
+  ::setrlimit(RLIMIT_NOFILE, &saved);
 }
 
 // A gpsd that never answers a connection and one that drops every connection: each attempt
@@ -303,45 +330,6 @@ TEST(GpsdLocationManager, RetriesAFaultyGpsdEverMoreSlowly) {
     waits.resize(3);
     EXPECT_EQ(waits, (std::vector<std::string>{"0.02 s", "0.04 s", "0.08 s"})) << reason;
   }
-}
-
-// Descriptor numbers beyond FD_SETSIZE (select-based waits abort on them), and no descriptor
-// left at all when the manager is made (so it has no wake-up descriptor): either way it
-// connects, delivers, and sees a stop.
-TEST(GpsdLocationManager, WorksBeyondFdSetSizeAndWithoutAWakeUpDescriptor) {
-  const std::string report =
-      R"({"class":"TPV","mode":3,"time":"2019-03-14T09:00:00.000Z","lat":48.1,"lon":11.5})";
-  rlimit saved{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
-  rlimit roomy = saved;
-  roomy.rlim_cur = std::max<rlim_t>(saved.rlim_cur, 1100);
-  if (roomy.rlim_cur > saved.rlim_max || ::setrlimit(RLIMIT_NOFILE, &roomy) != 0)
-    GTEST_SKIP() << "cannot allow 1100 open files";
-  for (const bool beyond : {true, false}) {
-    FakeGpsd gpsd({report});
-    std::vector<int> held{::open("/dev/null", O_RDONLY | O_CLOEXEC)};
-    while (beyond && held.back() >= 0 && held.back() < FD_SETSIZE - 1)
-      held.push_back(::fcntl(held.front(), F_DUPFD_CLOEXEC, 0));
-    ASSERT_GE(held.back(), 0);
-    {
-      rlimit none = roomy;
-      none.rlim_cur = static_cast<rlim_t>(held.back() + 1);
-      if (!beyond)
-        ::setrlimit(RLIMIT_NOFILE, &none);
-      Fixture f(gpsd.port());
-      ::setrlimit(RLIMIT_NOFILE, &roomy);
-      EXPECT_EQ(gpsd.transcript(2), (std::vector<std::string>{"connect", "unwatch"})) << beyond;
-      f.arm();
-      EXPECT_EQ(f.recorder->fixes.wait(1).size(), 1u) << beyond;
-      f.manager->stopUpdatingLocation();
-      EXPECT_EQ(gpsd.transcript(4),
-                (std::vector<std::string>{"connect", "unwatch", "watch", "close"}))
-          << beyond;
-    }
-    for (int fd : held)
-      ::close(fd);
-  }
-  ::setrlimit(RLIMIT_NOFILE, &saved);
 }
 
 TEST(GpsdLocationManager, ReadsGpsdAddresses) {

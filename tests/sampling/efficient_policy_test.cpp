@@ -3,9 +3,9 @@
 // when a still device moves off, and takes far fewer fixes.
 #include <gtest/gtest.h>
 
-#include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 
 #include "sampling/efficient_policy.hpp"
 #include "support/recording_delegate.hpp"
@@ -92,16 +92,14 @@ Day run(const std::string& csv, int seconds, std::optional<SamplingPolicy> polic
   client->start();
 
   // A window of D seconds fires on the tick that brings the fence's count to D + 1.
-  std::map<std::pair<std::int64_t, std::int32_t>, bool> fired;
+  std::set<std::pair<std::int64_t, std::int32_t>> fired;
   for (int quarter = 0; quarter < seconds * 4; ++quarter) {
     simulation.runFor(250ms);
     for (const auto& fence : *client->mFences()) {
       for (const auto& window : *fence->dwell_events()) {
-        auto& done = fired[{fence->id(), window->dwell_time()}];
-        if (!done && fence->dwell_time() > window->dwell_time()) {
-          done = true;
+        if (fence->dwell_time() > window->dwell_time() &&
+            fired.emplace(fence->id(), window->dwell_time()).second)
           day.firings.push_back(simulation.elapsedSeconds());
-        }
       }
     }
   }
