@@ -36,13 +36,10 @@ class FenceJourney : public test::FenceFixture {
   // the n-th list of events, the last one repeating.
   void run(std::vector<std::pair<int, const char*>> stops, int seconds, std::vector<int> windows,
            std::vector<json> answers) {
-    json fence = {{"id", 11},
-                  {"name", "Office"},
-                  {"type", "polygon"},
-                  {"radius", 0},
-                  {"location", "POLYGON ((0.01 0, 0.02 0, 0.02 0.01, 0.01 0.01, 0.01 0))"},
-                  {"_event_types", {"entry", "exit", "dwell"}},
-                  {"_dwell_windows", windows}};
+    json fence = json::parse(R"j({"id": 11, "name": "Office", "type": "polygon", "radius": 0,
+        "location": "POLYGON ((0.01 0, 0.02 0, 0.02 0.01, 0.01 0.01, 0.01 0))",
+        "_event_types": ["entry", "exit", "dwell"]})j");
+    fence["_dwell_windows"] = windows;
     server.respond("GET", "/install/location", {200, json::array({fence}).dump()});
     answerObservationsWith(answers);
     std::string csv = "t,lat,lon\n";

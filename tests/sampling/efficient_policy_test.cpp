@@ -20,22 +20,12 @@ using namespace std::chrono_literals;
 using nlohmann::json;
 
 // A square of about 222 m around (0, 0) on the equator, and a point fence of 60 m at (0, 0).
-const json kSquare = {{"id", 1},
-                      {"name", "Square"},
-                      {"type", "polygon"},
-                      {"radius", 0},
-                      {"location",
-                       "POLYGON ((-0.001 -0.001, 0.001 -0.001, 0.001 0.001, "
-                       "-0.001 0.001, -0.001 -0.001))"},
-                      {"_event_types", {"entry", "exit", "dwell"}},
-                      {"_dwell_windows", {20, 45, 100, 250, 700, 1900}}};
-const json kDisc = {{"id", 2},
-                    {"name", "Disc"},
-                    {"type", "point"},
-                    {"radius", 60},
-                    {"location", "POINT (0 0)"},
-                    {"_event_types", {"entry", "exit", "dwell"}},
-                    {"_dwell_windows", {30, 400}}};
+constexpr const char* kCatalogue = R"j([
+    {"id": 1, "name": "Square", "type": "polygon", "radius": 0,
+    "location": "POLYGON ((-0.001 -0.001, 0.001 -0.001, 0.001 0.001, -0.001 0.001, -0.001 -0.001))",
+     "_event_types": ["entry", "exit", "dwell"], "_dwell_windows": [20, 45, 100, 250, 700, 1900]},
+    {"id": 2, "name": "Disc", "type": "point", "radius": 60, "location": "POINT (0 0)",
+     "_event_types": ["entry", "exit", "dwell"], "_dwell_windows": [30, 400]}])j";
 
 using Stamped = std::vector<std::pair<double, std::string>>;
 
@@ -63,7 +53,7 @@ Day run(const std::string& csv, int seconds, std::optional<SamplingPolicy> polic
         platform::Duration fixDelay = 1s) {
   RecordingServer server;
   server.respond("POST", "/install/error", {200, ""});
-  server.respond("GET", "/install/location", {200, json::array({kSquare, kDisc}).dump()});
+  server.respond("GET", "/install/location", {200, kCatalogue});
   server.respond("POST", "/observation",
                  {200, R"({"id": 1, "events": [{"location_id": 1, "event_type": "dwell"},
                                                {"location_id": 2, "event_type": "dwell"}]})"});
