@@ -183,22 +183,16 @@ class Generator {
     return kind < 5 ? kOdd[kind] : static_cast<float>(uniform(0, 400));
   }
 
-  struct Drawn {
-    std::int64_t id;
-    std::optional<std::string> type;
-    std::optional<std::string> location;
-    float radius;
-  };
-  Drawn fence(std::int64_t id) {
-    Drawn drawn{id, std::nullopt, std::nullopt, radius()};
+  FenceDef fence(std::int64_t id) {
+    FenceDef drawn{.id = id, .name = "F" + std::to_string(id), .radius = radius()};
     drawn.type = chance(0.05) ? std::nullopt : std::optional<std::string>(kTypes[pick(5)]);
     drawn.location = location(drawn.type.value_or(""));
     return drawn;
   }
 
-  std::vector<Drawn> catalogue() {
+  std::vector<FenceDef> catalogue() {
     newRegion();
-    std::vector<Drawn> drawn;
+    std::vector<FenceDef> drawn;
     const int count = chance(0.05) ? 300 : 1 + pick(24);
     for (int i = 0; i < count; ++i)
       drawn.push_back(fence(i));
@@ -207,8 +201,8 @@ class Generator {
 
   // The next answer in the same region, as after moving on a little: most fences again as they
   // were, some with a new text or type, some gone, some new, in another order.
-  std::vector<Drawn> successor(const std::vector<Drawn>& before) {
-    std::vector<Drawn> drawn;
+  std::vector<FenceDef> successor(const std::vector<FenceDef>& before) {
+    std::vector<FenceDef> drawn;
     std::int64_t next = 0;
     for (const auto& old : before) {
       next = std::max(next, old.id + 1);
@@ -246,20 +240,6 @@ class Generator {
   std::vector<std::pair<double, double>> vertices_;
 };
 
-FenceList makeList(const std::vector<Generator::Drawn>& drawn) {
-  FenceList list;
-  for (std::size_t i = 0; i < drawn.size(); ++i) {
-    auto fence = std::make_shared<ZonarisFence>();
-    fence->setId(drawn[i].id);
-    fence->setName("F" + std::to_string(i));
-    fence->setType(drawn[i].type);
-    fence->setLocation(drawn[i].location);
-    fence->setRadius(drawn[i].radius);
-    list.push_back(fence);
-  }
-  return list;
-}
-
 std::string flags(const FenceList& list) {
   std::string out;
   for (const auto& fence : list)
@@ -272,7 +252,7 @@ TEST(FenceCacheTest, CachedWalkDecidesExactlyAsMeasuringEveryFence) {
   int passes = 0;
   int skipped = 0;  // fences the cache did not measure: the comparison must cover skipping
   std::size_t carried = 0;
-  std::vector<Generator::Drawn> drawn;
+  std::vector<FenceDef> drawn;
   std::shared_ptr<const fences::FenceCache> previous;
   for (int c = 0; c < kCatalogues; ++c) {
     const bool follows = c > 0 && generate.chance(0.5);
@@ -280,8 +260,8 @@ TEST(FenceCacheTest, CachedWalkDecidesExactlyAsMeasuringEveryFence) {
     for (const auto& fence : drawn)
       before.emplace(fence.id, fence.location);
     drawn = follows ? generate.successor(drawn) : generate.catalogue();
-    FenceList reference = makeList(drawn);
-    FenceList cached = makeList(drawn);
+    FenceList reference = makeFences(drawn);
+    FenceList cached = makeFences(drawn);
     const auto cache = fences::FenceCache::build(cached, follows ? previous.get() : nullptr);
     ASSERT_NE(cache, nullptr);
     // Exactly the fences with an id and a text seen before are carried, whatever their type.
@@ -340,14 +320,14 @@ TEST(FenceCacheTest, CachedWalkDecidesExactlyAsMeasuringEveryFence) {
 // AddressSanitizer watch the sharing.
 TEST(FenceCacheTest, OverlappingPassesShareTheCache) {
   Generator generate(99);
-  std::vector<Generator::Drawn> drawn;
+  std::vector<FenceDef> drawn;
   while (drawn.size() < 40) {
     auto more = generate.catalogue();
     drawn.insert(drawn.end(), more.begin(), more.end());
   }
-  const FenceList list = makeList(drawn);
+  const FenceList list = makeFences(drawn);
   auto cache = fences::FenceCache::build(list);
-  const FenceList nextList = makeList(drawn);
+  const FenceList nextList = makeFences(drawn);
   const auto next = fences::FenceCache::build(nextList, cache.get());
   ASSERT_EQ(next->carried(), drawn.size());
   std::vector<std::string> points;

@@ -33,6 +33,25 @@ inline std::string pointNorthOfOrigin(double metres) {
   return "POINT (0 " + nlohmann::json(metres / kMetresPerDegree).dump() + ")";
 }
 
+/// Fence records made from these definitions.
+inline FenceList makeFences(const std::vector<FenceDef>& fenceDefs) {
+  FenceList list;
+  for (const auto& def : fenceDefs) {
+    auto fence = std::make_shared<ZonarisFence>();
+    fence->setId(def.id);
+    fence->setName(def.name);
+    fence->setType(def.type);
+    fence->setLocation(def.location);
+    fence->setRadius(def.radius);
+    DwellList windows;
+    for (auto seconds : def.windows)
+      windows.push_back(std::make_shared<ZonarisDwell>(seconds));
+    fence->setDwell_events(std::move(windows));
+    list.push_back(fence);
+  }
+  return list;
+}
+
 class FenceFixture : public ::testing::Test {
  protected:
   FenceFixture() {
@@ -71,20 +90,7 @@ class FenceFixture : public ::testing::Test {
 
   /// Makes these fences the client's catalogue.
   FenceList publish(const std::vector<FenceDef>& fenceDefs, bool cached = false) {
-    FenceList list;
-    for (const auto& def : fenceDefs) {
-      auto fence = std::make_shared<ZonarisFence>();
-      fence->setId(def.id);
-      fence->setName(def.name);
-      fence->setType(def.type);
-      fence->setLocation(def.location);
-      fence->setRadius(def.radius);
-      DwellList windows;
-      for (auto seconds : def.windows)
-        windows.push_back(std::make_shared<ZonarisDwell>(seconds));
-      fence->setDwell_events(std::move(windows));
-      list.push_back(fence);
-    }
+    FenceList list = makeFences(fenceDefs);
     client->setMFences(cached ? fences::withGeometryCache(list)
                               : std::make_shared<const FenceList>(list));
     return list;
