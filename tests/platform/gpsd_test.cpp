@@ -157,24 +157,20 @@ class FakeGpsd {
   Awaited<std::string> transcript_;
 };
 
-class Recorder final : public LocationManagerDelegate {
+// The fixes the manager delivers and its developer-mode lines.
+class Recorder final : public LocationManagerDelegate, public Logger {
  public:
   void didUpdateLocations(const std::vector<Location>& locations) override {
     for (const auto& l : locations)
       fixes.add(l);
   }
   void didRangeBeacons(const std::vector<Beacon>&, const BeaconRegion&) override {}
-  Awaited<Location> fixes;
-};
-
-// The manager's developer-mode lines.
-class LogRecorder final : public Logger {
- public:
   void log(std::string_view line) override { lines_.add(std::string(line)); }
   // The lines containing `part`, once there are `count` of them.
   std::vector<std::string> lines(const std::string& part, std::size_t count) {
     return lines_.wait(count, [&](const std::string& l) { return l.find(part) != l.npos; });
   }
+  Awaited<Location> fixes;
 
  private:
   Awaited<std::string> lines_;
@@ -187,7 +183,7 @@ std::string isoTime(TimePoint time) {
 // A started manager in the client's idle setting.
 struct Fixture {
   explicit Fixture(int port, std::chrono::milliseconds connectTimeout = 10s) {
-    manager = std::make_shared<GpsdLocationManager>(dispatcher, logger,
+    manager = std::make_shared<GpsdLocationManager>(dispatcher, recorder,
                                                     GpsdOptions{.host = "127.0.0.1",
                                                                 .port = std::to_string(port),
                                                                 .retryMin = 20ms,
@@ -208,7 +204,6 @@ struct Fixture {
   }
   std::shared_ptr<ThreadDispatcher> dispatcher = std::make_shared<ThreadDispatcher>();
   std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
-  std::shared_ptr<LogRecorder> logger = std::make_shared<LogRecorder>();
   std::shared_ptr<GpsdLocationManager> manager;
 };
 
@@ -248,7 +243,7 @@ TEST(GpsdLocationManager, DeliversOnlyTpvReportsWithAFixReadAfterTheArming) {
   EXPECT_EQ(fixes, (std::vector<Fix>{
                        {48.1, 11.5, 1.5, 7.5}, {48.2, 11.6, -1.0, 9.0}, {48.3, 11.7, 0.0, -1.0}}));
   EXPECT_EQ(f.manager->status().reports, 8u);
-  EXPECT_EQ(f.logger->lines("dropped", 5),
+  EXPECT_EQ(f.recorder->lines("dropped", 5),
             (std::vector<std::string>{
                 "gpsd: report dropped: no fix (mode 1)", "gpsd: report dropped: no fix (mode 0)",
                 "gpsd: report dropped: no position", "gpsd: report dropped: no time",
@@ -325,7 +320,7 @@ TEST(GpsdLocationManager, RetriesAFaultyGpsdEverMoreSlowly) {
   for (const auto& [port, reason] : table) {
     Fixture f(port, 50ms);
     std::vector<std::string> waits;
-    for (const auto& line : f.logger->lines(reason, 3))
+    for (const auto& line : f.recorder->lines(reason, 3))
       waits.push_back(line.substr(line.find(reason) + reason.size()));
     waits.resize(3);
     EXPECT_EQ(waits, (std::vector<std::string>{"0.02 s", "0.04 s", "0.08 s"})) << reason;
