@@ -3,8 +3,7 @@
 // unreadable and empty text, fences across the antimeridian and around the poles, a device on a
 // boundary), compared pass by pass on every decision, flag, distance line and error report;
 // half the catalogues follow the one before (most fences again, some changed, gone, new or
-// moved) and build their cache from its cache. Then the same through the client, whose
-// download attaches the cache.
+// moved) and build their cache from its cache.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -387,51 +386,6 @@ TEST(FenceCacheTest, EnvelopeBoundNeverExceedsTheMeasuredDistance) {
       ASSERT_LE(bound, fences::haversineMetres(x, y, c.lon, c.lat))
           << c.lon << " " << c.lat << " to " << x << " " << y;
     }
-  }
-}
-
-// Through the client: a downloaded-style snapshot (cache attached) and a plain one give the
-// same log, callbacks, reports and observations.
-class FenceCacheClientTest : public FenceFixture {};
-
-TEST_F(FenceCacheClientTest, ClientPassesMatchWithAndWithoutTheCache) {
-  std::vector<FenceDef> defs = {
-      {1, "Unreadable", "polygon", "POLYGON ((0 0, 1", 0.0f},
-      {2, "Far", "point", pointNorthOfOrigin(5000), 100.0f},
-      {3, "Home", "polygon",
-       "POLYGON ((-0.001 -0.001, 0.001 -0.001, 0.001 0.001, 0 0.001, "
-       "-0.001 -0.001))",
-       0.0f},
-      {4, "Beacon", "beacon", pointNorthOfOrigin(120), 0.0f},
-      {5, "Entered far", "point", pointNorthOfOrigin(9000), 10.0f},
-  };
-  answerObservationsWith();
-  auto run = [&](bool withCache, bool devMode) {
-    const std::size_t requestsBefore = server.requests().size();
-    client->stopDwellTimer();
-    boot();  // a fresh client each time: the passes leave speeds and beacon ranging behind
-    delegate->clear();
-    FenceList list = publish(defs);
-    list[4]->setEntered(true);
-    if (withCache)
-      client->setMFences(fences::withGeometryCache(list));
-    client->setDevMode(devMode);
-    client->setMResetFences(true);
-    placeDevice(0.0);
-    client->handleFences();
-    placeDevice(0.0004);
-    client->handleFences();
-    std::vector<std::string> seen = simulation->logger().lines();
-    for (const auto& call : delegate->calls())
-      seen.push_back(call.dump());
-    const auto requests = server.requests();
-    for (std::size_t i = requestsBefore; i < requests.size(); ++i)
-      seen.push_back(requests[i].method + " " + requests[i].path + " " + requests[i].body);
-    return seen;
-  };
-  for (bool devMode : {false, true}) {
-    const auto plain = run(false, devMode);
-    EXPECT_EQ(run(true, devMode), plain) << "dev mode " << devMode;
   }
 }
 

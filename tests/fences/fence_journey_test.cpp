@@ -3,7 +3,6 @@
 // Then the same paths overlapping on the production dispatcher's threads.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -82,31 +81,6 @@ TEST_F(FenceJourney, EntryWithAMessageThenDwellThenExit) {
   EXPECT_EQ(observedInside(), (std::vector<bool>{false, true, true, false}));
   EXPECT_FALSE(entered());
   EXPECT_FALSE(client->mResetFences());
-}
-
-TEST_F(FenceJourney, ReturningBeforeTheExitIsConfirmedCancelsIt) {
-  // The reload's observation (the fence entered locally) gets the entry confirmed; this service
-  // never confirms an exit.
-  run({{0, kInside}, {60, kInside}, {61, kOutside}, {80, kOutside}, {81, kInside}}, 300, {},
-      {{kWelcome}, json::array()});
-
-  EXPECT_EQ(delegate->names(),
-            (std::vector<std::string>{"eventEnterCallback", "actionBasicCallback",
-                                      "actionDataCallback"}));
-  // Only the passes outside asked for an exit; back inside nothing more was asked.
-  const auto inside = observedInside();
-  EXPECT_EQ(std::count(inside.begin(), inside.end(), true), 1);
-  EXPECT_TRUE(inside.size() > 1 && inside[0]);
-  EXPECT_TRUE(entered());
-}
-
-TEST_F(FenceJourney, AnEntryConfirmedWhileOutsideIsFollowedByAnExit) {
-  run({{0, kOutside}}, 120, {}, {{event("entry")}, {event("exit")}});
-
-  EXPECT_EQ(delegate->names(),
-            (std::vector<std::string>{"eventEnterCallback", "eventExitCallback"}));
-  EXPECT_EQ(observedInside(), (std::vector<bool>{false, false}));
-  EXPECT_FALSE(entered());
 }
 
 // Meant for the ThreadSanitizer build: every field these paths share must be atomic or

@@ -264,47 +264,6 @@ TEST_F(Sampling, BeaconsKeepTheBestUsableSightingOfAScan) {
   }
 }
 
-// A walk east along the equator at 1.5 m/s to 34 m from a shop door with a beacon fence, two
-// minutes there, and back: under 150 m from about t = 123 s to t = 397 s.
-class BeaconJourney : public Sampling {
- protected:
-  BeaconJourney()
-      : Sampling(std::make_shared<const sim::Trace>(sim::Trace::parseCsv(
-                     "0,0,0\n200,0,0.0027\n320,0,0.0027\n520,0,0\n", "walk.csv")),
-                 std::make_shared<const sim::BeaconSightings>(
-                     sim::BeaconSightings::load(ZONARIS_TEST_DATA_DIR "/shop_door_beacons.csv"))) {}
-};
-
-TEST_F(BeaconJourney, RangesNearTheDoorAndTheNextObservationCarriesItsBeacons) {
-  server.respond("GET", "/install/location",
-                 {200, R"x([{"id": 21, "name": "Shop door", "type": "beacon", "radius": 0,
-                   "location": "POINT (0.003 0)", "_event_types": ["entry", "exit"],
-                   "_dwell_windows": []}])x"});
-  // Each observation goes into the log as "observation <its beacons>".
-  server.on("POST", "/observation", [&](const RecordedRequest& request) {
-    const auto beacons = json::parse(request.body).value("beacons", json()).dump();
-    std::lock_guard lock(mutex);
-    stamped.emplace_back(simulation->elapsedSeconds(), "observation " + beacons);
-    return ScriptedResponse{200, R"({"id":1,"events":[]})"};
-  });
-  client->start();
-  simulation->runFor(700s);
-
-  const auto scans = timesOf("Started scan");
-  ASSERT_GT(scans.at(0), 120.0);   // .at: an empty list fails the test
-  EXPECT_LT(scans.back(), 400.0);  // none after walking away
-  const auto observed = timesOf("observation ");
-  EXPECT_EQ(timesOf("observation []").at(0), observed.at(0));  // the catalogue, far away
-  const auto withDoorBeacons =
-      timesOf("observation " +
-              json::array({record(kUuid, 10, 20, "near"), record(kUuid, 10, 21, "far")}).dump());
-  ASSERT_GE(withDoorBeacons.at(0), scans[0] + 10);  // carried only once a scan has finished
-  // and by the first observation after it
-  EXPECT_EQ(withDoorBeacons.front(),
-            *std::lower_bound(observed.begin(), observed.end(), scans[0] + 10));
-  EXPECT_TRUE(simulation->simLocationManager()->rangedRegions().empty());
-}
-
 // Switching on and off from several threads at once (evaluation passes overlapping with stop):
 // whenever the last switch was off, the device ends up not ranging. Run under ThreadSanitizer.
 TEST(BeaconSwitches, RangingEndsOffWheneverTheLastSwitchWasOff) {
