@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
+
 #include <nlohmann/json.hpp>
 
 #include "fences/fence_cache.hpp"
@@ -69,6 +71,10 @@ class FenceFixture : public ::testing::Test {
     sim::SimulationOptions options;
     options.baseUrl = server.baseUrl();
     options.trace = std::move(trace);
+    options.logSink = [this](std::string_view line) {
+      std::lock_guard lock(logMutex);
+      stamped.emplace_back(simulation->elapsedSeconds(), std::string(line));
+    };
     simulation = std::make_unique<sim::Simulation>(std::move(options));
     ZonarisUserDefaults::setInstallId(simulation->store(), 7);
     auto platform = simulation->platform();
@@ -112,7 +118,24 @@ class FenceFixture : public ::testing::Test {
     return out;
   }
 
+  /// Virtual seconds at which lines starting with `prefix` were logged.
+  std::vector<double> timesOf(const std::string& prefix) const {
+    std::lock_guard lock(logMutex);
+    std::vector<double> out;
+    for (const auto& [t, line] : stamped) {
+      if (line.rfind(prefix, 0) == 0)
+        out.push_back(t);
+    }
+    return out;
+  }
+  void forgetLog() {
+    std::lock_guard lock(logMutex);
+    stamped.clear();
+  }
+
   RecordingServer server;
+  mutable std::mutex logMutex;
+  std::vector<std::pair<double, std::string>> stamped;  // every line with its virtual time
   std::unique_ptr<sim::Simulation> simulation;
   std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
   std::shared_ptr<Zonaris> client;

@@ -4,12 +4,12 @@
 
 #include <algorithm>
 #include <limits>
-#include <mutex>
 #include <optional>
 #include <thread>
 
 #include <GeographicLib/Geodesic.hpp>
 
+#include "fences/fence_fixture.hpp"
 #include "support/fake_location_manager.hpp"
 #include "support/recording_delegate.hpp"
 #include "support/recording_server.hpp"
@@ -27,44 +27,14 @@ using Lines = std::vector<std::string>;
 constexpr const char* kUuid = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";
 constexpr const char* kOtherUuid = "74278BDA-B644-4520-8F0C-720EAF059935";
 
-class Sampling : public ::testing::Test {
+// Developer mode on, an empty catalogue, and no fix unless the test hands one over.
+class Sampling : public FenceFixture {
  protected:
-  /// Without a trace the location service delivers no fix by itself. The catalogue is empty.
-  explicit Sampling(std::shared_ptr<const sim::Trace> trace = nullptr,
-                    std::shared_ptr<const sim::BeaconSightings> beacons = nullptr) {
-    server.respond("POST", "/install/error", {200, ""});
+  Sampling() {
     server.respond("GET", "/install/location", {200, "[]"});
-    sim::SimulationOptions options;
-    options.baseUrl = server.baseUrl();
-    options.trace = std::move(trace);
-    options.beacons = std::move(beacons);
-    options.logSink = [this](std::string_view line) {
-      std::lock_guard lock(mutex);
-      stamped.emplace_back(simulation->elapsedSeconds(), std::string(line));
-    };
-    simulation = std::make_unique<sim::Simulation>(std::move(options));
-    simulation->store().setLong("installId", 7);
-    client = Zonaris::initWithAppKey("demo-key", simulation->platform());
     client->setDevMode(true);
-    client->setDelegate(delegate);
-    client->setUUID(kUuid);
   }
 
-  /// Virtual seconds at which lines starting with `prefix` were logged.
-  std::vector<double> timesOf(const std::string& prefix) const {
-    std::lock_guard lock(mutex);
-    std::vector<double> out;
-    for (const auto& [t, line] : stamped) {
-      if (line.rfind(prefix, 0) == 0)
-        out.push_back(t);
-    }
-    return out;
-  }
-
-  void forgetLog() {
-    std::lock_guard lock(mutex);
-    stamped.clear();
-  }
   static platform::Location fixAt(double lat, double lon, int secondsAfterStart = 0) {
     return {lat, lon, -1.0, 5.0, sim::defaultStartTime() + std::chrono::seconds(secondsAfterStart)};
   }
@@ -84,13 +54,6 @@ class Sampling : public ::testing::Test {
   void range(std::vector<platform::Beacon> beacons) {
     client->didRangeBeacons(beacons, *client->mBeaconRegion());
   }
-
-  RecordingServer server;
-  mutable std::mutex mutex;
-  std::vector<std::pair<double, std::string>> stamped;
-  std::unique_ptr<sim::Simulation> simulation;
-  std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
-  std::shared_ptr<Zonaris> client;
 };
 
 // Speeds divide by the seconds since the reference fix, but by 1 when none have passed.
