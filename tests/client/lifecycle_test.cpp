@@ -1,8 +1,6 @@
 // Construction, configuration, start and stop as an application meets them.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "capi/bridge.hpp"
 #include "support/fake_location_manager.hpp"
 #include "support/recording_delegate.hpp"
@@ -86,8 +84,9 @@ TEST_F(ClientLifecycle, StartWithoutAKeyOnlyLogsTheRefusal) {
 }
 
 // A stored id above 0 arms a sample at once; otherwise registration is handed to a new thread,
-// not run inside start().
-TEST_F(ClientLifecycle, StartSamplesWithAStoredIdAndOtherwiseRegistersOnANewThread) {
+// not run inside start(). A stop switches sampling and the location service off; a start then
+// samples again without restarting the service.
+TEST_F(ClientLifecycle, StartSamplesWithAStoredIdOrRegistersOnANewThreadAndStopSwitchesOff) {
   for (const long stored : {42L, 0L, -5L}) {
     boot();
     if (stored != 0)
@@ -104,21 +103,15 @@ TEST_F(ClientLifecycle, StartSamplesWithAStoredIdAndOtherwiseRegistersOnANewThre
         simulation->logger().lines(),
         (Lines{"Zonaris started", known ? "Install ID is set - 42" : "Install ID is not set"}));
     EXPECT_EQ(simulation->scheduler().pending(), known ? 0u : 1u) << stored;
+    if (!known)
+      continue;
+    manager->clearCalls();
+    client->stop();
+    EXPECT_FALSE(client->mUpdatingLocation());
+    client->start();
+    EXPECT_TRUE(client->mUpdatingLocation());
+    EXPECT_EQ(manager->calls(), (Lines{"stopUpdatingLocation", sampling[0], sampling[1]}));
   }
-}
-
-TEST_F(ClientLifecycle, StopSwitchesOffSamplingAndTheLocationServiceAndStartDoesNotRestartIt) {
-  ZonarisUserDefaults::setInstallId(simulation->store(), 7);
-  auto client = make();
-  client->start();
-  manager->clearCalls();
-  client->stop();
-  EXPECT_FALSE(client->mUpdatingLocation());
-  EXPECT_EQ(manager->calls(), (Lines{"stopUpdatingLocation"}));
-  client->start();
-  EXPECT_TRUE(client->mUpdatingLocation());
-  const auto calls = manager->calls();
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), "startUpdatingLocation"), 0);
 }
 
 TEST_F(ClientLifecycle, SetUUIDBuildsTheRegionAndRefusesTextThatIsNotAUUID) {
