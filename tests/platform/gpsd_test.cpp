@@ -1,9 +1,7 @@
 // The gpsd location service against a fake gpsd on 127.0.0.1 that speaks gpsd's JSON protocol:
 // what a TPV report becomes, how the settings map onto ?WATCH, and reconnection. Real threads
 // and sockets, so the tests wait on condition variables with bounded time-outs.
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/select.h>
@@ -71,35 +69,20 @@ class Awaited {
 class FakeGpsd {
  public:
   explicit FakeGpsd(std::vector<std::string> reports, int port = 0, bool dropClients = false)
-      : reports_(std::move(reports)), dropClients_(dropClients) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int one = 1;
-    ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in address{.sin_family = AF_INET,
-                        .sin_port = htons(static_cast<std::uint16_t>(port)),
-                        .sin_addr = {htonl(INADDR_LOOPBACK)},
-                        .sin_zero = {}};
-    socklen_t length = sizeof address;
-    if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::listen(listener_, 4) != 0 ||
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+      : reports_(std::move(reports)), dropClients_(dropClients), listener_(false, port) {
+    if (listener_.port() == 0)
       ADD_FAILURE() << "cannot listen on 127.0.0.1:" << port;
-    port_ = ntohs(address.sin_port);
     ::pipe(stopPipe_);
     thread_ = std::thread([this] { serve(); });
   }
-  ~FakeGpsd() { kill(); }
-
   // Drops every connection and stops listening, as a gpsd that was killed.
-  void kill() {
-    if (!thread_.joinable())
-      return;
+  ~FakeGpsd() {
     ::write(stopPipe_[1], "x", 1);
     thread_.join();
-    for (int fd : {listener_, stopPipe_[0], stopPipe_[1]})
+    for (int fd : stopPipe_)
       ::close(fd);
   }
-  int port() const { return port_; }
+  int port() const { return listener_.port(); }
 
   // The transcript once it has `count` entries (what it has after kWait otherwise).
   std::vector<std::string> transcript(std::size_t count) { return transcript_.wait(count); }
@@ -116,12 +99,12 @@ class FakeGpsd {
     int client = -1;
     std::string pending;
     for (;;) {
-      pollfd fds[] = {{stopPipe_[0], POLLIN, 0}, {listener_, POLLIN, 0}, {client, POLLIN, 0}};
+      pollfd fds[] = {{stopPipe_[0], POLLIN, 0}, {listener_.fd(), POLLIN, 0}, {client, POLLIN, 0}};
       ::poll(fds, 3, -1);  // a client of -1 is not polled
       if (fds[0].revents)
         break;
       if (fds[1].revents & POLLIN) {
-        client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        client = ::accept4(listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC);
         note("connect");
         send(client, R"({"class":"VERSION","release":"3.22","proto_major":3,"proto_minor":14})");
         if (dropClients_)
@@ -150,8 +133,7 @@ class FakeGpsd {
 
   std::vector<std::string> reports_;
   bool dropClients_ = false;
-  int listener_ = -1;
-  int port_ = 0;
+  test::SilentListener listener_;
   int stopPipe_[2] = {-1, -1};
   std::thread thread_;
   Awaited<std::string> transcript_;
