@@ -12,6 +12,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libjs-leaflet libjs-chart.js chromium
   libgps-dev gpsd gpsd-clients
+  postgresql-15 postgresql-15-postgis-3 libpq-dev
   python3-pytest python3-pip python3-setuptools python3-wheel
 )
 

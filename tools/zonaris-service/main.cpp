@@ -8,8 +8,9 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
-#include "zonaris-service/confirm_options.hpp"
-#include "zonaris-service/reference_service.hpp"
+#include "common/confirm_options.hpp"
+#include "zonaris/service/postgres_store.hpp"
+#include "zonaris/service/reference_service.hpp"
 
 namespace {
 
@@ -29,8 +30,15 @@ int main(int argc, char** argv) {
   zonaris::service_tool::ServiceOptions options;
   int port = 8080;
   app.add_option("--fences", options.fencesFile, "JSON array of fences to serve")->required();
-  app.add_option("--db", options.dbPath, "SQLite database for the service's state")
+  app.add_option("--db", options.dbPath,
+                 "SQLite database for the service's state, or a postgresql:// URL of a "
+                 "PostgreSQL database with PostGIS that several services may share")
       ->capture_default_str();
+  std::size_t connections = zonaris::service_tool::kDefaultPostgresConnections;
+  app.add_option("--db-connections", connections,
+                 "PostgreSQL: the connections this service keeps to the database at most")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1000));
   app.add_option("--port", port, "TCP port on 127.0.0.1; 0 picks a free one")
       ->capture_default_str()
       ->check(CLI::Range(0, 65535));
@@ -45,6 +53,13 @@ int main(int argc, char** argv) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     return fail(e.what());
+  }
+
+  if (zonaris::service_tool::isPostgresUrl(options.dbPath)) {
+    options.openStore = [url = options.dbPath, connections](const auto& fences,
+                                                            std::string& error) {
+      return zonaris::service_tool::openPostgresStore(url, fences, error, connections);
+    };
   }
 
   // Block the stop signals before any thread starts, so that every thread inherits the mask and
