@@ -23,14 +23,34 @@ class RecordingDelegate : public ZonarisDelegate {
     return !only_ || only_->count(callback) > 0;
   }
 
-  // Every callback of the library's list records the parameter names of the whole list: in a
-  // callback its own parameters hide the placeholders of the same names below, which the
-  // record leaves out.
-#define ZONARIS_CALLBACK(callback, parameters)                                                     \
-  void callback parameters override {                                                              \
-    record(#callback, location, distance, inside, scanning, name, action, speed, seconds, metres); \
+  void updatedInitLocation(const platform::Location& l) override {
+    record("updatedInitLocation", {{{"latitude", l.latitude}, {"longitude", l.longitude}}});
   }
-#include "client/delegate_callbacks.def"
+  void updatedDistanceToNearestFence(double distance, bool inside) override {
+    record("updatedDistanceToNearestFence", {distance, inside});
+  }
+  void updatedBeaconScan(bool scanning) override { record("updatedBeaconScan", {scanning}); }
+  void reportSent() override { record("reportSent", nlohmann::json::array()); }
+  void eventEnterCallback(const std::optional<std::string>& name) override {
+    record("eventEnterCallback", {text(name)});
+  }
+  void eventExitCallback(const std::optional<std::string>& name) override {
+    record("eventExitCallback", {text(name)});
+  }
+  void eventDwellCallback(const std::optional<std::string>& name) override {
+    record("eventDwellCallback", {text(name)});
+  }
+  void actionBasicCallback(std::shared_ptr<const ZonarisActionBasic> a) override {
+    record("actionBasicCallback",
+           {{{"title", a->getTitle()}, {"body", a->getBody()}, {"url", a->getURL()}}});
+  }
+  void actionDataCallback(std::shared_ptr<const ZonarisActionData> a) override {
+    record("actionDataCallback", {a->values()});
+  }
+  void updatedSpeed(float v) override { record("updatedSpeed", {v}); }
+  void updatedAvgSpeed(float v) override { record("updatedAvgSpeed", {v}); }
+  void updatedInterval(std::int32_t v) override { record("updatedInterval", {v}); }
+  void updatedGPSAccuracy(float v) override { record("updatedGPSAccuracy", {v}); }
 
   /// Every call as {"name": ..., "args": [...]}.
   std::vector<nlohmann::json> calls() const {
@@ -45,10 +65,10 @@ class RecordingDelegate : public ZonarisDelegate {
     return out;
   }
   /// The calls of one callback.
-  std::vector<nlohmann::json> calls(const std::string& callback) const {
+  std::vector<nlohmann::json> calls(const std::string& name) const {
     std::vector<nlohmann::json> out;
     for (const auto& c : calls()) {
-      if (c["name"] == callback)
+      if (c["name"] == name)
         out.push_back(c["args"]);
     }
     return out;
@@ -59,32 +79,12 @@ class RecordingDelegate : public ZonarisDelegate {
   }
 
  private:
-  struct Absent {};
-  static constexpr Absent location{}, distance{}, inside{}, scanning{}, name{}, action{}, speed{},
-      seconds{}, metres{};
-
-  static void add(nlohmann::json&, Absent) {}
-  static void add(nlohmann::json& args, const auto& value) {
-    args.push_back(value);
+  static nlohmann::json text(const std::optional<std::string>& s) {
+    return s ? nlohmann::json(*s) : nlohmann::json();
   }
-  static void add(nlohmann::json& args, const platform::Location& l) {
-    args.push_back({{"latitude", l.latitude}, {"longitude", l.longitude}});
-  }
-  static void add(nlohmann::json& args, const std::optional<std::string>& text) {
-    args.push_back(text ? nlohmann::json(*text) : nlohmann::json());
-  }
-  static void add(nlohmann::json& args, const std::shared_ptr<const ZonarisActionBasic>& a) {
-    args.push_back({{"title", a->getTitle()}, {"body", a->getBody()}, {"url", a->getURL()}});
-  }
-  static void add(nlohmann::json& args, const std::shared_ptr<const ZonarisActionData>& a) {
-    args.push_back(a->values());
-  }
-  template <class... Args>
-  void record(const char* callback, const Args&... values) {
-    nlohmann::json args = nlohmann::json::array();
-    (add(args, values), ...);
+  void record(const char* name, nlohmann::json args) {
     std::lock_guard lock(mutex_);
-    calls_.push_back({{"name", callback}, {"args", std::move(args)}});
+    calls_.push_back({{"name", name}, {"args", std::move(args)}});
   }
 
   std::optional<std::set<ZonarisCallback>> only_;
