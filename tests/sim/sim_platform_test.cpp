@@ -212,7 +212,7 @@ TEST(BeaconSightings, ReadsAFileAndShowsEachSightingFromItsStartUntilBeforeItsEn
 
 // Records when each fix arrived, in virtual seconds since the start.
 struct RecordingListener final : platform::LocationManagerDelegate {
-  explicit RecordingListener(const Scheduler& scheduler) : scheduler(scheduler) {}
+  explicit RecordingListener(const Scheduler& clock) : scheduler(clock) {}
   void didUpdateLocations(const std::vector<platform::Location>& locations) override {
     fixTimes.push_back(std::chrono::duration<double>(scheduler.elapsed()).count());
     batchSizes.push_back(locations.size());
