@@ -23,7 +23,7 @@
 #include "fences/fence_cache.hpp"
 #include "fences/fence_pass.hpp"
 #include "fences/geometry.hpp"
-#include "zonaris-service/reference_service.hpp"
+#include "zonaris/service/reference_service.hpp"
 
 namespace {
 

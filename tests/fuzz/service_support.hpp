@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "fuzz_support.hpp"
-#include "zonaris-service/reference_service.hpp"
+#include "zonaris/service/reference_service.hpp"
 
 namespace zonaris::fuzz {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "zonaris-service/event_rules.hpp"
+#include "zonaris/service/event_rules.hpp"
 
 namespace zonaris::service_tool::test {
 namespace {

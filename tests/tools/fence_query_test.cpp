@@ -13,7 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "fences/geometry.hpp"
-#include "zonaris-service/reference_service.hpp"
+#include "zonaris/service/reference_service.hpp"
 
 namespace zonaris::service_tool {
 namespace {

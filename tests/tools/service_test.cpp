@@ -17,7 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "support/process.hpp"
-#include "zonaris-service/reference_service.hpp"
+#include "zonaris/service/reference_service.hpp"
 #include "zonaris/sim/sim_platform.hpp"
 #include "zonaris/zonaris.hpp"
 

@@ -18,8 +18,8 @@
 
 #include "support/process.hpp"
 #include "support/recording_server.hpp"
-#include "zonaris-service/reference_service.hpp"
 #include "zonaris-sim/score.hpp"
+#include "zonaris/service/reference_service.hpp"
 #include "zonaris/sim/sim_platform.hpp"
 #include "zonaris/zonaris.hpp"
 

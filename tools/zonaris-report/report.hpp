@@ -8,8 +8,8 @@
 #include <nlohmann/json.hpp>
 
 #include "run_log.hpp"
-#include "zonaris-service/fence_set.hpp"
 #include "zonaris/platform/clock.hpp"
+#include "zonaris/service/fence_set.hpp"
 #include "zonaris/sim/beacon_sightings.hpp"
 #include "zonaris/sim/trace.hpp"
 

@@ -6,7 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "zonaris-service/event_rules.hpp"
+#include "zonaris/service/event_rules.hpp"
 
 namespace zonaris::service_tool {
 

@@ -9,7 +9,8 @@
 #include <CLI/CLI.hpp>
 
 #include "zonaris-service/confirm_options.hpp"
-#include "zonaris-service/reference_service.hpp"
+#include "zonaris/service/postgres_store.hpp"
+#include "zonaris/service/reference_service.hpp"
 
 namespace {
 
@@ -29,7 +30,9 @@ int main(int argc, char** argv) {
   zonaris::service_tool::ServiceOptions options;
   int port = 8080;
   app.add_option("--fences", options.fencesFile, "JSON array of fences to serve")->required();
-  app.add_option("--db", options.dbPath, "SQLite database for the service's state")
+  app.add_option("--db", options.dbPath,
+                 "SQLite database for the service's state, or a postgresql:// URL of a "
+                 "PostgreSQL database with PostGIS that several services may share")
       ->capture_default_str();
   app.add_option("--port", port, "TCP port on 127.0.0.1; 0 picks a free one")
       ->capture_default_str()
@@ -45,6 +48,12 @@ int main(int argc, char** argv) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     return fail(e.what());
+  }
+
+  if (zonaris::service_tool::isPostgresUrl(options.dbPath)) {
+    options.openStore = [url = options.dbPath](const auto& fences, std::string& error) {
+      return zonaris::service_tool::openPostgresStore(url, fences, error);
+    };
   }
 
   // Block the stop signals before any thread starts, so that every thread inherits the mask and

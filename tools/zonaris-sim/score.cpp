@@ -9,7 +9,7 @@
 #include <map>
 #include <utility>
 
-#include "zonaris-service/event_rules.hpp"
+#include "zonaris/service/event_rules.hpp"
 
 namespace zonaris::sim_tool {
 

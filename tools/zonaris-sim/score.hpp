@@ -9,7 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "zonaris-service/fence_set.hpp"
+#include "zonaris/service/fence_set.hpp"
 #include "zonaris/sim/beacon_sightings.hpp"
 #include "zonaris/sim/network.hpp"
 #include "zonaris/sim/trace.hpp"

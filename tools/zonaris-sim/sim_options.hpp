@@ -8,7 +8,7 @@
 #include <variant>
 #include <vector>
 
-#include "zonaris-service/event_rules.hpp"
+#include "zonaris/service/event_rules.hpp"
 #include "zonaris/sim/location_manager.hpp"
 #include "zonaris/sim/network.hpp"
 #include "zonaris/zonaris.hpp"

@@ -13,7 +13,7 @@
 #include "counting_location.hpp"
 #include "score.hpp"
 #include "sim_options.hpp"
-#include "zonaris-service/reference_service.hpp"
+#include "zonaris/service/reference_service.hpp"
 #include "zonaris/sim/sim_platform.hpp"
 #include "zonaris/zonaris.hpp"
 

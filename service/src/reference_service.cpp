@@ -1,7 +1,6 @@
-#include "zonaris-service/reference_service.hpp"
+#include "zonaris/service/reference_service.hpp"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cctype>
 #include <charconv>
@@ -16,10 +15,10 @@
 #include <httplib.h>
 
 #include "fences/geometry.hpp"
-#include "zonaris-service/event_rules.hpp"
-#include "zonaris-service/fence_set.hpp"
-#include "zonaris-service/json_read.hpp"
-#include "zonaris-service/service_store.hpp"
+#include "zonaris/service/event_rules.hpp"
+#include "zonaris/service/fence_set.hpp"
+#include "zonaris/service/json_read.hpp"
+#include "zonaris/service/store.hpp"
 
 namespace zonaris::service_tool {
 
@@ -199,43 +198,12 @@ std::optional<std::string> checkErrorReport(const json& doc, std::int64_t& insta
   return std::nullopt;
 }
 
-// The longitudes and latitudes a fence's nearest point can have when it lies within `metres`
-// of (lat, lon): one or two boxes (two across the antimeridian), all within -180..180. A metre
-// and a part in a billion are added for the rounding of the haversine.
-std::vector<std::array<double, 4>> boxesAround(double lat, double lon, double metres) {
-  constexpr double kRadius = 6378137.0;
-  constexpr double kDegree = 0.017453292519943295;
-  const double theta = (metres * (1.0 + 1e-9) + 1.0) / kRadius;
-  const double dLat = theta / kDegree + 1e-9;
-  const double ymin = std::max(-90.0, lat - dLat);
-  const double ymax = std::min(90.0, lat + dLat);
-  if (lat + dLat >= 90.0 || lat - dLat <= -90.0)
-    return {{-180.0, 180.0, ymin, ymax}};  // the circle holds a pole: every longitude
-  // The widest longitude a circle of angular radius theta around latitude lat reaches.
-  const double ratio = std::sin(theta) / std::cos(lat * kDegree);
-  if (ratio >= 1.0)
-    return {{-180.0, 180.0, ymin, ymax}};
-  const double dLon = std::asin(ratio) / kDegree * (1.0 + 1e-9) + 1e-9;
-  if (dLon >= 180.0)
-    return {{-180.0, 180.0, ymin, ymax}};
-  std::vector<std::array<double, 4>> boxes = {
-      {std::max(-180.0, lon - dLon), std::min(180.0, lon + dLon), ymin, ymax}};
-  if (lon - dLon < -180.0)
-    boxes.push_back({lon - dLon + 360.0, 180.0, ymin, ymax});
-  if (lon + dLon > 180.0)
-    boxes.push_back({-180.0, lon + dLon - 360.0, ymin, ymax});
-  return boxes;
-}
-
 }  // namespace
 
 struct ReferenceService::Impl {
   std::string error;
   std::vector<Fence> fences;
-  // Candidate selection: the R*Tree in the store holds every fence whose extent lies within
-  // -180..180 and -90..90; the others (WKT allows any number) are always measured, and beacon
-  // fences are decided by the beacons seen, not by geometry.
-  std::vector<std::size_t> unindexed;
+  // Beacon fences are decided by the beacons seen, not by geometry, so they are always measured.
   std::vector<std::size_t> beaconFences;
   double maxPointRadius = 0.0;
   std::size_t maxFences = 0;  // 0: no cap, file order
@@ -243,8 +211,7 @@ struct ReferenceService::Impl {
   ConfirmRule confirm = ConfirmRule::Robust;
   RobustParams robust;
 
-  mutable std::mutex storeMutex;  // one request at a time against the database
-  std::unique_ptr<ServiceStore> store;
+  std::unique_ptr<Store> store;
 
   std::mutex serverMutex;  // start/stop
   std::unique_ptr<httplib::Server> server;
@@ -257,45 +224,36 @@ struct ReferenceService::Impl {
     return std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
   }
 
-  // The fences, in file order, that can lie within `metres` of (lat, lon); the caller holds
-  // `storeMutex`. Every fence that is not listed is provably farther away.
-  std::optional<std::vector<std::size_t>> candidatesNear(double lat, double lon,
-                                                         double metres) const {
-    std::vector<std::size_t> picked = unindexed;
-    for (const auto& box : boxesAround(lat, lon, metres)) {
-      auto found = store->fencesInBox(box[0], box[1], box[2], box[3]);
-      if (!found)
-        return std::nullopt;
-      for (std::int64_t index : *found)
-        picked.push_back(static_cast<std::size_t>(index));
-    }
-    std::sort(picked.begin(), picked.end());
-    picked.erase(std::unique(picked.begin(), picked.end()), picked.end());
-    return picked;
-  }
-
-  bool loadIndex() {
-    std::vector<ServiceStore::FenceBox> boxes;
+  void indexFences() {
     for (std::size_t i = 0; i < fences.size(); ++i) {
       const Fence& f = fences[i];
       if (f.type == "beacon")
         beaconFences.push_back(i);
       if (f.type == "point")
         maxPointRadius = std::max(maxPointRadius, f.radius);
-      if (f.xmin >= -180.0 && f.xmax <= 180.0 && f.ymin >= -90.0 && f.ymax <= 90.0)
-        boxes.push_back({static_cast<std::int64_t>(i), f.xmin, f.xmax, f.ymin, f.ymax});
-      else
-        unindexed.push_back(i);
     }
-    if (!store->loadFenceBoxes(boxes)) {
-      error = "cannot index the fences: " + store->lastError();
-      return false;
-    }
-    return true;
   }
 
-  ServiceResponse storeFailure() const {
-    return problem(500, "the database failed: " + store->lastError());
+  static ServiceResponse storeFailure(std::string_view why) {
+    return problem(500, fmt::format("the database failed: {}", why));
+  }
+  static ServiceResponse storeFailure(const StoreSession& session) {
+    return storeFailure(session.lastError());
+  }
+  // Gives up the transaction and answers 500.
+  static ServiceResponse abandon(StoreSession& session) {
+    auto response = storeFailure(session);
+    session.rollback();
+    return response;
+  }
+
+  // A session for one request, or the 500 that answers it when none can be had.
+  StoreSessionPtr session(std::optional<ServiceResponse>& failure) const {
+    std::string why;
+    auto s = store->session(why);
+    if (!s)
+      failure = storeFailure(why);
+    return s;
   }
 
   ServiceResponse registerInstall(std::string_view body) const {
@@ -308,23 +266,22 @@ struct ReferenceService::Impl {
         key->get_ref<const std::string&>().size() > kMaxAppKeyLength)
       return badRequest(fmt::format("\"appKey\" must be a non-empty string of at most {} bytes",
                                     kMaxAppKeyLength));
-    std::lock_guard lock(storeMutex);
-    auto id = store->addInstall(key->get_ref<const std::string&>(), nowMs());
+    std::optional<ServiceResponse> failure;
+    auto s = session(failure);
+    if (!s)
+      return *failure;
+    auto id = s->addInstall(key->get_ref<const std::string&>(), nowMs());
     if (!id)
-      return storeFailure();
+      return storeFailure(*s);
     return answer(201, json{{"id", *id}});
   }
 
   // Ids below 1 were never issued and are refused (400). An id of 1 or more that the service
   // does not know is adopted: a device's store can outlive the service's state (an in-memory
   // database, a fresh --db), and refusing the id would leave that device retrying forever.
-  // A database failure answers 500.
-  std::optional<ServiceResponse> checkInstall(std::int64_t id) const {
+  static std::optional<ServiceResponse> refuseUnissued(std::int64_t id) {
     if (id < 1)
       return badRequest(fmt::format("install id {} was never issued; register first", id));
-    auto exists = store->installExists(id);
-    if (!exists || (!*exists && !store->adoptInstall(id, nowMs())))
-      return storeFailure();
     return std::nullopt;
   }
 
@@ -342,32 +299,38 @@ struct ReferenceService::Impl {
     if (!radius || !validRadius(*radius))
       return badRequest(
           fmt::format("\"radius\" must be a number of metres from 0 to {}", kMaxRadiusMetres));
-    std::vector<std::size_t> candidates;
-    {
-      std::lock_guard lock(storeMutex);
-      if (auto refused = checkInstall(*install))
-        return *refused;
-      // The client resets its fence flags from this answer; the robust rules let its next
-      // observation decide alone.
-      if (confirm == ConfirmRule::Robust) {
-        auto track = store->installTrack(*install);
-        if (!track)
-          return storeFailure();
-        if (!track->fencesServed) {
-          track->fencesServed = true;
-          if (!store->saveInstallTrack(*install, *track))
-            return storeFailure();
-        }
+    if (auto refused = refuseUnissued(*install))
+      return *refused;
+    std::optional<ServiceResponse> failure;
+    auto s = session(failure);
+    if (!s)
+      return *failure;
+    if (!s->begin())
+      return storeFailure(*s);
+    if (!s->holdInstall(*install, nowMs()))
+      return abandon(*s);
+    // The client resets its fence flags from this answer; the robust rules let its next
+    // observation decide alone.
+    if (confirm == ConfirmRule::Robust) {
+      auto track = s->installTrack(*install);
+      if (!track)
+        return abandon(*s);
+      if (!track->fencesServed) {
+        track->fencesServed = true;
+        if (!s->saveInstallTrack(*install, *track))
+          return abandon(*s);
       }
-      auto near = candidatesNear(*lat, *lon, *radius);
-      if (!near)
-        return storeFailure();
-      candidates = std::move(*near);
     }
+    auto candidates = s->fencesNear(*lat, *lon, *radius);
+    if (!candidates)
+      return abandon(*s);
+    if (!s->commit())
+      return abandon(*s);
+    s.reset();
     // Only the candidates are measured; the answer is the same as measuring every fence.
     const auto point = fmt::format("POINT ({:.16g} {:.16g})", *lon, *lat);
     std::vector<std::pair<double, std::size_t>> within;  // (metres, file index), in file order
-    for (std::size_t i : candidates) {
+    for (std::size_t i : *candidates) {
       auto measured = fences::distanceToGeometry(fences[i].location, point);
       if (measured.metres && *measured.metres <= *radius)
         within.emplace_back(*measured.metres, i);
@@ -397,12 +360,17 @@ struct ReferenceService::Impl {
     // A fence can hold the device only when it lies within its radius (0 but for "point"
     // fences) of it; beacon fences go by the beacons seen. Measuring needs no lock: the fences
     // never change.
+    if (auto refused = refuseUnissued(observation->install))
+      return *refused;
+    std::optional<ServiceResponse> failure;
     std::vector<std::size_t> candidates;
     {
-      std::lock_guard lock(storeMutex);
-      auto near = candidatesNear(observation->latitude, observation->longitude, maxPointRadius);
+      auto s = session(failure);
+      if (!s)
+        return *failure;
+      auto near = s->fencesNear(observation->latitude, observation->longitude, maxPointRadius);
       if (!near)
-        return storeFailure();
+        return storeFailure(*s);
       candidates = std::move(*near);
     }
     candidates.insert(candidates.end(), beaconFences.begin(), beaconFences.end());
@@ -427,34 +395,32 @@ struct ReferenceService::Impl {
       inside[i] = distance[i] <= 0.0;
     }
 
-    std::lock_guard lock(storeMutex);
-    if (auto refused = checkInstall(observation->install))
-      return *refused;
+    auto s = session(failure);
+    if (!s)
+      return *failure;
+    if (!s->begin())
+      return storeFailure(*s);
+    if (!s->holdInstall(observation->install, nowMs()))
+      return abandon(*s);
     const std::int64_t at = nowMs();
-    auto states = store->fenceStates(observation->install);
-    if (!states || !store->begin())
-      return storeFailure();
+    auto states = s->fenceStates(observation->install);
+    if (!states)
+      return abandon(*s);
     const ObservationFix fix{at, observation->latitude, observation->longitude,
                              observation->accuracy};
     Judgement judgement;
     if (confirm == ConfirmRule::Robust) {
-      auto track = store->installTrack(observation->install);
-      if (!track) {
-        store->rollback();
-        return storeFailure();
-      }
+      auto track = s->installTrack(observation->install);
+      if (!track)
+        return abandon(*s);
       const InstallTrack before = *track;
       judgement = judge(*track, fix, robust);
-      if (*track != before && !store->saveInstallTrack(observation->install, *track)) {
-        store->rollback();
-        return storeFailure();
-      }
+      if (*track != before && !s->saveInstallTrack(observation->install, *track))
+        return abandon(*s);
     }
-    auto observationId = store->addObservation(observation->install, at, dump(*doc));
-    if (!observationId) {
-      store->rollback();
-      return storeFailure();
-    }
+    auto observationId = s->addObservation(observation->install, at, dump(*doc));
+    if (!observationId)
+      return abandon(*s);
     json events = json::array();
     for (std::size_t i = 0; i < fences.size(); ++i) {
       const Fence& fence = fences[i];
@@ -474,10 +440,8 @@ struct ReferenceService::Impl {
                                 fence.dwellWindows, robust);
       }
       for (const auto& type : yielded) {
-        if (!store->addEvent(*observationId, fence.id, type)) {
-          store->rollback();
-          return storeFailure();
-        }
+        if (!s->addEvent(*observationId, fence.id, type))
+          return abandon(*s);
         json event = {{"location_id", fence.id}, {"event_type", type}};
         if (fence.messages.is_object()) {
           auto message = fence.messages.find(type);
@@ -486,15 +450,11 @@ struct ReferenceService::Impl {
         }
         events.push_back(std::move(event));
       }
-      if (state != before && !store->saveFenceState(observation->install, fence.id, state)) {
-        store->rollback();
-        return storeFailure();
-      }
+      if (state != before && !s->saveFenceState(observation->install, fence.id, state))
+        return abandon(*s);
     }
-    if (!store->commit()) {
-      store->rollback();
-      return storeFailure();
-    }
+    if (!s->commit())
+      return abandon(*s);
     return answer(201, json{{"id", *observationId}, {"events", std::move(events)}});
   }
 
@@ -507,10 +467,13 @@ struct ReferenceService::Impl {
     if (auto wrong = checkErrorReport(*doc, installId))
       return badRequest(*wrong);
     // Reports may come before registration (install id below 1), so the id is not checked.
-    std::lock_guard lock(storeMutex);
-    auto id = store->addErrorReport(installId, nowMs(), dump(*doc));
+    std::optional<ServiceResponse> failure;
+    auto s = session(failure);
+    if (!s)
+      return *failure;
+    auto id = s->addErrorReport(installId, nowMs(), dump(*doc));
     if (!id)
-      return storeFailure();
+      return storeFailure(*s);
     return answer(201, json{{"id", *id}});
   }
 };
@@ -532,9 +495,9 @@ ReferenceService::ReferenceService(ServiceOptions options) : impl_(std::make_uni
   if (!fences)
     return;
   impl_->fences = std::move(*fences);
-  impl_->store = ServiceStore::open(options.dbPath, impl_->error);
-  if (impl_->store && !impl_->loadIndex())
-    impl_->store.reset();
+  impl_->indexFences();
+  impl_->store = options.openStore ? options.openStore(impl_->fences, impl_->error)
+                                   : openSqliteStore(options.dbPath, impl_->fences, impl_->error);
 }
 
 ReferenceService::~ReferenceService() {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "zonaris-service/fence_set.hpp"
+#include "zonaris/service/fence_set.hpp"
 
 namespace zonaris::service_tool {
 

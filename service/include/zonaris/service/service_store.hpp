@@ -8,33 +8,34 @@
 #include <string_view>
 #include <vector>
 
-#include "zonaris-service/event_rules.hpp"
+#include "zonaris/service/event_rules.hpp"
+#include "zonaris/service/store.hpp"
 
 struct sqlite3;
 
 namespace zonaris::service_tool {
 
-/// The service's state in SQLite: installs, per-install fence state (with the crossings the
-/// robust rules hold pending), the last usable observation of each install, observations with
-/// the events they yielded, and error reports. Not thread-safe: the owner serialises its use.
-/// Every operation answers nothing (or false) when SQLite fails; `lastError()` says why.
-class ServiceStore {
+/// The service's state in SQLite, one connection. Not thread-safe: the owner serialises its use
+/// (`openSqliteStore` hands it out as one session at a time).
+class ServiceStore : public StoreSession {
  public:
   /// Opens (creating when needed) the database at `path` (":memory:" for one that lives as long
   /// as the store) and makes its tables.
   static std::unique_ptr<ServiceStore> open(const std::string& path, std::string& error);
-  ~ServiceStore();
+  ~ServiceStore() override;
   ServiceStore(const ServiceStore&) = delete;
   ServiceStore& operator=(const ServiceStore&) = delete;
 
-  const std::string& lastError() const { return lastError_; }
+  const std::string& lastError() const override { return lastError_; }
 
   /// All-or-nothing groups of changes.
-  bool begin();
-  bool commit();
-  void rollback();
+  bool begin() override;
+  bool commit() override;
+  void rollback() override;
 
-  std::optional<std::int64_t> addInstall(std::string_view appKey, std::int64_t atMs);
+  std::optional<std::int64_t> addInstall(std::string_view appKey, std::int64_t atMs) override;
+  /// SQLite: a transaction (`begin`) already holds the whole database.
+  bool holdInstall(std::int64_t id, std::int64_t atMs) override;
   std::optional<bool> installExists(std::int64_t id);
   /// Records an install id issued elsewhere (or before the service lost its state); false when
   /// the database fails.
@@ -42,18 +43,19 @@ class ServiceStore {
 
   /// The remembered state of every fence of the install, by fence id (fences never seen are
   /// absent: outside).
-  std::optional<std::map<std::int64_t, FenceState>> fenceStates(std::int64_t installId);
-  bool saveFenceState(std::int64_t installId, std::int64_t fenceId, const FenceState& state);
+  std::optional<std::map<std::int64_t, FenceState>> fenceStates(std::int64_t installId) override;
+  bool saveFenceState(std::int64_t installId, std::int64_t fenceId,
+                      const FenceState& state) override;
 
   /// The robust rules' memory of the install (a default track when there is none yet).
-  std::optional<InstallTrack> installTrack(std::int64_t installId);
-  bool saveInstallTrack(std::int64_t installId, const InstallTrack& track);
+  std::optional<InstallTrack> installTrack(std::int64_t installId) override;
+  bool saveInstallTrack(std::int64_t installId, const InstallTrack& track) override;
 
   std::optional<std::int64_t> addObservation(std::int64_t installId, std::int64_t atMs,
-                                             std::string_view body);
-  bool addEvent(std::int64_t observationId, std::int64_t fenceId, std::string_view type);
+                                             std::string_view body) override;
+  bool addEvent(std::int64_t observationId, std::int64_t fenceId, std::string_view type) override;
   std::optional<std::int64_t> addErrorReport(std::int64_t installId, std::int64_t atMs,
-                                             std::string_view body);
+                                             std::string_view body) override;
 
   /// The extents of the fences, by their position in the fences file, for `fencesInBox`. Kept
   /// in a temporary R*Tree of this connection (never in the database file); replaces what was
@@ -68,8 +70,14 @@ class ServiceStore {
   std::optional<std::vector<std::int64_t>> fencesInBox(double xmin, double xmax, double ymin,
                                                        double ymax);
 
-  /// Row count of a table, for tests and diagnostics (nothing on an unknown table).
-  std::optional<std::int64_t> count(std::string_view table);
+  /// Loads the extents of the fences that lie within -180..180 and -90..90 (`loadFenceBoxes`);
+  /// `fencesNear` always lists the others (WKT allows any number).
+  bool loadFences(const std::vector<Fence>& fences);
+  /// The boxes around the circle (`fencesInBox`), and the fences without one.
+  std::optional<std::vector<std::size_t>> fencesNear(double latitude, double longitude,
+                                                     double metres) override;
+
+  std::optional<std::int64_t> count(std::string_view table) override;
 
  private:
   explicit ServiceStore(sqlite3* db) : db_(db) {}
@@ -79,6 +87,7 @@ class ServiceStore {
 
   sqlite3* db_;
   std::string lastError_;
+  std::vector<std::size_t> unindexed_;
 };
 
 }  // namespace zonaris::service_tool

@@ -10,7 +10,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "zonaris-service/event_rules.hpp"
+#include "zonaris/service/event_rules.hpp"
+#include "zonaris/service/store.hpp"
 
 namespace zonaris::service_tool {
 
@@ -30,6 +31,8 @@ struct ServiceOptions {
   std::string fencesFile;
   /// The SQLite database: installs, per-install fence state, observations and error reports.
   std::string dbPath = ":memory:";
+  /// Opens another store instead of the SQLite one at `dbPath` (for example PostgreSQL).
+  StoreOpener openStore;
   /// The service clock (entry times, dwell durations, timestamps of stored records). Called
   /// from the server's threads, so it must be thread-safe. Empty: the system clock.
   std::function<std::chrono::system_clock::time_point()> now;
@@ -62,7 +65,8 @@ struct ServiceResponse {
 /// fence's configured message for the event type travels as the event's "data".
 ///
 /// Thread safety: `handle` may be called from any number of threads at once; requests are
-/// served one at a time against the database. Nothing throws to the caller.
+/// served against the database as the store allows (SQLite: one at a time; a store shared by
+/// several services: one install's observations one at a time). Nothing throws to the caller.
 class ReferenceService {
  public:
   /// Reads and checks the fences and opens the database. On failure `ok()` is false and

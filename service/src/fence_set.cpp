@@ -1,4 +1,4 @@
-#include "zonaris-service/fence_set.hpp"
+#include "zonaris/service/fence_set.hpp"
 
 #include <cctype>
 #include <cerrno>
@@ -12,7 +12,7 @@
 #include <fmt/format.h>
 
 #include "fences/geometry.hpp"
-#include "zonaris-service/json_read.hpp"
+#include "zonaris/service/json_read.hpp"
 
 namespace zonaris::service_tool {
 

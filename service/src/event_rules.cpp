@@ -1,4 +1,4 @@
-#include "zonaris-service/event_rules.hpp"
+#include "zonaris/service/event_rules.hpp"
 
 #include <algorithm>
 #include <cmath>

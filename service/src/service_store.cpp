@@ -1,6 +1,9 @@
-#include "zonaris-service/service_store.hpp"
+#include "zonaris/service/service_store.hpp"
 
+#include <algorithm>
 #include <array>
+#include <cmath>
+#include <mutex>
 
 #include <sqlite3.h>
 
@@ -67,6 +70,34 @@ constexpr const char* kAddedColumns[] = {
 constexpr std::array<std::string_view, 7> kTables = {
     "installs", "fence_states",  "dwells_sent",   "observations",
     "events",   "error_reports", "install_tracks"};
+
+// The longitudes and latitudes a fence's nearest point can have when it lies within `metres`
+// of (lat, lon): one or two boxes (two across the antimeridian), all within -180..180. A metre
+// and a part in a billion are added for the rounding of the haversine.
+std::vector<std::array<double, 4>> boxesAround(double lat, double lon, double metres) {
+  constexpr double kRadius = 6378137.0;
+  constexpr double kDegree = 0.017453292519943295;
+  const double theta = (metres * (1.0 + 1e-9) + 1.0) / kRadius;
+  const double dLat = theta / kDegree + 1e-9;
+  const double ymin = std::max(-90.0, lat - dLat);
+  const double ymax = std::min(90.0, lat + dLat);
+  if (lat + dLat >= 90.0 || lat - dLat <= -90.0)
+    return {{-180.0, 180.0, ymin, ymax}};  // the circle holds a pole: every longitude
+  // The widest longitude a circle of angular radius theta around latitude lat reaches.
+  const double ratio = std::sin(theta) / std::cos(lat * kDegree);
+  if (ratio >= 1.0)
+    return {{-180.0, 180.0, ymin, ymax}};
+  const double dLon = std::asin(ratio) / kDegree * (1.0 + 1e-9) + 1e-9;
+  if (dLon >= 180.0)
+    return {{-180.0, 180.0, ymin, ymax}};
+  std::vector<std::array<double, 4>> boxes = {
+      {std::max(-180.0, lon - dLon), std::min(180.0, lon + dLon), ymin, ymax}};
+  if (lon - dLon < -180.0)
+    boxes.push_back({lon - dLon + 360.0, 180.0, ymin, ymax});
+  if (lon + dLon > 180.0)
+    boxes.push_back({-180.0, lon + dLon - 360.0, ymin, ymax});
+  return boxes;
+}
 
 // One prepared statement, finalised on every path.
 class Statement {
@@ -174,6 +205,11 @@ bool ServiceStore::adoptInstall(std::int64_t id, std::int64_t atMs) {
     return false;
   }
   return true;
+}
+
+bool ServiceStore::holdInstall(std::int64_t id, std::int64_t atMs) {
+  auto exists = installExists(id);
+  return exists && (*exists || adoptInstall(id, atMs));
 }
 
 std::optional<bool> ServiceStore::installExists(std::int64_t id) {
@@ -354,6 +390,34 @@ std::optional<std::vector<std::int64_t>> ServiceStore::fencesInBox(double xmin, 
   return found;
 }
 
+bool ServiceStore::loadFences(const std::vector<Fence>& fences) {
+  std::vector<FenceBox> boxes;
+  unindexed_.clear();
+  for (std::size_t i = 0; i < fences.size(); ++i) {
+    const Fence& f = fences[i];
+    if (f.xmin >= -180.0 && f.xmax <= 180.0 && f.ymin >= -90.0 && f.ymax <= 90.0)
+      boxes.push_back({static_cast<std::int64_t>(i), f.xmin, f.xmax, f.ymin, f.ymax});
+    else
+      unindexed_.push_back(i);
+  }
+  return loadFenceBoxes(boxes);
+}
+
+std::optional<std::vector<std::size_t>> ServiceStore::fencesNear(double latitude, double longitude,
+                                                                 double metres) {
+  std::vector<std::size_t> picked = unindexed_;
+  for (const auto& box : boxesAround(latitude, longitude, metres)) {
+    auto found = fencesInBox(box[0], box[1], box[2], box[3]);
+    if (!found)
+      return std::nullopt;
+    for (std::int64_t index : *found)
+      picked.push_back(static_cast<std::size_t>(index));
+  }
+  std::sort(picked.begin(), picked.end());
+  picked.erase(std::unique(picked.begin(), picked.end()), picked.end());
+  return picked;
+}
+
 std::optional<std::int64_t> ServiceStore::count(std::string_view table) {
   bool known = false;
   for (auto t : kTables)
@@ -365,6 +429,37 @@ std::optional<std::int64_t> ServiceStore::count(std::string_view table) {
   if (!s || s.step() != SQLITE_ROW)
     return failed();
   return s.column(0);
+}
+
+namespace {
+
+// One connection behind a mutex: a session holds the mutex for as long as it lives.
+class SqliteStore : public Store {
+ public:
+  explicit SqliteStore(std::unique_ptr<ServiceStore> db) : db_(std::move(db)) {}
+
+  StoreSessionPtr session(std::string&) override {
+    mutex_.lock();
+    return StoreSessionPtr(db_.get(), [this](StoreSession*) { mutex_.unlock(); });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::unique_ptr<ServiceStore> db_;
+};
+
+}  // namespace
+
+std::unique_ptr<Store> openSqliteStore(const std::string& path, const std::vector<Fence>& fences,
+                                       std::string& error) {
+  auto db = ServiceStore::open(path, error);
+  if (!db)
+    return nullptr;
+  if (!db->loadFences(fences)) {
+    error = "cannot index the fences: " + db->lastError();
+    return nullptr;
+  }
+  return std::make_unique<SqliteStore>(std::move(db));
 }
 
 }  // namespace zonaris::service_tool
