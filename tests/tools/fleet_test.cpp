@@ -67,6 +67,15 @@ struct Backend {
 class Fleet {
  public:
   explicit Fleet(const Backend& backend) : backend_(backend) {}
+  /// Stops the nodes; fails the test when a sanitizer reported on one of them.
+  ~Fleet() {
+    for (std::size_t i = 0; i < nodes_.size(); ++i) {
+      nodes_[i]->stop(SIGTERM, 20s);
+      const std::string err = slurp(scratch_.path(fmt::format("node{}.err", i)));
+      EXPECT_EQ(err.find("Sanitizer"), std::string::npos) << "node " << i << ": " << err;
+      EXPECT_EQ(err.find("runtime error:"), std::string::npos) << "node " << i << ": " << err;
+    }
+  }
 
   /// Makes the database and starts every node at once (so that they set the schema up
   /// together); a failure names the node and what it said.
