@@ -62,6 +62,9 @@ struct Backend {
   bool postgres;
   int nodes;
 };
+void PrintTo(const Backend& backend, std::ostream* out) {
+  *out << backend.name;
+}
 
 /// The nodes, their database and its rows.
 class Fleet {
