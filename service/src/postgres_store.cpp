@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -171,6 +172,23 @@ std::string fingerprint(const std::vector<Fence>& fences) {
   return fmt::format("{}:{:016x}", fences.size(), hash);
 }
 
+// libpq's message as one line: its hints follow on lines of their own.
+std::string oneLine(const char* message) {
+  std::string line;
+  bool space = false;
+  for (const char* c = message; *c != '\0'; ++c) {
+    if (std::isspace(static_cast<unsigned char>(*c))) {
+      space = !line.empty();
+      continue;
+    }
+    if (space)
+      line += ' ';
+    space = false;
+    line += *c;
+  }
+  return line.empty() ? "PostgreSQL failed" : line;
+}
+
 class PostgresSession : public StoreSession {
  public:
   PostgresSession(Connection connection, const std::vector<std::size_t>& unsearchable)
@@ -203,11 +221,7 @@ class PostgresSession : public StoreSession {
     const auto status = r ? PQresultStatus(r.get()) : PGRES_FATAL_ERROR;
     if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK)
       return r;
-    lastError_ = PQerrorMessage(connection_.get());
-    while (!lastError_.empty() && (lastError_.back() == '\n' || lastError_.back() == ' '))
-      lastError_.pop_back();
-    if (lastError_.empty())
-      lastError_ = "PostgreSQL failed";
+    lastError_ = oneLine(PQerrorMessage(connection_.get()));
     return nullptr;
   }
 
@@ -400,7 +414,8 @@ class PostgresSession : public StoreSession {
     for (std::int64_t version = integer(current.get(), 0, 0) + 1; version <= kCount; ++version) {
       Result r(PQexec(connection_.get(), kMigrations[version - 1]));
       if (!r || PQresultStatus(r.get()) != PGRES_COMMAND_OK) {
-        lastError_ = fmt::format("migration {}: {}", version, PQerrorMessage(connection_.get()));
+        lastError_ =
+            fmt::format("migration {}: {}", version, oneLine(PQerrorMessage(connection_.get())));
         rollback();
         return false;
       }
@@ -453,9 +468,10 @@ class PostgresSession : public StoreSession {
 };
 
 Connection connect(const std::string& url, std::string& error) {
-  // A time limit for reaching the server unless the URL sets its own.
-  const char* keywords[] = {"connect_timeout", "application_name", "dbname", nullptr};
-  const char* values[] = {"5", "zonaris-service", url.c_str(), nullptr};
+  // A time limit for reaching the server unless the URL sets its own, and doubles as text that
+  // reads back as the same value whatever the server's default.
+  const char* keywords[] = {"connect_timeout", "application_name", "options", "dbname", nullptr};
+  const char* values[] = {"5", "zonaris-service", "-c extra_float_digits=3", url.c_str(), nullptr};
   Connection c(PQconnectdbParams(keywords, values, 1));
   if (!c) {
     error = "cannot connect to PostgreSQL: out of memory";
@@ -465,9 +481,7 @@ Connection connect(const std::string& url, std::string& error) {
   PQsetNoticeProcessor(
       c.get(), [](void*, const char*) {}, nullptr);
   if (PQstatus(c.get()) != CONNECTION_OK) {
-    error = fmt::format("cannot connect to PostgreSQL: {}", PQerrorMessage(c.get()));
-    while (!error.empty() && (error.back() == '\n' || error.back() == ' '))
-      error.pop_back();
+    error = "cannot connect to PostgreSQL: " + oneLine(PQerrorMessage(c.get()));
     return nullptr;
   }
   return c;
@@ -478,7 +492,9 @@ class PostgresStore : public Store {
   PostgresStore(std::string url, std::size_t connections, std::vector<std::size_t> unsearchable)
       : url_(std::move(url)),
         limit_(std::max<std::size_t>(1, connections)),
-        unsearchable_(std::move(unsearchable)) {}
+        unsearchable_(std::move(unsearchable)) {
+    idle_.reserve(limit_);  // taking a session back never allocates
+  }
 
   const std::vector<std::size_t>& unsearchable() const { return unsearchable_; }
 
@@ -501,9 +517,10 @@ class PostgresStore : public Store {
       auto s = std::move(idle_.back());
       idle_.pop_back();
       // A connection the server closed meanwhile (a restart) reads as gone here, before a
-      // request is lost on it.
+      // request is lost on it: the first read takes what the server said last ("terminating
+      // connection"), the second meets the end of the stream.
       PGconn* c = s->connection();
-      if (PQconsumeInput(c) == 1 && PQstatus(c) == CONNECTION_OK)
+      if (PQconsumeInput(c) == 1 && PQconsumeInput(c) == 1 && PQstatus(c) == CONNECTION_OK)
         return lease(std::move(s));
       --open_;
     }

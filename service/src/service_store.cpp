@@ -1,4 +1,4 @@
-#include "zonaris/service/service_store.hpp"
+#include "service_store.hpp"
 
 #include <algorithm>
 #include <array>

@@ -34,6 +34,11 @@ int main(int argc, char** argv) {
                  "SQLite database for the service's state, or a postgresql:// URL of a "
                  "PostgreSQL database with PostGIS that several services may share")
       ->capture_default_str();
+  std::size_t connections = zonaris::service_tool::kDefaultPostgresConnections;
+  app.add_option("--db-connections", connections,
+                 "PostgreSQL: the connections this service keeps to the database at most")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1000));
   app.add_option("--port", port, "TCP port on 127.0.0.1; 0 picks a free one")
       ->capture_default_str()
       ->check(CLI::Range(0, 65535));
@@ -51,8 +56,9 @@ int main(int argc, char** argv) {
   }
 
   if (zonaris::service_tool::isPostgresUrl(options.dbPath)) {
-    options.openStore = [url = options.dbPath](const auto& fences, std::string& error) {
-      return zonaris::service_tool::openPostgresStore(url, fences, error);
+    options.openStore = [url = options.dbPath, connections](const auto& fences,
+                                                            std::string& error) {
+      return zonaris::service_tool::openPostgresStore(url, fences, error, connections);
     };
   }
 
