@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Prints the test-to-code ratio the project holds itself to: non-blank, non-comment C and C++
-lines under tests/ against those under include/, src/, sim/, service/ and tools/.
+lines under tests/ against those under include/, src/, sim/, service/, simulation/ and tools/.
 Usage: scripts/test-ratio.py [-v]   (-v: the test files too, largest first)"""
 import os
 import sys
@@ -48,7 +48,7 @@ def tree(folders):
     return files
 
 
-tests, code = tree(["tests"]), tree(["include", "src", "sim", "service", "tools"])
+tests, code = tree(["tests"]), tree(["include", "src", "sim", "service", "simulation", "tools"])
 if "-v" in sys.argv[1:]:
     for path, lines in sorted(tests.items(), key=lambda item: -item[1]):
         print(f"{lines:6} {path}")

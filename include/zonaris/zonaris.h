@@ -11,7 +11,8 @@
  * - The configuration functions, zonaris_start, zonaris_stop and zonaris_destroy are called from
  *   the application's own thread (one thread at a time per client).
  *
- * Link with libzonaris (pkg-config zonaris). The simulation's C API is in zonaris/zonaris_sim.h.
+ * Link with libzonaris (pkg-config zonaris). The simulation's C API is in
+ * zonaris/zonaris_simulation.h.
  */
 #ifndef ZONARIS_H
 #define ZONARIS_H
@@ -94,8 +95,8 @@ typedef struct zonaris_beacon {
  * library's main-queue thread; every other delegate callback arrives on a background thread of
  * the library, a new one per position fix, and passes of successive fixes can overlap, so two
  * callbacks may run at the same time. logLine arrives on whichever of these threads logs. For a
- * simulation (zonaris/zonaris_sim.h) every callback arrives on the thread that runs it, during
- * zonaris_simulation_run_*. A callback blocks the library while it runs. It must not call
+ * simulation (zonaris/zonaris_simulation.h) every callback arrives on the thread that runs it,
+ * during zonaris_simulation_run_*. A callback blocks the library while it runs. It must not call
  * zonaris_destroy on its own client. */
 typedef struct zonaris_callbacks {
   size_t struct_size; /* sizeof(zonaris_callbacks) */

@@ -347,11 +347,29 @@ def _option_words(options: Dict[str, Any]) -> List[str]:
     return words
 
 
+def _setter_values(key: str, value: Any) -> list:
+    """The C arguments of a typed option: texts as UTF-8, tags as JSON, words as numbers."""
+    if key == "tags" and isinstance(value, dict):
+        value = json.dumps(value)
+    if key == "sampling":
+        return [{"design": 0, "efficient": 1}.get(value, -1)]
+    if key == "motion":
+        return [{"none": 0, "phone": 1}.get(value, -1)]
+    if key == "silence":
+        return [int(v) for v in value]
+    if isinstance(value, bool):
+        return [int(value)]
+    kind = _native.SIMULATION_SETTERS[key][1][0]
+    return [str(value).encode() if kind is ctypes.c_char_p else value]
+
+
 class Simulation:
     """The client in virtual time along a trace, as zonaris-sim runs it: trace=..., and
     fences=... (the embedded reference service) or service=URL, beacons=..., and any other
     option of zonaris-sim as a keyword (uuid, tags, silence, dev_mode, start, until, app_key,
-    seed, noise, ...). Callbacks arrive on the calling thread, inside run()."""
+    seed, noise, ...). Options with a typed setter in the C API go through it; any other makes
+    the whole set go as zonaris-sim's words. Callbacks arrive on the calling thread, inside
+    run()."""
 
     def __init__(self, trace: str, fences: Optional[str] = None, beacons: Optional[str] = None,
                  **options: Any):
@@ -359,8 +377,9 @@ class Simulation:
         self._records: List[CallbackRecord] = []
         self._handle = None
         self._error: Optional[BaseException] = None
-        words = _option_words(dict(trace=trace, fences=fences, beacons=beacons, **options))
-        argv = (ctypes.c_char_p * (len(words) + 1))(*[w.encode() for w in words], None)
+        given = {key: value for key, value in
+                 dict(trace=trace, fences=fences, beacons=beacons, **options).items()
+                 if value is not None and value is not False}
 
         def record(name):  # lines logged while the simulation is made come at 0
             return lambda *args: self._records.append(CallbackRecord(
@@ -373,9 +392,27 @@ class Simulation:
         self._callbacks = _Callbacks(keep_first_error)
         struct = self._callbacks.struct({name: record(name) for name in _native.CALLBACK_TYPES})
         handle = ctypes.c_void_p()
-        self._call(self._lib.zonaris_simulation_create, argv, ctypes.byref(struct),
-                   ctypes.byref(handle))
+        if all(key in _native.SIMULATION_SETTERS for key in given):
+            self._create_with(given, struct, handle)
+        else:  # an option without a setter: zonaris-sim's words, through the older entry point
+            words = _option_words(given)
+            argv = (ctypes.c_char_p * (len(words) + 1))(*[w.encode() for w in words], None)
+            self._call(self._lib.zonaris_simulation_create, argv, ctypes.byref(struct),
+                       ctypes.byref(handle))
         self._handle = handle
+
+    def _create_with(self, given: Dict[str, Any], struct, handle):
+        options = ctypes.c_void_p()
+        self._call(self._lib.zonaris_simulation_options_create, ctypes.byref(options))
+        try:
+            for key, (name, _) in _native.SIMULATION_SETTERS.items():
+                if key in given:
+                    setter = getattr(self._lib, "zonaris_simulation_options_" + name)
+                    self._call(setter, options, *_setter_values(key, given[key]))
+            self._call(self._lib.zonaris_simulation_create_with, options, ctypes.byref(struct),
+                       ctypes.byref(handle))
+        finally:
+            self._lib.zonaris_simulation_options_destroy(options)
 
     def _call(self, function, *args):
         _check(function(*args), self._lib.zonaris_simulation_last_error)

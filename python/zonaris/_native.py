@@ -25,7 +25,7 @@ def _candidates(name, env_var):
     if (_SOURCE_ROOT / "CMakeLists.txt").is_file() and build.is_dir():
         # The normal build first: a sanitizer build's library cannot load into a plain python3.
         for tree in sorted(build.iterdir(), key=lambda tree: (tree.name != "normal", tree.name)):
-            for sub in ("", "tools/zonaris-sim"):
+            for sub in ("", "simulation"):
                 if (tree / sub / soname).exists():
                     yield tree / sub / soname
     if (_PREFIX_LIB / soname).exists():
@@ -128,11 +128,36 @@ def client_library():
     return _client_lib
 
 
+# The simulation's typed options: keyword -> (setter after zonaris_simulation_options_, the C
+# types of its value).
+_TEXT, _NUMBER, _INT = (ctypes.c_char_p,), (ctypes.c_double,), (ctypes.c_int,)
+SIMULATION_SETTERS = {
+    "device": ("set_device", _TEXT),  # first: the single device values below override it
+    "trace": ("set_trace", _TEXT), "fences": ("set_fences", _TEXT),
+    "service": ("set_service", _TEXT), "app_key": ("set_app_key", _TEXT),
+    "store": ("set_store", _TEXT), "uuid": ("set_uuid", _TEXT), "tags": ("set_tags", _TEXT),
+    "silence": ("set_silence_window", (ctypes.c_int32, ctypes.c_int32)),
+    "dev_mode": ("set_dev_mode", _INT), "beacons": ("set_beacons", _TEXT),
+    "start": ("set_start", _TEXT), "until": ("set_until", _NUMBER),
+    "system_version": ("set_system_version", _TEXT), "pace": ("set_pace", _NUMBER),
+    "seed": ("set_seed", (ctypes.c_uint64,)), "fix_delay": ("set_fix_delay", _NUMBER),
+    "noise": ("set_noise", _NUMBER), "latency": ("set_latency", _NUMBER),
+    "motion": ("set_motion", _INT), "sampling": ("set_sampling", _INT),
+    "compress": ("set_compression", _INT), "confirm": ("set_confirm", _TEXT),
+}
+
+
 def simulation_library():
     global _simulation_lib
     if _simulation_lib is None:
         lib = _load("zonaris_simulation", "ZONARIS_SIMULATION_LIBRARY")
         s, p = ctypes.c_int, ctypes.c_void_p
+        _declare(lib, "zonaris_simulation_options_create", s, ctypes.POINTER(p))
+        _declare(lib, "zonaris_simulation_options_destroy", None, p)
+        for name, value in SIMULATION_SETTERS.values():
+            _declare(lib, "zonaris_simulation_options_" + name, s, p, *value)
+        _declare(lib, "zonaris_simulation_create_with", s, p, ctypes.POINTER(Callbacks),
+                 ctypes.POINTER(p))
         _declare(lib, "zonaris_simulation_create", s, ctypes.POINTER(ctypes.c_char_p),
                  ctypes.POINTER(Callbacks), ctypes.POINTER(p))
         _declare(lib, "zonaris_simulation_run_for", s, p, ctypes.c_double)

@@ -10,7 +10,7 @@
 #include <time.h>
 
 #include "zonaris/zonaris.h"
-#include "zonaris/zonaris_sim.h"
+#include "zonaris/zonaris_simulation.h"
 
 static int failures = 0;
 
@@ -318,6 +318,41 @@ static void on_basic(void* user, const char* title, const char* body, const char
   (void)title, (void)body, (void)url;
 }
 
+/* The same walk from typed options; a value out of range leaves the options as they were. */
+static void typed_walk(const char* trace, const char* fences, const Walk* argv_walk) {
+  Walk walk;
+  zonaris_callbacks c = callbacks_with(&walk);
+  zonaris_simulation_options* o = NULL;
+  zonaris_simulation* simulation = NULL;
+  const zonaris_status invalid = ZONARIS_STATUS_INVALID_ARGUMENT;
+
+  memset(&walk, 0, sizeof walk);
+  c.eventEnterCallback = on_enter;
+  c.eventExitCallback = on_exit;
+  c.eventDwellCallback = on_dwell;
+  c.actionBasicCallback = on_basic;
+  CHECK(zonaris_simulation_options_create(&o) == ZONARIS_STATUS_OK);
+  CHECK(zonaris_simulation_options_set_trace(NULL, trace) == invalid);
+  CHECK(zonaris_simulation_options_set_trace(o, trace) == ZONARIS_STATUS_OK);
+  CHECK(zonaris_simulation_create_with(o, NULL, &simulation) == invalid); /* no service */
+  CHECK(zonaris_simulation_options_set_service(o, "ftp://example.com") == invalid);
+  CHECK(zonaris_simulation_options_set_fences(o, fences) == ZONARIS_STATUS_OK);
+  CHECK(zonaris_simulation_options_set_silence_window(o, 25, 3) == invalid);
+  CHECK(zonaris_simulation_options_set_sampling(o, 7) == invalid);
+  CHECK(zonaris_simulation_options_set_device(o, "moon") == invalid);
+  CHECK(zonaris_simulation_options_set_until(o, -1.0) == invalid);
+  CHECK(zonaris_simulation_options_set_device(o, "ideal") == ZONARIS_STATUS_OK);
+  CHECK(zonaris_simulation_create_with(o, &c, &simulation) == ZONARIS_STATUS_OK);
+  zonaris_simulation_options_destroy(o);
+  if (!simulation)
+    return;
+  walk.simulation = simulation;
+  CHECK(zonaris_simulation_run(simulation) == ZONARIS_STATUS_OK);
+  CHECK(strcmp(walk.events, argv_walk->events) == 0);
+  CHECK(walk.messages == argv_walk->messages && walk.last_t == argv_walk->last_t);
+  CHECK(zonaris_simulation_destroy(simulation) == ZONARIS_STATUS_OK);
+}
+
 static void simulated_walk(const char* examples) {
   char trace[1024], fences[1024];
   const char* args[] = {"--trace", trace, "--fences", fences, NULL};
@@ -361,6 +396,7 @@ static void simulated_walk(const char* examples) {
   CHECK(zonaris_simulation_destroy(simulation) == ZONARIS_STATUS_OK);
   if (failures)
     fprintf(stderr, "events: %s\n", walk.events);
+  typed_walk(trace, fences, &walk);
 }
 
 int main(int argc, char** argv) {

@@ -18,9 +18,9 @@
 
 #include "support/process.hpp"
 #include "support/recording_server.hpp"
-#include "zonaris-sim/score.hpp"
 #include "zonaris/service/reference_service.hpp"
 #include "zonaris/sim/sim_platform.hpp"
+#include "zonaris/simulation/score.hpp"
 #include "zonaris/zonaris.hpp"
 
 #ifdef ZONARIS_SIM_BIN

@@ -5,7 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "cli_text.hpp"
+#include "common/cli_text.hpp"
 
 namespace zonaris::agent {
 
@@ -30,8 +30,7 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
       "Runs the Zonaris client on this device with gpsd as its position source and prints every "
       "log line and delegate callback as one JSON object per line.",
       "zonaris-agent"};
-  std::string uuid, tags;
-  std::pair<int, int> silence{0, 0};
+  tools::ClientOptionTexts client;
   double until = 0;
   app.add_option("--service", o.service, "base URL of the service")->required();
   app.add_option("--app-key", o.appKey, "application key")->capture_default_str();
@@ -39,11 +38,7 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
   app.add_option("--store", o.store,
                  "folder of the install id store (default: $XDG_DATA_HOME/zonaris, else "
                  "~/.local/share/zonaris)");
-  auto* uuidOpt = app.add_option("--uuid", uuid, "beacon proximity UUID");
-  auto* tagsOpt = app.add_option("--tags", tags, "tags as a JSON object");
-  auto* silenceOpt = app.add_option("--silence", silence, "daily silence window: START STOP hours")
-                         ->check(CLI::Range(0, 23));
-  app.add_flag("--dev-mode", o.devMode, "developer mode: the client logs every step");
+  tools::addClientOptions(app, client, o.client.devMode);
   auto* untilOpt = app.add_option("--until", until, "stop after this many seconds")
                        ->check(kFiniteSeconds & CLI::Range(0.001, 366.0 * 24 * 3600));
   app.add_option("--stop-timeout", o.stopTimeout,
@@ -52,11 +47,7 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
       ->capture_default_str()
       ->check(kFiniteSeconds & CLI::Range(0.0, 3600.0));
   std::string sampling = "design";
-  app.add_option("--sampling", sampling,
-                 "when the client samples: design (the design's rule) or efficient (fewer "
-                 "fixes; gpsd has no motion sensor, so stops are bounded by the nearest fence)")
-      ->capture_default_str()
-      ->check(CLI::IsMember({"design", "efficient"}));
+  tools::addSamplingOption(app, sampling);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -74,22 +65,22 @@ std::variant<Options, EarlyExit> parseOptions(int argc, const char* const* argv)
   if (!gpsd)
     return EarlyExit{kUsageError, "zonaris-agent: --gpsd: not HOST:PORT: " + o.gpsdText};
   o.gpsd = *gpsd;
-  if (uuidOpt->count()) {
-    o.uuid = platform::canonicalUUID(uuid);
-    if (!o.uuid)
-      return EarlyExit{kUsageError, "zonaris-agent: --uuid: not a UUID: " + uuid};
+  if (client.uuidOpt->count()) {
+    o.client.uuid = platform::canonicalUUID(client.uuid);
+    if (!o.client.uuid)
+      return EarlyExit{kUsageError, "zonaris-agent: --uuid: not a UUID: " + client.uuid};
   }
-  if (tagsOpt->count()) {
-    auto json = nlohmann::json::parse(tags, nullptr, false);
+  if (client.tagsOpt->count()) {
+    auto json = nlohmann::json::parse(client.tags, nullptr, false);
     if (json.is_discarded() || !json.is_object())
-      return EarlyExit{kUsageError, "zonaris-agent: --tags: not a JSON object: " + tags};
-    o.tags = std::make_shared<ZonarisTags>(std::move(json));
+      return EarlyExit{kUsageError, "zonaris-agent: --tags: not a JSON object: " + client.tags};
+    o.client.tags = std::make_shared<ZonarisTags>(std::move(json));
   }
-  if (silenceOpt->count())
-    o.silence = silence;
+  if (client.silenceOpt->count())
+    o.client.silence = client.silence;
   if (untilOpt->count())
     o.until = until;
-  o.sampling = sampling == "efficient" ? SamplingPolicy::Efficient : SamplingPolicy::Design;
+  o.client.sampling = tools::samplingNamed(sampling);
   return o;
 }
 

@@ -8,6 +8,7 @@
 #include <utility>
 #include <variant>
 
+#include "common/client_options.hpp"
 #include "zonaris/platform/gpsd.hpp"
 #include "zonaris/zonaris.hpp"
 
@@ -24,15 +25,11 @@ struct Options {
   platform::GpsdOptions gpsd;
   std::string gpsdText = "localhost:2947";
   std::string store;
-  std::optional<std::string> uuid;
-  std::shared_ptr<ZonarisTags> tags;
-  std::optional<std::pair<int, int>> silence;
-  bool devMode = false;
+  tools::ClientSettings client;  ///< --uuid, --tags, --silence, --dev-mode, --sampling
   std::optional<double> until;
   /// Seconds from SIGINT, SIGTERM or --until to the exit, whatever gpsd and the service do.
   /// The README and examples/zonaris-agent.service (TimeoutStopSec=90) rely on this default.
   double stopTimeout = 60;
-  SamplingPolicy sampling = SamplingPolicy::Design;  ///< --sampling design|efficient
 };
 
 /// An exit before the run: the help text with status 0, or one error line with status 2.

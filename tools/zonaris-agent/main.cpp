@@ -20,9 +20,10 @@
 
 #include <fmt/format.h>
 
+#include "common/client_options.hpp"
+#include "common/counting_http.hpp"
+#include "common/json_lines.hpp"
 #include "zonaris-agent/agent_options.hpp"
-#include "zonaris-sim/counting_http.hpp"
-#include "zonaris-sim/json_lines.hpp"
 #include "zonaris/platform/gpsd.hpp"
 #include "zonaris/platform/production.hpp"
 #include "zonaris/zonaris.hpp"
@@ -30,10 +31,10 @@
 namespace zonaris::agent {
 namespace {
 
-using sim_tool::CountingHttpClient;
-using sim_tool::Exchange;
-using sim_tool::JsonLinesDelegate;
-using sim_tool::JsonLinesWriter;
+using tools::CountingHttpClient;
+using tools::Exchange;
+using tools::JsonLinesDelegate;
+using tools::JsonLinesWriter;
 
 void say(const std::string& line) {
   std::fputs(("zonaris-agent: " + line + "\n").c_str(), stderr);
@@ -165,7 +166,7 @@ int run(const Options& o) {
       std::make_shared<ServiceWatch>(parts.http, o.service), o.service);
   parts.http = http;
 
-  auto delegate = std::make_shared<JsonLinesDelegate>(writer);
+  std::shared_ptr<ZonarisDelegate> delegate = std::make_shared<JsonLinesDelegate>(writer);
   auto client = Zonaris::initWithAppKey(o.appKey, parts);
   if (!client) {
     say("the production platform is incomplete");
@@ -178,15 +179,7 @@ int run(const Options& o) {
     gpsdWatch.update(gpsd->status());  // an attempt may have failed before the listener was set
   }
 
-  if (o.uuid)
-    client->setUUID(*o.uuid);
-  client->setDevMode(o.devMode);
-  client->setSamplingPolicy(o.sampling);
-  if (o.tags)
-    client->setTags(o.tags);
-  if (o.silence)
-    client->setSilenceWindowStart(o.silence->first, o.silence->second);
-  client->setDelegate(delegate);
+  tools::configureClient(*client, o.client, delegate);
   client->start();
 
   std::optional<std::chrono::steady_clock::time_point> deadline;
@@ -214,11 +207,11 @@ int run(const Options& o) {
   std::string requests;
   std::uint64_t failed = 0;
   const auto counts = http->counts();
-  for (std::size_t i = 0; i < sim_tool::kExchangeCount; ++i) {
+  for (std::size_t i = 0; i < tools::kExchangeCount; ++i) {
     if (i == static_cast<std::size_t>(Exchange::Other) && counts[i].sent == 0)
       continue;
     requests += fmt::format("{}{} {}", requests.empty() ? "" : ", ",
-                            sim_tool::exchangeName(static_cast<Exchange>(i)), counts[i].sent);
+                            tools::exchangeName(static_cast<Exchange>(i)), counts[i].sent);
     failed += counts[i].failed;
   }
   const auto entries = count("eventEnterCallback"), exits = count("eventExitCallback"),

@@ -24,7 +24,7 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
-#include "cli_text.hpp"
+#include "common/cli_text.hpp"
 #include "report.hpp"
 #include "zonaris/sim/input_error.hpp"
 #include "zonaris/sim/sim_platform.hpp"

@@ -8,7 +8,7 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
-#include "zonaris-service/confirm_options.hpp"
+#include "common/confirm_options.hpp"
 #include "zonaris/service/postgres_store.hpp"
 #include "zonaris/service/reference_service.hpp"
 

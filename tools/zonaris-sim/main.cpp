@@ -15,14 +15,21 @@
 #include <curl/curl.h>
 #include <fmt/format.h>
 
-#include "json_lines.hpp"
-#include "score.hpp"
+#include "common/json_lines.hpp"
 #include "sim_options.hpp"
-#include "sim_run.hpp"
+#include "zonaris/simulation/score.hpp"
+#include "zonaris/simulation/sim_run.hpp"
 #include "zonaris/zonaris.hpp"
 
 namespace zonaris::sim_tool {
 namespace {
+
+using tools::CountingHttpClient;
+using tools::Exchange;
+using tools::exchangeName;
+using tools::JsonLinesDelegate;
+using tools::JsonLinesWriter;
+using tools::kExchangeCount;
 
 /// Hands every callback on to the JSON lines and keeps the confirmed events for the score,
 /// each with its fence's id as `idOf` finds it from the type and the fence's name.
@@ -81,7 +88,7 @@ class EventRecorder final : public ZonarisDelegate {
 };
 
 /// The score of the run, written to the --score file. False when the file cannot be written.
-bool writeScore(const Options& o, const Inputs& in, const EventRecorder& recorder,
+bool writeScore(const ToolOptions& t, const Inputs& in, const EventRecorder& recorder,
                 const CountingHttpClient& http, const CountingLocationManager* location,
                 nlohmann::ordered_json& score) {
   ScoreInputs inputs;
@@ -89,7 +96,7 @@ bool writeScore(const Options& o, const Inputs& in, const EventRecorder& recorde
   inputs.sightings = in.beacons;
   inputs.fences = in.scoreFences;
   inputs.seconds = std::chrono::duration<double>(in.until).count();
-  inputs.outages = o.network.outages;
+  inputs.outages = t.run.network.outages;
   RunRecord run;
   run.confirmed = recorder.events();
   run.fixesTaken = location ? location->fixesTaken() : 0;
@@ -98,7 +105,7 @@ bool writeScore(const Options& o, const Inputs& in, const EventRecorder& recorde
   for (std::size_t k = 0; k < kRequestKinds; ++k)
     run.requests[k] = counts[k].sent;  // Exchange and RequestKind share their order
   score = sim_tool::score(inputs, run);
-  std::ofstream out(*o.score, std::ios::binary | std::ios::trunc);
+  std::ofstream out(*t.scoreFile, std::ios::binary | std::ios::trunc);
   out << score.dump(2) << "\n";
   out.close();
   return static_cast<bool>(out);
@@ -114,7 +121,7 @@ std::string localTimeText(platform::TimePoint time) {
                      clock.hours().count(), clock.minutes().count(), clock.seconds().count());
 }
 
-void printSummary(const Options& o, const Inputs& in, const JsonLinesWriter& writer,
+void printSummary(const ToolOptions& t, const Inputs& in, const JsonLinesWriter& writer,
                   const CountingHttpClient& http, const CountingLocationManager* location,
                   const sim::SimNetwork* network, const nlohmann::ordered_json* score,
                   double wallSeconds) {
@@ -142,7 +149,7 @@ void printSummary(const Options& o, const Inputs& in, const JsonLinesWriter& wri
   std::string text =
       fmt::format("zonaris-sim: {:.0f} virtual seconds from {} against {} in {:.2f} s\n",
                   std::chrono::duration<double>(in.until).count(), localTimeText(in.start),
-                  o.fences ? "the embedded service" : *o.service, wallSeconds);
+                  t.run.fences ? "the embedded service" : *t.run.service, wallSeconds);
   if (location)
     text +=
         fmt::format("  fixes:    {} taken by the client ({} delivered by the location service)\n",
@@ -150,7 +157,7 @@ void printSummary(const Options& o, const Inputs& in, const JsonLinesWriter& wri
   text += fmt::format("  requests: {} ({} without a 2xx answer)\n", requests, failed);
   text += fmt::format("  received: {} bytes of answers ({} of fence catalogues){}\n", received,
                       counts[static_cast<std::size_t>(Exchange::FenceQuery)].receivedBytes,
-                      o.compress ? ", compression accepted" : "");
+                      t.run.compress ? ", compression accepted" : "");
   text += fmt::format("  events:   {} confirmed ({} entry, {} exit, {} dwell)\n",
                       entries + exits + dwells, entries, exits, dwells);
   text +=
@@ -167,13 +174,13 @@ void printSummary(const Options& o, const Inputs& in, const JsonLinesWriter& wri
         "visit(s) lost in an outage), {} false; {} observation(s) not confirmed; written to {}\n",
         (*score)["truth"].size(), optional.size(), heard, (*score)["matched"].size(),
         (*score)["missed"].size(), (*score)["lost_visits"].get<int>(), (*score)["false"].size(),
-        (*score)["unconfirmed_observations"].get<std::uint64_t>(), *o.score);
+        (*score)["unconfirmed_observations"].get<std::uint64_t>(), *t.scoreFile);
   }
   std::fputs(text.c_str(), stderr);
 }
 
-int run(const Options& o) {
-  auto opened = SimRun::open(o);
+int run(const ToolOptions& t) {
+  auto opened = SimRun::open(t.run);
   if (auto* error = std::get_if<RunError>(&opened)) {
     std::fprintf(stderr, "zonaris-sim: %s\n", error->message.c_str());
     return error->status;
@@ -210,14 +217,14 @@ int run(const Options& o) {
   simRun.finish();
 
   nlohmann::ordered_json score;
-  if (o.score && !writeScore(o, in, *recorder, simRun.http(), simRun.location(), score)) {
-    std::fprintf(stderr, "zonaris-sim: --score: cannot write %s\n", o.score->c_str());
+  if (t.scoreFile && !writeScore(t, in, *recorder, simRun.http(), simRun.location(), score)) {
+    std::fprintf(stderr, "zonaris-sim: --score: cannot write %s\n", t.scoreFile->c_str());
     return 1;
   }
   const double wallSeconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
-  printSummary(o, in, writer, simRun.http(), simRun.location(), simRun.network(),
-               o.score ? &score : nullptr, wallSeconds);
+  printSummary(t, in, writer, simRun.http(), simRun.location(), simRun.network(),
+               t.scoreFile ? &score : nullptr, wallSeconds);
   return 0;
 }
 
@@ -235,7 +242,7 @@ int main(int argc, char** argv) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
   int status = 1;
   try {
-    status = run(std::get<Options>(parsed));
+    status = run(std::get<ToolOptions>(parsed));
   } catch (const std::exception& e) {
     std::fprintf(stderr, "zonaris-sim: %s\n", e.what());
   }

@@ -1,8 +1,8 @@
-#include "counting_http.hpp"
+#include "common/counting_http.hpp"
 
 #include <nlohmann/json.hpp>
 
-namespace zonaris::sim_tool {
+namespace zonaris::tools {
 
 Exchange classify(const platform::HttpRequest& request, const std::string& baseUrl) {
   std::string path = request.url;
@@ -112,4 +112,4 @@ std::array<CountingHttpClient::Count, kExchangeCount> CountingHttpClient::counts
   return counts_;
 }
 
-}  // namespace zonaris::sim_tool
+}  // namespace zonaris::tools

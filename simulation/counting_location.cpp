@@ -1,4 +1,4 @@
-#include "counting_location.hpp"
+#include "zonaris/simulation/counting_location.hpp"
 
 #include "zonaris/zonaris.hpp"
 

@@ -12,7 +12,7 @@
 
 #include "zonaris/platform/http.hpp"
 
-namespace zonaris::sim_tool {
+namespace zonaris::tools {
 
 /// The four exchanges of the service, and anything else.
 enum class Exchange { Registration, FenceQuery, Observation, ErrorReport, Other };
@@ -64,4 +64,4 @@ class CountingHttpClient final : public platform::HttpClient {
   std::uint64_t unconfirmed_ = 0;
 };
 
-}  // namespace zonaris::sim_tool
+}  // namespace zonaris::tools

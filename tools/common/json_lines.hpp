@@ -13,7 +13,7 @@
 
 #include "zonaris/delegate.hpp"
 
-namespace zonaris::sim_tool {
+namespace zonaris::tools {
 
 /// Writes the simulator's output: one compact JSON object per line, flushed line by line so a
 /// reader downstream of a pipe sees events as they happen. Thread-safe; lines keep the order in
@@ -68,4 +68,4 @@ class JsonLinesDelegate final : public ZonarisDelegate {
 /// 1.4, not 1.399999976158142). Nothing for a non-finite value: JSON has no NaN, it prints null.
 std::optional<double> shortestDouble(float value);
 
-}  // namespace zonaris::sim_tool
+}  // namespace zonaris::tools

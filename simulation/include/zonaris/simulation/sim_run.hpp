@@ -9,12 +9,12 @@
 #include <variant>
 #include <vector>
 
-#include "counting_http.hpp"
-#include "counting_location.hpp"
-#include "score.hpp"
-#include "sim_options.hpp"
+#include "common/counting_http.hpp"
 #include "zonaris/service/reference_service.hpp"
 #include "zonaris/sim/sim_platform.hpp"
+#include "zonaris/simulation/counting_location.hpp"
+#include "zonaris/simulation/options.hpp"
+#include "zonaris/simulation/score.hpp"
 #include "zonaris/zonaris.hpp"
 
 namespace zonaris::sim_tool {
@@ -27,7 +27,7 @@ struct Inputs {
   platform::Duration until;
   std::shared_ptr<ZonarisTags> tags;
   std::optional<std::string> uuid;
-  std::vector<service_tool::Fence> scoreFences;  ///< with --score
+  std::vector<service_tool::Fence> scoreFences;  ///< with `Options::score`
 };
 
 /// Why a run could not be set up: a message of one line, and the exit status zonaris-sim gives
@@ -37,14 +37,15 @@ struct RunError {
   std::string message;
 };
 
-/// One run of the client on the simulated platform, as the options of zonaris-sim describe it:
+/// One run of the client on the simulated platform, as its options describe it:
 /// the embedded reference service (on the virtual clock) or an external one, the install id
 /// store, the device and the network, and the client configured and started. Virtual time moves
 /// only inside `runFor` and `runUntil`, on the calling thread; every callback and log line of the
 /// client arrives there (and the first ones inside `start`).
 class SimRun {
  public:
-  /// Reads the inputs and starts the embedded service; the clock stands at the start time.
+  /// Checks the options, reads the inputs and starts the embedded service; the clock stands at the
+  /// start time.
   static std::variant<std::unique_ptr<SimRun>, RunError> open(const Options& options);
   ~SimRun();
   SimRun(const SimRun&) = delete;
@@ -62,7 +63,7 @@ class SimRun {
   platform::TimePoint now() const;
   /// Virtual seconds since the start.
   double elapsedSeconds() const;
-  /// The end the options ask for: --until, else the trace's length + 60 s.
+  /// The end the options ask for: `Options::until`, else the trace's length + 60 s.
   platform::TimePoint end() const { return inputs_.start + inputs_.until; }
   const Inputs& inputs() const { return inputs_; }
   const Options& options() const { return options_; }
@@ -73,7 +74,7 @@ class SimRun {
 
   /// What the run did, readable during and after it (from `start` on).
   bool started() const { return http_ != nullptr; }
-  CountingHttpClient& http() const { return *http_; }
+  tools::CountingHttpClient& http() const { return *http_; }
   const CountingLocationManager* location() const { return location_.get(); }
   const sim::SimNetwork* network() const { return network_.get(); }
 
@@ -92,7 +93,7 @@ class SimRun {
   std::string storeFolder_;
   std::shared_ptr<sim::Scheduler> scheduler_;
   std::shared_ptr<sim::SimNetwork> network_;
-  std::shared_ptr<CountingHttpClient> http_;
+  std::shared_ptr<tools::CountingHttpClient> http_;
   std::shared_ptr<CountingLocationManager> location_;
   std::shared_ptr<ZonarisDelegate> delegate_;
   std::unique_ptr<sim::Simulation> simulation_;

@@ -1,6 +1,6 @@
 // The ground-truth score of a simulated run: what really happened, what the application heard,
 // how late, and what it never heard.
-#include "score.hpp"
+#include "zonaris/simulation/score.hpp"
 
 #include <algorithm>
 #include <cctype>

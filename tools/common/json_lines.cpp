@@ -1,10 +1,10 @@
-#include "json_lines.hpp"
+#include "common/json_lines.hpp"
 
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
 
-namespace zonaris::sim_tool {
+namespace zonaris::tools {
 
 namespace {
 
@@ -146,4 +146,4 @@ void JsonLinesDelegate::updatedGPSAccuracy(float metres) {
   writer_.callback("updatedGPSAccuracy", Ordered::array({floatArg(metres)}));
 }
 
-}  // namespace zonaris::sim_tool
+}  // namespace zonaris::tools

@@ -1,9 +1,10 @@
-#include "sim_run.hpp"
+#include "zonaris/simulation/sim_run.hpp"
 
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 
+#include "common/client_options.hpp"
 #include "zonaris/platform/curl_http.hpp"
 #include "zonaris/platform/production.hpp"
 #include "zonaris/sim/location_manager.hpp"
@@ -24,6 +25,13 @@ std::string makeTemporaryFolder() {
 
 std::variant<Inputs, RunError> readInputs(const Options& o) {
   const auto usage = [](std::string message) { return RunError{kUsageError, std::move(message)}; };
+  // The command line checks the same; these reach the typed options' callers.
+  if (o.fences.has_value() == o.service.has_value())
+    return usage("one of --fences FILE or --service URL is needed");
+  if (o.service && !isServiceBaseUrl(*o.service))
+    return usage("--service: not an http:// or https:// URL: " + *o.service);
+  if (o.score && !o.fences)
+    return usage("--score needs --fences: the truth is computed from them");
   Inputs in;
   try {
     in.trace = std::make_shared<const sim::Trace>(sim::Trace::load(o.trace, o.pace));
@@ -123,7 +131,7 @@ std::optional<RunError> SimRun::start(std::shared_ptr<ZonarisDelegate> delegate,
     network_ = std::make_shared<sim::SimNetwork>(transport, scheduler_, options_.network);
     transport = network_;
   }
-  http_ = std::make_shared<CountingHttpClient>(transport, baseUrl_);
+  http_ = std::make_shared<tools::CountingHttpClient>(transport, baseUrl_);
 
   sim::SimulationOptions options;
   options.start = inputs_.start;
@@ -152,16 +160,14 @@ std::optional<RunError> SimRun::start(std::shared_ptr<ZonarisDelegate> delegate,
   client_ = Zonaris::initWithAppKey(options_.appKey, simulation_->platform());
   if (!client_)
     return RunError{1, "the simulated platform is incomplete"};
-  if (inputs_.uuid)
-    client_->setUUID(*inputs_.uuid);
-  client_->setDevMode(options_.devMode);
-  client_->setSamplingPolicy(options_.sampling);
-  client_->setCompression(options_.compress);
-  if (inputs_.tags)
-    client_->setTags(inputs_.tags);
-  if (options_.silence)
-    client_->setSilenceWindowStart(options_.silence->first, options_.silence->second);
-  client_->setDelegate(delegate_);
+  tools::configureClient(*client_,
+                         tools::ClientSettings{.uuid = inputs_.uuid,
+                                               .tags = inputs_.tags,
+                                               .silence = options_.silence,
+                                               .devMode = options_.devMode,
+                                               .sampling = options_.sampling,
+                                               .compress = options_.compress},
+                         delegate_);
   client_->start();
   return std::nullopt;
 }
