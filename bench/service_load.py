@@ -3,7 +3,8 @@
 one PostgreSQL database, under the same closed-loop load.
 
 Usage:
-  bench/service_load.py BUILD_DIR [--clients N] [--seconds S] [--fences N] [--only NAME ...]
+  bench/service_load.py BUILD_DIR [--clients N] [--seconds S] [--fences N] [--connections N]
+                        [--statements] [--only NAME ...]
       NAME: sqlite-memory-1, sqlite-1, postgresql-1, postgresql-2, postgresql-4
 
 Each configuration gets a fresh database: SQLite in memory (the service's default --db), a
@@ -153,11 +154,12 @@ class Postgres:
 
 
 @contextlib.contextmanager
-def nodes(build, fences, db, count):
+def nodes(build, fences, db, count, options):
     """COUNT zonaris-service nodes on DB, started together; yields their ports and pids."""
     binary = os.path.join(build, "tools", "zonaris-service", "zonaris-service")
     started = [subprocess.Popen([binary, "--fences", fences, "--db", db, "--port", "0",
-                                 "--confirm", "exact"], stdout=subprocess.PIPE, text=True)
+                                 "--confirm", "exact", *options], stdout=subprocess.PIPE,
+                                text=True)
                for _ in range(count)]
     try:
         ports = []
@@ -260,6 +262,9 @@ def main():
     parser.add_argument("--seconds", type=float, default=10.0)
     parser.add_argument("--fences", type=int, default=1000)
     parser.add_argument("--only", nargs="*", help="configurations: sqlite-1 postgresql-1 ...")
+    parser.add_argument("--connections", type=int,
+                        help="PostgreSQL connections per node (--db-connections; default: the "
+                             "node's)")
     parser.add_argument("--statements", action="store_true",
                         help="also print PostgreSQL's statements per observation, most first")
     args = parser.parse_args()
@@ -283,7 +288,10 @@ def main():
                 db = os.path.join(work, "service-%d.db" % index)
             else:
                 db = pg.fresh_database("bench_%d" % index)
-            with nodes(args.build, fences_file, db, count) as (ports, pids):
+            options = []
+            if kind == "postgresql" and args.connections:
+                options = ["--db-connections", str(args.connections)]
+            with nodes(args.build, fences_file, db, count, options) as (ports, pids):
                 pg_before = pg.cpu_ms() if pg else 0.0
                 nodes_before = cpu_ms(pids)
                 if kind == "postgresql":
