@@ -247,9 +247,13 @@ TEST_P(FleetTest, ConfirmsEachCrossingOnceAndStoresEveryAcceptedObservation) {
 
   EXPECT_EQ(std::set<std::int64_t>(installs.begin(), installs.end()).size(), installs.size());
   EXPECT_EQ(std::count(installs.begin(), installs.end(), 0), 0);
+  int transportErrors = 0;
   for (int c = 0; c < kClients; ++c)
-    for (const auto& s : sent[c])
+    for (const auto& s : sent[c]) {
       EXPECT_TRUE(s.status == 201 || s.status == 0) << s.tag << " got " << s.status;
+      transportErrors += s.status == 0;
+    }
+  RecordProperty("transport_errors", transportErrors);
   for (int c = 0; c < kClients; c += 2)
     for (const auto& type : {"entry", "dwell", "exit"})
       EXPECT_LE(events[c][type] + events[c + 1][type], 1) << type << ", install " << installs[c];
