@@ -30,51 +30,64 @@ static zonaris_callbacks callbacks_with(void* user) {
   return c;
 }
 
+/* Options for a client whose service is a closed port (every request fails at once) and whose
+ * store is the folder `store`. */
+static zonaris_platform_options options_for(const char* store) {
+  zonaris_platform_options options;
+  memset(&options, 0, sizeof options);
+  options.struct_size = sizeof options;
+  options.base_url = "http://127.0.0.1:9";
+  options.store_directory = store;
+  return options;
+}
+
 /* ---- Wrong arguments come back as statuses --------------------------------------------------- */
 
-static void wrong_arguments(zonaris_client* client) {
+static void wrong_arguments(const char* store) {
+  zonaris_platform_options options = options_for(store);
+  zonaris_client* client = NULL;
   zonaris_location far_north = {91.0, 0.0, -1.0, 5.0, 0.0};
   zonaris_callbacks too_short = callbacks_with(NULL);
-  zonaris_client* none = client;
+  zonaris_client* none;
   int accepted = 7;
+  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
+  none = client;
+/* A row of the table: the call as written, its status, the status it must give. */
+#define ROW(call, want) \
+  { #call, call, ZONARIS_STATUS_##want }
+  /* clang-format off */
   struct {
     const char* what;
     zonaris_status got, want;
   } table[] = {
-      {"init without key", zonaris_init_with_app_key(NULL, NULL, &none),
-       ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"init without out-pointer", zonaris_init_with_app_key("k", NULL, NULL),
-       ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"uuid on null", zonaris_set_uuid(NULL, "5A4BCFCE-174E-4BAC-A814-092E77F6B7E5"),
-       ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"uuid not a uuid", zonaris_set_uuid(client, "5A4BCFCE-174E"),
-       ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"uuid null text", zonaris_set_uuid(client, NULL), ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"uuid lower case", zonaris_set_uuid(client, "5a4bcfce-174e-4bac-a814-092e77f6b7e5"),
-       ZONARIS_STATUS_OK},
-      {"tags not an object", zonaris_set_tags(client, "[1,2]"), ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"tags not JSON", zonaris_set_tags(client, "{\"a\":"), ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"tags object", zonaris_set_tags(client, "{\"tier\":\"gold\"}"), ZONARIS_STATUS_OK},
-      {"tags cleared", zonaris_set_tags(client, NULL), ZONARIS_STATUS_OK},
-      {"dev mode on null", zonaris_set_dev_mode(NULL, 1), ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"silence on null", zonaris_set_silence_window(NULL, 22, 6), ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"start null", zonaris_start(NULL), ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"stop null", zonaris_stop(NULL), ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"delegate on null", zonaris_set_delegate(NULL, NULL), ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"callbacks too short", (too_short.struct_size = 4, zonaris_set_delegate(client, &too_short)),
-       ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"fix out of range", zonaris_push_location(client, &far_north, &accepted),
-       ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"fix null", zonaris_push_location(client, NULL, NULL), ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"beacons null with count", zonaris_push_beacons(client, NULL, 2),
-       ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"no beacons", zonaris_push_beacons(client, NULL, 0), ZONARIS_STATUS_OK},
-      {"not a policy", zonaris_set_sampling_policy(client, 7), ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"compression on", zonaris_set_compression(client, 1), ZONARIS_STATUS_OK},
-      {"compression on null", zonaris_set_compression(NULL, 1), ZONARIS_STATUS_INVALID_ARGUMENT},
-      {"motion pushed", zonaris_push_motion(client, 1, 0.0, NULL), ZONARIS_STATUS_OK},
-      {"destroy null", zonaris_destroy(NULL, 0), ZONARIS_STATUS_OK},
+      ROW(zonaris_init_with_app_key(NULL, NULL, &none), INVALID_ARGUMENT),
+      ROW(zonaris_init_with_app_key("k", NULL, NULL), INVALID_ARGUMENT),
+      ROW(zonaris_set_uuid(NULL, "5A4BCFCE-174E-4BAC-A814-092E77F6B7E5"), INVALID_ARGUMENT),
+      ROW(zonaris_set_uuid(client, "5A4BCFCE-174E"), INVALID_ARGUMENT),
+      ROW(zonaris_set_uuid(client, NULL), INVALID_ARGUMENT),
+      ROW(zonaris_set_uuid(client, "5a4bcfce-174e-4bac-a814-092e77f6b7e5"), OK),
+      ROW(zonaris_set_tags(client, "[1,2]"), INVALID_ARGUMENT),
+      ROW(zonaris_set_tags(client, "{\"a\":"), INVALID_ARGUMENT),
+      ROW(zonaris_set_tags(client, "{\"tier\":\"gold\"}"), OK),
+      ROW(zonaris_set_tags(client, NULL), OK),
+      ROW(zonaris_set_dev_mode(NULL, 1), INVALID_ARGUMENT),
+      ROW(zonaris_set_silence_window(NULL, 22, 6), INVALID_ARGUMENT),
+      ROW(zonaris_start(NULL), INVALID_ARGUMENT),
+      ROW(zonaris_stop(NULL), INVALID_ARGUMENT),
+      ROW(zonaris_set_delegate(NULL, NULL), INVALID_ARGUMENT),
+      ROW((too_short.struct_size = 4, zonaris_set_delegate(client, &too_short)), INVALID_ARGUMENT),
+      ROW(zonaris_push_location(client, &far_north, &accepted), INVALID_ARGUMENT),
+      ROW(zonaris_push_location(client, NULL, NULL), INVALID_ARGUMENT),
+      ROW(zonaris_push_beacons(client, NULL, 2), INVALID_ARGUMENT),
+      ROW(zonaris_push_beacons(client, NULL, 0), OK),
+      ROW(zonaris_set_sampling_policy(client, 7), INVALID_ARGUMENT),
+      ROW(zonaris_set_compression(client, 1), OK),
+      ROW(zonaris_set_compression(NULL, 1), INVALID_ARGUMENT),
+      ROW(zonaris_push_motion(client, 1, 0.0, NULL), OK),
+      ROW(zonaris_destroy(NULL, 0), OK),
   };
+  /* clang-format on */
+#undef ROW
   size_t i;
   for (i = 0; i < sizeof table / sizeof table[0]; ++i) {
     if (table[i].got != table[i].want) {
@@ -87,6 +100,7 @@ static void wrong_arguments(zonaris_client* client) {
   CHECK(accepted == 0);
   CHECK(none == NULL);
   CHECK(strcmp(zonaris_last_error(), "") != 0);
+  CHECK(zonaris_destroy(client, -1) == ZONARIS_STATUS_OK);
 }
 
 /* ---- Callbacks come from the library's threads; destroy joins them --------------------------- */
@@ -120,66 +134,64 @@ static int lines_off_thread(Watch* w) {
   return n;
 }
 
-static void callbacks_and_destroy(const char* store) {
-  zonaris_platform_options options;
-  zonaris_callbacks c;
+/* Starts a client in developer mode with `on_line` as its log callback (`w` its user data) and
+ * waits, bounded, until a line came from a thread of the library: registration fails there. */
+static zonaris_client* start_and_wait(const char* store, Watch* w,
+                                      void (*on_line)(void*, const char*)) {
+  zonaris_platform_options options = options_for(store);
+  zonaris_callbacks c = callbacks_with(w);
   zonaris_client* client = NULL;
-  Watch* w = (Watch*)calloc(1, sizeof(Watch));
   struct timespec tick = {0, 10 * 1000 * 1000};
   int waited;
-
-  memset(&options, 0, sizeof options);
-  options.struct_size = sizeof options;
-  options.base_url = "http://127.0.0.1:9"; /* closed: registration fails at once */
-  options.store_directory = store;
-  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
-  if (!client)
-    return;
   pthread_mutex_init(&w->mutex, NULL);
   w->application = pthread_self();
+  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
+  if (!client)
+    return NULL;
   w->client = client;
-  c = callbacks_with(w);
-  c.logLine = on_log;
+  c.logLine = on_line;
   CHECK(zonaris_set_delegate(client, &c) == ZONARIS_STATUS_OK);
   CHECK(zonaris_set_dev_mode(client, 1) == ZONARIS_STATUS_OK);
   CHECK(zonaris_start(client) == ZONARIS_STATUS_OK); /* registers on a thread of its own */
-  /* The registration thread logs its failure; wait for it (bounded). */
   for (waited = 0; waited < 1000 && lines_off_thread(w) == 0; ++waited)
     nanosleep(&tick, NULL);
-  pthread_mutex_lock(&w->mutex);
-  CHECK(w->lines_off_thread > 0);
-  CHECK(w->lines > w->lines_off_thread); /* "Zonaris started" came on this thread */
-  CHECK(w->destroy_inside == ZONARIS_STATUS_INVALID_STATE);
-  pthread_mutex_unlock(&w->mutex);
-  CHECK(zonaris_stop(client) == ZONARIS_STATUS_OK);
-  CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  return client;
+}
+
+static void callbacks_and_destroy(const char* store) {
+  Watch* w = (Watch*)calloc(1, sizeof(Watch));
+  zonaris_client* client = start_and_wait(store, w, on_log);
+  if (client) {
+    pthread_mutex_lock(&w->mutex);
+    CHECK(w->lines_off_thread > 0);
+    CHECK(w->lines > w->lines_off_thread); /* "Zonaris started" came on this thread */
+    CHECK(w->destroy_inside == ZONARIS_STATUS_INVALID_STATE);
+    pthread_mutex_unlock(&w->mutex);
+    CHECK(zonaris_stop(client) == ZONARIS_STATUS_OK);
+    CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  }
   /* Every thread is joined: freeing what the callbacks use is safe now (ASan would see it). */
   pthread_mutex_destroy(&w->mutex);
   free(w);
 }
 
 static void gpsd_client_takes_no_pushed_fixes(const char* store) {
-  zonaris_platform_options options;
+  zonaris_platform_options options = options_for(store);
   zonaris_client* client = NULL;
   zonaris_location fix = {52.52, 13.40, -1.0, 5.0, 0.0};
-  memset(&options, 0, sizeof options);
-  options.struct_size = sizeof options;
-  options.base_url = "http://127.0.0.1:9";
-  options.store_directory = store;
+  const char* hosts[] = {"127.0.0.1", "::1", "[::1]"}; /* an IPv6 address, bracketed or not */
+  size_t i;
   options.position = ZONARIS_POSITION_GPSD;
-  options.gpsd_host = "127.0.0.1";
   options.gpsd_port = 9; /* nobody: the source keeps retrying until destroyed */
-  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
-  CHECK(zonaris_push_location(client, &fix, NULL) == ZONARIS_STATUS_INVALID_STATE);
-  CHECK(zonaris_push_beacons(client, NULL, 0) == ZONARIS_STATUS_INVALID_STATE);
-  CHECK(zonaris_push_motion(client, 1, 0.0, NULL) == ZONARIS_STATUS_INVALID_STATE); /* no sensor */
-  CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
-  options.gpsd_host = "::1"; /* an IPv6 address, bracketed or not */
-  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
-  CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
-  options.gpsd_host = "[::1]";
-  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
-  CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  for (i = 0; i < 3; ++i) {
+    options.gpsd_host = hosts[i];
+    CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
+    CHECK(zonaris_push_location(client, &fix, NULL) == ZONARIS_STATUS_INVALID_STATE);
+    CHECK(zonaris_push_beacons(client, NULL, 0) == ZONARIS_STATUS_INVALID_STATE);
+    CHECK(zonaris_push_motion(client, 1, 0.0, NULL) ==
+          ZONARIS_STATUS_INVALID_STATE); /* no sensor */
+    CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  }
   options.gpsd_port = 70000;
   CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_INVALID_ARGUMENT);
   CHECK(client == NULL);
@@ -202,7 +214,7 @@ static void ignore_line(void* user, const char* line) {
 static void callbacks_replaced_while_called(const char* store) {
   char path[512];
   FILE* file;
-  zonaris_platform_options options;
+  zonaris_platform_options options = options_for(store);
   zonaris_callbacks full, empty = callbacks_with(NULL);
   zonaris_location fix = {52.52, 13.40, -1.0, 5.0, 0.0};
   int fixes = 0, round, swap, accepted;
@@ -216,10 +228,6 @@ static void callbacks_replaced_while_called(const char* store) {
   full = callbacks_with(&fixes);
   full.updatedInitLocation = count_fix;
   full.logLine = full.platformError = ignore_line;
-  memset(&options, 0, sizeof options);
-  options.struct_size = sizeof options;
-  options.base_url = "http://127.0.0.1:9";
-  options.store_directory = store;
   for (round = 0; round < 20; ++round) {
     zonaris_client* client = NULL;
     CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
@@ -254,31 +262,14 @@ static void exit_thread_unless_application(void* user, const char* line) {
 /* The library's frames let the thread end (pthread_exit unwinds through them) instead of
  * swallowing the unwind, which aborts; destroy then finds no thread left to wait for. */
 static void callback_ends_its_thread(const char* store) {
-  zonaris_platform_options options;
-  zonaris_callbacks c;
-  zonaris_client* client = NULL;
   Watch w;
-  struct timespec tick = {0, 10 * 1000 * 1000};
-  int waited;
+  zonaris_client* client;
   memset(&w, 0, sizeof w);
-  pthread_mutex_init(&w.mutex, NULL);
-  w.application = pthread_self();
-  memset(&options, 0, sizeof options);
-  options.struct_size = sizeof options;
-  options.base_url = "http://127.0.0.1:9";
-  options.store_directory = store;
-  CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
-  if (!client)
-    return;
-  c = callbacks_with(&w);
-  c.logLine = exit_thread_unless_application;
-  CHECK(zonaris_set_delegate(client, &c) == ZONARIS_STATUS_OK);
-  CHECK(zonaris_set_dev_mode(client, 1) == ZONARIS_STATUS_OK);
-  CHECK(zonaris_start(client) == ZONARIS_STATUS_OK); /* registration fails on its thread */
-  for (waited = 0; waited < 1000 && lines_off_thread(&w) == 0; ++waited)
-    nanosleep(&tick, NULL);
-  CHECK(lines_off_thread(&w) == 1);
-  CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  client = start_and_wait(store, &w, exit_thread_unless_application);
+  if (client) {
+    CHECK(lines_off_thread(&w) == 1);
+    CHECK(zonaris_destroy(client, 10000) == ZONARIS_STATUS_OK);
+  }
   pthread_mutex_destroy(&w.mutex);
 }
 
@@ -410,17 +401,7 @@ int main(int argc, char** argv) {
   CHECK(strlen(zonaris_version()) > 0);
   CHECK(strcmp(zonaris_status_text(ZONARIS_STATUS_UNSUPPORTED), "unsupported") == 0);
 
-  {
-    zonaris_client* client = NULL;
-    zonaris_platform_options options;
-    memset(&options, 0, sizeof options);
-    options.struct_size = sizeof options;
-    options.base_url = "http://127.0.0.1:9";
-    options.store_directory = store;
-    CHECK(zonaris_init_with_app_key("c-test", &options, &client) == ZONARIS_STATUS_OK);
-    wrong_arguments(client);
-    CHECK(zonaris_destroy(client, -1) == ZONARIS_STATUS_OK);
-  }
+  wrong_arguments(store);
   callbacks_and_destroy(store);
   gpsd_client_takes_no_pushed_fixes(store);
   callback_ends_its_thread(store);

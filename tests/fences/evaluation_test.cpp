@@ -15,7 +15,6 @@ namespace {
 using namespace std::chrono_literals;
 using nlohmann::json;
 using test::FenceDef;
-using test::kMetresPerDegree;
 using test::pointNorthOfOrigin;
 
 // A beacon exactly 150 m from the device at (0, 0), found among the doubles themselves so that
@@ -38,13 +37,14 @@ std::string nested(int levels) {
   return repeat("GEOMETRYCOLLECTION (", levels) + "POINT (0 0)" + std::string(levels, ')');
 }
 
-constexpr double kFar = 1.7976931348623157e308;  // the largest double
+constexpr double kFar = 1.7976931348623157e308;    // the largest double
+constexpr double kOneDegree = 111319.49079327357;  // metres of arc on the fence sphere
 
 struct DistanceCase {
   const char* name;
   std::string fence, point;
   double metres;
-  std::vector<const char*> unreadable;  // named once in a report, and then kFar away
+  std::vector<const char*> unreadable = {};  // named once in a report, and then kFar away
 };
 
 class Distance : public test::FenceFixture, public ::testing::WithParamInterface<DistanceCase> {};
@@ -68,24 +68,24 @@ TEST_P(Distance, MeasuresFromTheNearestPointOfTheFenceOrReportsTheUnreadableText
 // catches a swapped latitude and longitude.
 // clang-format off
 const DistanceCase kDistances[] = {
-    {"SamePoint", "POINT (13.4 52.5)", "POINT (13.4 52.5)", 0.0, {}},
-    {"OneDegreeNorthAtTheEquator", "POINT (0 0)", "POINT (0 1)", kMetresPerDegree, {}},
-    {"OneDegreeEastAtTheEquator", "POINT (0 0)", "POINT (1 0)", kMetresPerDegree, {}},
-    {"InsideAPolygon", "POLYGON ((0 0, 1 0, 1 1, 0 1, 0 0))", "POINT (0.5 0.5)", 0.0, {}},
-    {"EastOfAPolygonsBoundary", "POLYGON ((0 -1, 1 -1, 1 1, 0 1, 0 -1))", "POINT (2 0)", kMetresPerDegree, {}},
-    {"NearerPartOfAMultiPolygon", "MULTIPOLYGON (((0 -1, 1 -1, 1 1, 0 1, 0 -1)), ((5 -1, 6 -1, 6 1, 5 1, 5 -1)))", "POINT (4 0)", kMetresPerDegree, {}},
-    {"BesideALine", "LINESTRING (0 -1, 0 2)", "POINT (1 0)", kMetresPerDegree, {}},
-    {"InsideACollectionThirtyDeep", nested(30), "POINT (0 0)", 0.0, {}},
-    {"ParisToLondon", "POINT (2.3522 48.8566)", "POINT (-0.1276 51.5072)", 343914.69874715415, {}},
-    {"EmptyFence", "", "POINT (0 0)", kFar, {"geometry1"}},
-    {"GarbageFence", "not a geometry", "POINT (0 0)", kFar, {"geometry1"}},
-    {"NaNCoordinate", "POINT (nan 0)", "POINT (0 0)", kFar, {"geometry1"}},
-    {"CollectionWithAnEmptyPoint", "GEOMETRYCOLLECTION (POINT (1 2), POINT EMPTY)", "POINT (0 0)", kFar, {"geometry1"}},
-    {"DeeplyNestedFence", nested(100000), "POINT (0 0)", kFar, {"geometry1"}},
-    {"LongBoundaryIsMeasured", "LINESTRING (1 0" + repeat(", 1.000001 0.000001", 60000) + ")", "POINT (0 0)", kMetresPerDegree, {}},
-    {"FenceLargerThanAResponse", "POINT (0 0)" + std::string(std::size_t{16} << 20, ' '), "POINT (0 0)", kFar, {"geometry1"}},
-    {"DevicePointIsALine", "POINT (0 0)", "LINESTRING (0 0, 1 1)", kFar, {"geometry2"}},
-    {"BothBroken", "garbage", "", kFar, {"geometry1", "geometry2"}},
+    {.name = "SamePoint", .fence = "POINT (13.4 52.5)", .point = "POINT (13.4 52.5)", .metres = 0.0},
+    {.name = "OneDegreeNorthAtTheEquator", .fence = "POINT (0 0)", .point = "POINT (0 1)", .metres = kOneDegree},
+    {.name = "OneDegreeEastAtTheEquator", .fence = "POINT (0 0)", .point = "POINT (1 0)", .metres = kOneDegree},
+    {.name = "InsideAPolygon", .fence = "POLYGON ((0 0, 1 0, 1 1, 0 1, 0 0))", .point = "POINT (0.5 0.5)", .metres = 0.0},
+    {.name = "EastOfAPolygonsBoundary", .fence = "POLYGON ((0 -1, 1 -1, 1 1, 0 1, 0 -1))", .point = "POINT (2 0)", .metres = kOneDegree},
+    {.name = "NearerPartOfAMultiPolygon", .fence = "MULTIPOLYGON (((0 -1, 1 -1, 1 1, 0 1, 0 -1)), ((5 -1, 6 -1, 6 1, 5 1, 5 -1)))", .point = "POINT (4 0)", .metres = kOneDegree},
+    {.name = "BesideALine", .fence = "LINESTRING (0 -1, 0 2)", .point = "POINT (1 0)", .metres = kOneDegree},
+    {.name = "InsideACollectionThirtyDeep", .fence = nested(30), .point = "POINT (0 0)", .metres = 0.0},
+    {.name = "ParisToLondon", .fence = "POINT (2.3522 48.8566)", .point = "POINT (-0.1276 51.5072)", .metres = 343914.69874715415},
+    {.name = "EmptyFence", .fence = "", .point = "POINT (0 0)", .metres = kFar, .unreadable = {"geometry1"}},
+    {.name = "GarbageFence", .fence = "not a geometry", .point = "POINT (0 0)", .metres = kFar, .unreadable = {"geometry1"}},
+    {.name = "NaNCoordinate", .fence = "POINT (nan 0)", .point = "POINT (0 0)", .metres = kFar, .unreadable = {"geometry1"}},
+    {.name = "CollectionWithAnEmptyPoint", .fence = "GEOMETRYCOLLECTION (POINT (1 2), POINT EMPTY)", .point = "POINT (0 0)", .metres = kFar, .unreadable = {"geometry1"}},
+    {.name = "DeeplyNestedFence", .fence = nested(100000), .point = "POINT (0 0)", .metres = kFar, .unreadable = {"geometry1"}},
+    {.name = "LongBoundaryIsMeasured", .fence = "LINESTRING (1 0" + repeat(", 1.000001 0.000001", 60000) + ")", .point = "POINT (0 0)", .metres = kOneDegree},
+    {.name = "FenceLargerThanAResponse", .fence = "POINT (0 0)" + std::string(std::size_t{16} << 20, ' '), .point = "POINT (0 0)", .metres = kFar, .unreadable = {"geometry1"}},
+    {.name = "DevicePointIsALine", .fence = "POINT (0 0)", .point = "LINESTRING (0 0, 1 1)", .metres = kFar, .unreadable = {"geometry2"}},
+    {.name = "BothBroken", .fence = "garbage", .point = "", .metres = kFar, .unreadable = {"geometry1", "geometry2"}},
 };
 // clang-format on
 
@@ -104,10 +104,10 @@ FenceDef beacon(std::string location) {
 struct PassCase {
   const char* name;
   std::vector<FenceDef> fences;
-  double latitude;
-  bool entered, dwelled, reset;
+  double latitude = 0;
+  bool entered = false, dwelled = false, reset = false;  // every fence's flags before the pass
   double nearest;
-  bool inside, scanning, observation, enteredAfter;
+  bool inside = false, scanning = false, observation = false, enteredAfter = false;
 };
 
 class EvaluationPass : public test::FenceFixture, public ::testing::WithParamInterface<PassCase> {};
@@ -137,27 +137,26 @@ TEST_P(EvaluationPass, ReportsTheNearestFenceAndObservesExactlyWhenFlagsDisagree
 
 // A fence 50 m north with radius 100: the device is inside at 0, outside 1 km south of it.
 const FenceDef kNear = point(1, 50, 100);
-const double kSouth = -0.01, kFromSouth = kMetresPerDegree / 100 - 50;
+const double kSouth = -0.01, kFromSouth = 1063.1949079327358;
 
 // clang-format off
 const PassCase kPasses[] = {
-    // name, fences, latitude, entered, dwelled, reset, nearest, inside, scanning, observation, enteredAfter
-    {"PointRadiusContainsTheDevice", {point(1, 30, 100)}, 0, false, false, false, 70, true, false, true, false},
-    {"ExactlyOnThePolygonBoundaryIsInside", {{1, "Edge", "polygon", "POLYGON ((-1 0, 1 0, 1 1, -1 1, -1 0))", 0.0f, {}}}, 0, false, false, false, 0, true, false, true, false},
-    {"OutsideAndInsideFencesGiveTheDepth", {point(1, 140, 100), point(2, 20, 30)}, 0, false, false, false, 10, true, false, true, false},
-    {"BeaconJustUnder150MetresStartsRanging", {beacon(pointNorthOfOrigin(149.9))}, 0, false, false, false, 79.9, false, true, false, false},
-    {"BeaconAtExactly150MetresDoesNot", {beacon(beaconAtExactly150())}, 0, false, false, false, 80, false, false, false, false},
-    {"TypeIsCaseSensitive", {{1, "Shop", "Point", pointNorthOfOrigin(25), 100.0f, {}}}, 0, false, false, false, 25, false, false, false, false},
-    {"NaNRadiusCountsAsOutside", {{1, "Shop", "point", pointNorthOfOrigin(25), std::nanf(""), {}}, point(2, 500, 0)}, 0, false, false, false, 500, false, false, false, false},
-    {"UnreadableFenceNeverLowersTheMinimum", {{1, "Bad", "polygon", "POLYGON ((", 0.0f, {}}, point(2, 500, 0)}, 0, false, false, false, 500, false, false, false, false},
-    {"OutsideAndNotEntered", {kNear}, kSouth, false, false, false, kFromSouth, false, false, false, false},
-    {"InsideAndEntered", {kNear}, 0, true, false, false, 50, true, false, false, true},
-    {"InsideWithADwellPending", {kNear}, 0, true, true, false, 50, true, false, true, true},
-    {"OutsideButStillEntered", {kNear}, kSouth, true, false, false, kFromSouth, false, false, true, true},
-    {"OutsideWithOnlyAStaleDwell", {kNear}, kSouth, false, true, false, kFromSouth, false, false, false, false},
-    {"ReloadEntersAPointFenceLocally", {kNear}, 0, false, false, true, 50, true, false, true, true},
-    {"ReloadNeverEntersABeaconLocally", {beacon(pointNorthOfOrigin(50))}, 0, false, false, true, 20, true, true, true, false},
-    {"ReloadObservesEvenWhenOutside", {kNear}, kSouth, false, false, true, kFromSouth, false, false, true, false},
+    {.name = "PointRadiusContainsTheDevice", .fences = {point(1, 30, 100)}, .nearest = 70, .inside = true, .observation = true},
+    {.name = "ExactlyOnThePolygonBoundaryIsInside", .fences = {{1, "Edge", "polygon", "POLYGON ((-1 0, 1 0, 1 1, -1 1, -1 0))", 0.0f, {}}}, .nearest = 0, .inside = true, .observation = true},
+    {.name = "OutsideAndInsideFencesGiveTheDepth", .fences = {point(1, 140, 100), point(2, 20, 30)}, .nearest = 10, .inside = true, .observation = true},
+    {.name = "BeaconJustUnder150MetresStartsRanging", .fences = {beacon(pointNorthOfOrigin(149.9))}, .nearest = 79.9, .scanning = true},
+    {.name = "BeaconAtExactly150MetresDoesNot", .fences = {beacon(beaconAtExactly150())}, .nearest = 80},
+    {.name = "TypeIsCaseSensitive", .fences = {{1, "Shop", "Point", pointNorthOfOrigin(25), 100.0f, {}}}, .nearest = 25},
+    {.name = "NaNRadiusCountsAsOutside", .fences = {{1, "Shop", "point", pointNorthOfOrigin(25), std::nanf(""), {}}, point(2, 500, 0)}, .nearest = 500},
+    {.name = "UnreadableFenceNeverLowersTheMinimum", .fences = {{1, "Bad", "polygon", "POLYGON ((", 0.0f, {}}, point(2, 500, 0)}, .nearest = 500},
+    {.name = "OutsideAndNotEntered", .fences = {kNear}, .latitude = kSouth, .nearest = kFromSouth},
+    {.name = "InsideAndEntered", .fences = {kNear}, .entered = true, .nearest = 50, .inside = true, .enteredAfter = true},
+    {.name = "InsideWithADwellPending", .fences = {kNear}, .entered = true, .dwelled = true, .nearest = 50, .inside = true, .observation = true, .enteredAfter = true},
+    {.name = "OutsideButStillEntered", .fences = {kNear}, .latitude = kSouth, .entered = true, .nearest = kFromSouth, .observation = true, .enteredAfter = true},
+    {.name = "OutsideWithOnlyAStaleDwell", .fences = {kNear}, .latitude = kSouth, .dwelled = true, .nearest = kFromSouth},
+    {.name = "ReloadEntersAPointFenceLocally", .fences = {kNear}, .reset = true, .nearest = 50, .inside = true, .observation = true, .enteredAfter = true},
+    {.name = "ReloadNeverEntersABeaconLocally", .fences = {beacon(pointNorthOfOrigin(50))}, .reset = true, .nearest = 20, .inside = true, .scanning = true, .observation = true},
+    {.name = "ReloadObservesEvenWhenOutside", .fences = {kNear}, .latitude = kSouth, .reset = true, .nearest = kFromSouth, .observation = true},
 };
 // clang-format on
 
@@ -180,6 +179,7 @@ TEST_F(FencePass, EmptyOrMissingCatalogueIsReportedWithoutADistance) {
   }
 }
 
+// Inside a point fence's radius the distance line shows how deep the device is.
 TEST_F(FencePass, AFailedObservationKeepsTheCatalogueNewSoTheNextPassSendsAgain) {
   auto fences = publish({point(1, 30, 100)});
   client->setMResetFences(true);
@@ -200,8 +200,8 @@ struct ConfirmCase {
   const char* name;
   std::int64_t id;
   const char* type;
-  bool enteredBefore, dwelledBefore, enteredAfter, dwelledAfter;
-  const char* callback;
+  bool enteredBefore = false, dwelledBefore = false, enteredAfter = false, dwelledAfter = false;
+  const char* callback = nullptr;
 };
 
 class Confirmation : public test::FenceFixture,
@@ -229,12 +229,12 @@ TEST_P(Confirmation, AppliesTheEventToTheFirstFenceWithTheIdThenTellsTheApplicat
 
 // clang-format off
 const ConfirmCase kConfirmations[] = {
-    {"Entry", 5, "entry", false, false, true, false, "eventEnterCallback"},
-    {"ExitKeepsAPendingDwell", 5, "exit", true, true, false, true, "eventExitCallback"},
-    {"DwellClearsOnlyTheDwellMarker", 5, "dwell", true, true, true, false, "eventDwellCallback"},
-    {"DwellWithNothingPendingStillCallsBack", 5, "dwell", true, false, true, false, "eventDwellCallback"},
-    {"WrongCaseTypeDoesNothing", 5, "Entry", false, false, false, false, nullptr},
-    {"UnknownIdDoesNothing", 99, "entry", false, false, false, false, nullptr},
+    {.name = "Entry", .id = 5, .type = "entry", .enteredAfter = true, .callback = "eventEnterCallback"},
+    {.name = "ExitKeepsAPendingDwell", .id = 5, .type = "exit", .enteredBefore = true, .dwelledBefore = true, .dwelledAfter = true, .callback = "eventExitCallback"},
+    {.name = "DwellClearsOnlyTheDwellMarker", .id = 5, .type = "dwell", .enteredBefore = true, .dwelledBefore = true, .enteredAfter = true, .callback = "eventDwellCallback"},
+    {.name = "DwellWithNothingPendingStillCallsBack", .id = 5, .type = "dwell", .enteredBefore = true, .enteredAfter = true, .callback = "eventDwellCallback"},
+    {.name = "WrongCaseTypeDoesNothing", .id = 5, .type = "Entry"},
+    {.name = "UnknownIdDoesNothing", .id = 99, .type = "entry"},
 };
 // clang-format on
 

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
+
 #include <nlohmann/json.hpp>
 
 #include "fences/fence_cache.hpp"
@@ -33,6 +35,25 @@ inline std::string pointNorthOfOrigin(double metres) {
   return "POINT (0 " + nlohmann::json(metres / kMetresPerDegree).dump() + ")";
 }
 
+/// Fence records made from these definitions.
+inline FenceList makeFences(const std::vector<FenceDef>& fenceDefs) {
+  FenceList list;
+  for (const auto& def : fenceDefs) {
+    auto fence = std::make_shared<ZonarisFence>();
+    fence->setId(def.id);
+    fence->setName(def.name);
+    fence->setType(def.type);
+    fence->setLocation(def.location);
+    fence->setRadius(def.radius);
+    DwellList windows;
+    for (auto seconds : def.windows)
+      windows.push_back(std::make_shared<ZonarisDwell>(seconds));
+    fence->setDwell_events(std::move(windows));
+    list.push_back(fence);
+  }
+  return list;
+}
+
 class FenceFixture : public ::testing::Test {
  protected:
   FenceFixture() {
@@ -50,6 +71,10 @@ class FenceFixture : public ::testing::Test {
     sim::SimulationOptions options;
     options.baseUrl = server.baseUrl();
     options.trace = std::move(trace);
+    options.logSink = [this](std::string_view line) {
+      std::lock_guard lock(logMutex);
+      stamped.emplace_back(simulation->elapsedSeconds(), std::string(line));
+    };
     simulation = std::make_unique<sim::Simulation>(std::move(options));
     ZonarisUserDefaults::setInstallId(simulation->store(), 7);
     auto platform = simulation->platform();
@@ -71,20 +96,7 @@ class FenceFixture : public ::testing::Test {
 
   /// Makes these fences the client's catalogue.
   FenceList publish(const std::vector<FenceDef>& fenceDefs, bool cached = false) {
-    FenceList list;
-    for (const auto& def : fenceDefs) {
-      auto fence = std::make_shared<ZonarisFence>();
-      fence->setId(def.id);
-      fence->setName(def.name);
-      fence->setType(def.type);
-      fence->setLocation(def.location);
-      fence->setRadius(def.radius);
-      DwellList windows;
-      for (auto seconds : def.windows)
-        windows.push_back(std::make_shared<ZonarisDwell>(seconds));
-      fence->setDwell_events(std::move(windows));
-      list.push_back(fence);
-    }
+    FenceList list = makeFences(fenceDefs);
     client->setMFences(cached ? fences::withGeometryCache(list)
                               : std::make_shared<const FenceList>(list));
     return list;
@@ -106,7 +118,24 @@ class FenceFixture : public ::testing::Test {
     return out;
   }
 
+  /// Virtual seconds at which lines starting with `prefix` were logged.
+  std::vector<double> timesOf(const std::string& prefix) const {
+    std::lock_guard lock(logMutex);
+    std::vector<double> out;
+    for (const auto& [t, line] : stamped) {
+      if (line.rfind(prefix, 0) == 0)
+        out.push_back(t);
+    }
+    return out;
+  }
+  void forgetLog() {
+    std::lock_guard lock(logMutex);
+    stamped.clear();
+  }
+
   RecordingServer server;
+  mutable std::mutex logMutex;
+  std::vector<std::pair<double, std::string>> stamped;  // every line with its virtual time
   std::unique_ptr<sim::Simulation> simulation;
   std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
   std::shared_ptr<Zonaris> client;

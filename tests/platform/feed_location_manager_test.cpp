@@ -33,14 +33,20 @@ Location north(double metres) {
   return {.latitude = 48.0 + metres / 111200.0, .longitude = 2.0, .horizontalAccuracy = 5.0};
 }
 
+// A pushed location service whose main queue runs when the test says.
+class FeedLocationManagerTest : public ::testing::Test {
+ protected:
+  FeedLocationManagerTest() { manager.setDelegate(recorder); }
+  std::shared_ptr<sim::Scheduler> scheduler =
+      std::make_shared<sim::Scheduler>(sim::defaultStartTime());
+  FeedLocationManager manager{std::make_shared<sim::SimDispatcher>(scheduler)};
+  std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+};
+
 // The client's own pattern: coarse while idle, every fix while a sample is armed; then the
 // filter counts from the last delivered fix: of fixes 0, 60, 120 ... 300 metres north, those
 // in the table are let through.
-TEST(FeedLocationManager, FollowsStartStopAndItsFilterAndDeliversOnlyOnTheMainQueue) {
-  auto scheduler = std::make_shared<sim::Scheduler>(sim::defaultStartTime());
-  FeedLocationManager manager(std::make_shared<sim::SimDispatcher>(scheduler));
-  auto recorder = std::make_shared<Recorder>();
-  manager.setDelegate(recorder);
+TEST_F(FeedLocationManagerTest, FollowsStartStopAndItsFilterAndDeliversOnlyOnTheMainQueue) {
   EXPECT_FALSE(manager.pushLocation(north(0))) << "not updating yet";
   manager.setDistanceFilter(99999.0);
   manager.startUpdatingLocation();
@@ -96,11 +102,7 @@ TEST(FeedLocationManager, FollowsStartStopAndItsFilterAndDeliversOnlyOnTheMainQu
 // One beacon pushed in two cases reaches the client as one canonical text, so that its scan
 // keeps one entry and the wire carries upper case; an accuracy or a proximity the client cannot
 // take arrives as unknown.
-TEST(FeedLocationManager, DeliversBeaconUUIDsInCanonicalUpperCase) {
-  auto scheduler = std::make_shared<sim::Scheduler>(sim::defaultStartTime());
-  FeedLocationManager manager(std::make_shared<sim::SimDispatcher>(scheduler));
-  auto recorder = std::make_shared<Recorder>();
-  manager.setDelegate(recorder);
+TEST_F(FeedLocationManagerTest, DeliversBeaconUUIDsInCanonicalUpperCase) {
   manager.startRangingBeacons({"E2C56DB5-DFFB-48D2-B060-D0F5A71096E0", "beacon_region"});
   manager.pushBeacons(
       {{"e2c56db5-dffb-48d2-b060-d0f5a71096e0", 1, 2, 1.0, 2},
@@ -116,11 +118,7 @@ TEST(FeedLocationManager, DeliversBeaconUUIDsInCanonicalUpperCase) {
 
 // Motion reaches the client only while it listens; starting to listen tells the motion last
 // pushed, so a client that starts late still knows whether the device moves.
-TEST(FeedLocationManager, DeliversMotionOnlyWhileListenedTo) {
-  auto scheduler = std::make_shared<sim::Scheduler>(sim::defaultStartTime());
-  FeedLocationManager manager(std::make_shared<sim::SimDispatcher>(scheduler));
-  auto recorder = std::make_shared<Recorder>();
-  manager.setDelegate(recorder);
+TEST_F(FeedLocationManagerTest, DeliversMotionOnlyWhileListenedTo) {
   EXPECT_FALSE(manager.hasMotion()) << "no motion source until one pushes";
   EXPECT_FALSE(manager.pushMotion({Motion::Moving, scheduler->now()}));
   EXPECT_FALSE(manager.pushMotion({Motion::Stationary, scheduler->now()}));

@@ -1,9 +1,7 @@
 // The gpsd location service against a fake gpsd on 127.0.0.1 that speaks gpsd's JSON protocol:
 // what a TPV report becomes, how the settings map onto ?WATCH, and reconnection. Real threads
 // and sockets, so the tests wait on condition variables with bounded time-outs.
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/select.h>
@@ -71,35 +69,20 @@ class Awaited {
 class FakeGpsd {
  public:
   explicit FakeGpsd(std::vector<std::string> reports, int port = 0, bool dropClients = false)
-      : reports_(std::move(reports)), dropClients_(dropClients) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int one = 1;
-    ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    socklen_t length = sizeof address;
-    if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::listen(listener_, 4) != 0 ||
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+      : reports_(std::move(reports)), dropClients_(dropClients), listener_(false, port) {
+    if (listener_.port() == 0)
       ADD_FAILURE() << "cannot listen on 127.0.0.1:" << port;
-    port_ = ntohs(address.sin_port);
     ::pipe(stopPipe_);
     thread_ = std::thread([this] { serve(); });
   }
-  ~FakeGpsd() { kill(); }
-
   // Drops every connection and stops listening, as a gpsd that was killed.
-  void kill() {
-    if (!thread_.joinable())
-      return;
+  ~FakeGpsd() {
     ::write(stopPipe_[1], "x", 1);
     thread_.join();
-    for (int fd : {listener_, stopPipe_[0], stopPipe_[1]})
+    for (int fd : stopPipe_)
       ::close(fd);
   }
-  int port() const { return port_; }
+  int port() const { return listener_.port(); }
 
   // The transcript once it has `count` entries (what it has after kWait otherwise).
   std::vector<std::string> transcript(std::size_t count) { return transcript_.wait(count); }
@@ -111,80 +94,65 @@ class FakeGpsd {
     ::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
   }
 
+  // One client at a time: the manager never holds two connections.
   void serve() {
-    std::vector<int> clients;
+    int client = -1;
     std::string pending;
     for (;;) {
-      std::vector<pollfd> fds{{stopPipe_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
-      for (int c : clients)
-        fds.push_back({c, POLLIN, 0});
-      ::poll(fds.data(), fds.size(), -1);
+      pollfd fds[] = {{stopPipe_[0], POLLIN, 0}, {listener_.fd(), POLLIN, 0}, {client, POLLIN, 0}};
+      ::poll(fds, 3, -1);  // a client of -1 is not polled
       if (fds[0].revents)
         break;
       if (fds[1].revents & POLLIN) {
-        const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        client = ::accept4(listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC);
         note("connect");
         send(client, R"({"class":"VERSION","release":"3.22","proto_major":3,"proto_minor":14})");
         if (dropClients_)
-          ::close(client);
-        else
-          clients.push_back(client);
+          client = (::close(client), -1);
+        continue;
       }
-      for (std::size_t i = 2; i < fds.size(); ++i) {
-        if (!fds[i].revents)
-          continue;
-        char buffer[512];
-        const auto n = ::recv(fds[i].fd, buffer, sizeof buffer, 0);
-        if (n <= 0) {
-          note("close");
-          ::close(fds[i].fd);
-          std::erase(clients, fds[i].fd);
-          continue;
-        }
+      char buffer[512];
+      const auto n = fds[2].revents ? ::recv(client, buffer, sizeof buffer, 0) : 1;
+      if (n <= 0) {
+        note("close");
+        client = (::close(client), -1);
+      } else if (fds[2].revents) {
         pending.append(buffer, static_cast<std::size_t>(n));
-        for (auto end = pending.find(';'); end != std::string::npos; end = pending.find(';')) {
-          const std::string command = pending.substr(0, end);
-          pending.erase(0, end + 1);
-          const bool enable = command.find(R"("enable":true)") != std::string::npos;
-          note(enable ? "watch" : "unwatch");
-          if (enable) {
-            for (const auto& report : reports_)
-              send(fds[i].fd, report);
-          }
-        }
+      }
+      for (auto end = pending.find(';'); end != std::string::npos; end = pending.find(';')) {
+        const bool enable = pending.substr(0, end).find(R"("enable":true)") != std::string::npos;
+        pending.erase(0, end + 1);
+        note(enable ? "watch" : "unwatch");
+        for (const auto& report : enable ? reports_ : std::vector<std::string>{})
+          send(client, report);
       }
     }
-    for (int c : clients)
-      ::close(c);
+    if (client >= 0)
+      ::close(client);
   }
 
   std::vector<std::string> reports_;
   bool dropClients_ = false;
-  int listener_ = -1;
-  int port_ = 0;
+  test::SilentListener listener_;
   int stopPipe_[2] = {-1, -1};
   std::thread thread_;
   Awaited<std::string> transcript_;
 };
 
-class Recorder final : public LocationManagerDelegate {
+// The fixes the manager delivers and its developer-mode lines.
+class Recorder final : public LocationManagerDelegate, public Logger {
  public:
   void didUpdateLocations(const std::vector<Location>& locations) override {
     for (const auto& l : locations)
       fixes.add(l);
   }
   void didRangeBeacons(const std::vector<Beacon>&, const BeaconRegion&) override {}
-  Awaited<Location> fixes;
-};
-
-// The manager's developer-mode lines.
-class LogRecorder final : public Logger {
- public:
   void log(std::string_view line) override { lines_.add(std::string(line)); }
   // The lines containing `part`, once there are `count` of them.
   std::vector<std::string> lines(const std::string& part, std::size_t count) {
     return lines_.wait(count, [&](const std::string& l) { return l.find(part) != l.npos; });
   }
+  Awaited<Location> fixes;
 
  private:
   Awaited<std::string> lines_;
@@ -194,26 +162,23 @@ std::string isoTime(TimePoint time) {
   return fmt::format("{:%Y-%m-%dT%H:%M:%S}.000Z", std::chrono::floor<std::chrono::seconds>(time));
 }
 
+// A started manager in the client's idle setting.
 struct Fixture {
   explicit Fixture(int port, std::chrono::milliseconds connectTimeout = 10s) {
-    GpsdOptions options{.host = "127.0.0.1",
-                        .port = std::to_string(port),
-                        .retryMin = 20ms,
-                        .connectTimeout = connectTimeout};
-    manager = std::make_shared<GpsdLocationManager>(dispatcher, logger, options);
+    manager = std::make_shared<GpsdLocationManager>(dispatcher, recorder,
+                                                    GpsdOptions{.host = "127.0.0.1",
+                                                                .port = std::to_string(port),
+                                                                .retryMin = 20ms,
+                                                                .connectTimeout = connectTimeout});
     manager->setDevMode(true);
     manager->setDelegate(recorder);
-    manager->setDesiredAccuracy(Accuracy::ThreeKilometers);
-    manager->setDistanceFilter(99999.0);
+    arm(false);
     manager->startUpdatingLocation();
   }
-  void arm() {
-    manager->setDesiredAccuracy(Accuracy::BestForNavigation);
-    manager->setDistanceFilter(kDistanceFilterNone);
-  }
-  void disarm() {
-    manager->setDesiredAccuracy(Accuracy::ThreeKilometers);
-    manager->setDistanceFilter(99999.0);
+  // The client's setting while a sample is armed, or its idle one.
+  void arm(bool armed = true) {
+    manager->setDesiredAccuracy(armed ? Accuracy::BestForNavigation : Accuracy::ThreeKilometers);
+    manager->setDistanceFilter(armed ? kDistanceFilterNone : 99999.0);
   }
   ~Fixture() {
     manager->shutdown();
@@ -221,7 +186,6 @@ struct Fixture {
   }
   std::shared_ptr<ThreadDispatcher> dispatcher = std::make_shared<ThreadDispatcher>();
   std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
-  std::shared_ptr<LogRecorder> logger = std::make_shared<LogRecorder>();
   std::shared_ptr<GpsdLocationManager> manager;
 };
 
@@ -261,7 +225,7 @@ TEST(GpsdLocationManager, DeliversOnlyTpvReportsWithAFixReadAfterTheArming) {
   EXPECT_EQ(fixes, (std::vector<Fix>{
                        {48.1, 11.5, 1.5, 7.5}, {48.2, 11.6, -1.0, 9.0}, {48.3, 11.7, 0.0, -1.0}}));
   EXPECT_EQ(f.manager->status().reports, 8u);
-  EXPECT_EQ(f.logger->lines("dropped", 5),
+  EXPECT_EQ(f.recorder->lines("dropped", 5),
             (std::vector<std::string>{
                 "gpsd: report dropped: no fix (mode 1)", "gpsd: report dropped: no fix (mode 0)",
                 "gpsd: report dropped: no position", "gpsd: report dropped: no time",
@@ -272,31 +236,58 @@ TEST(GpsdLocationManager, DeliversOnlyTpvReportsWithAFixReadAfterTheArming) {
 }
 
 // Idle means not watching, armed means watching; after gpsd was killed and started again the
-// manager reconnects by itself, still armed, and delivers; a stop closes the connection.
+// manager reconnects by itself, still armed, and delivers; a stop closes the connection. The
+// same with descriptor numbers beyond FD_SETSIZE (select-based waits abort on them), and with
+// no descriptor left when the manager is made (so it has no wake-up descriptor).
 TEST(GpsdLocationManager, MapsSettingsOntoWatchAndReconnectsStillArmedAfterGpsdRestarts) {
   const std::string report = R"({"class":"TPV","mode":3,"time":")" +
                              isoTime(std::chrono::system_clock::now() + 3600s) +
                              R"(","lat":48.1,"lon":11.5,"eph":4})";
-  auto gpsd = std::make_unique<FakeGpsd>(std::vector<std::string>{report});
-  const int port = gpsd->port();
-  Fixture f(port);
-  EXPECT_EQ(gpsd->transcript(2), (std::vector<std::string>{"connect", "unwatch"}));
-  f.arm();
-  EXPECT_EQ(f.recorder->fixes.wait(1).size(), 1u);
-  EXPECT_EQ(gpsd->transcript(3), (std::vector<std::string>{"connect", "unwatch", "watch"}));
+  rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+  rlimit roomy = saved;
+  roomy.rlim_cur = std::max<rlim_t>(saved.rlim_cur, 1100);
+  const bool canBeRoomy =
+      roomy.rlim_cur <= saved.rlim_max && ::setrlimit(RLIMIT_NOFILE, &roomy) == 0;
+  for (const char* mode : {"plain", "beyond FD_SETSIZE", "no wake-up descriptor"}) {
+    SCOPED_TRACE(mode);
+    if (!canBeRoomy && mode[0] != 'p')
+      continue;
+    auto gpsd = std::make_unique<FakeGpsd>(std::vector<std::string>{report});
+    const int port = gpsd->port();
+    std::vector<int> held{::open("/dev/null", O_RDONLY | O_CLOEXEC)};
+    while (mode[0] == 'b' && held.back() >= 0 && held.back() < FD_SETSIZE - 1)
+      held.push_back(::fcntl(held.front(), F_DUPFD_CLOEXEC, 0));
+    ASSERT_GE(held.back(), 0);
+    rlimit none = roomy;
+    none.rlim_cur = static_cast<rlim_t>(held.back() + 1);
+    if (mode[0] == 'n')
+      ::setrlimit(RLIMIT_NOFILE, &none);
+    auto f = std::make_unique<Fixture>(port);
+    if (canBeRoomy)
+      ::setrlimit(RLIMIT_NOFILE, &roomy);
+    EXPECT_EQ(gpsd->transcript(2), (std::vector<std::string>{"connect", "unwatch"}));
+    f->arm();
+    EXPECT_EQ(f->recorder->fixes.wait(1).size(), 1u);
+    EXPECT_EQ(gpsd->transcript(3), (std::vector<std::string>{"connect", "unwatch", "watch"}));
 
-  gpsd.reset();  // killed
-  gpsd = std::make_unique<FakeGpsd>(std::vector<std::string>{report}, port);
-  EXPECT_EQ(f.recorder->fixes.wait(2).size(), 2u);
-  EXPECT_EQ(gpsd->transcript(2), (std::vector<std::string>{"connect", "watch"}));
-  EXPECT_EQ(f.manager->status().lostConnections, 1u);
+    gpsd.reset();  // killed
+    gpsd = std::make_unique<FakeGpsd>(std::vector<std::string>{report}, port);
+    EXPECT_EQ(f->recorder->fixes.wait(2).size(), 2u);
+    EXPECT_EQ(gpsd->transcript(2), (std::vector<std::string>{"connect", "watch"}));
+    EXPECT_EQ(f->manager->status().lostConnections, 1u);
 
-  f.disarm();
-  EXPECT_EQ(gpsd->transcript(3).back(), "unwatch");
-  f.manager->stopUpdatingLocation();
-  EXPECT_EQ(gpsd->transcript(4),
-            (std::vector<std::string>{"connect", "watch", "unwatch", "close"}));
-  EXPECT_FALSE(f.manager->status().connected);
+    f->arm(false);
+    EXPECT_EQ(gpsd->transcript(3).back(), "unwatch");
+    f->manager->stopUpdatingLocation();
+    EXPECT_EQ(gpsd->transcript(4),
+              (std::vector<std::string>{"connect", "watch", "unwatch", "close"}));
+    EXPECT_FALSE(f->manager->status().connected);
+    f.reset();
+    for (int fd : held)
+      ::close(fd);
+  }
+  ::setrlimit(RLIMIT_NOFILE, &saved);
 }
 
 // A gpsd that never answers a connection and one that drops every connection: each attempt
@@ -311,50 +302,11 @@ TEST(GpsdLocationManager, RetriesAFaultyGpsdEverMoreSlowly) {
   for (const auto& [port, reason] : table) {
     Fixture f(port, 50ms);
     std::vector<std::string> waits;
-    for (const auto& line : f.logger->lines(reason, 3))
+    for (const auto& line : f.recorder->lines(reason, 3))
       waits.push_back(line.substr(line.find(reason) + reason.size()));
     waits.resize(3);
     EXPECT_EQ(waits, (std::vector<std::string>{"0.02 s", "0.04 s", "0.08 s"})) << reason;
   }
-}
-
-// Descriptor numbers beyond FD_SETSIZE (select-based waits abort on them), and no descriptor
-// left at all when the manager is made (so it has no wake-up descriptor): either way it
-// connects, delivers, and sees a stop.
-TEST(GpsdLocationManager, WorksBeyondFdSetSizeAndWithoutAWakeUpDescriptor) {
-  const std::string report =
-      R"({"class":"TPV","mode":3,"time":"2019-03-14T09:00:00.000Z","lat":48.1,"lon":11.5})";
-  rlimit saved{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
-  rlimit roomy = saved;
-  roomy.rlim_cur = std::max<rlim_t>(saved.rlim_cur, 1100);
-  if (roomy.rlim_cur > saved.rlim_max || ::setrlimit(RLIMIT_NOFILE, &roomy) != 0)
-    GTEST_SKIP() << "cannot allow 1100 open files";
-  for (const bool beyond : {true, false}) {
-    FakeGpsd gpsd({report});
-    std::vector<int> held{::open("/dev/null", O_RDONLY | O_CLOEXEC)};
-    while (beyond && held.back() >= 0 && held.back() < FD_SETSIZE - 1)
-      held.push_back(::fcntl(held.front(), F_DUPFD_CLOEXEC, 0));
-    ASSERT_GE(held.back(), 0);
-    {
-      rlimit none = roomy;
-      none.rlim_cur = static_cast<rlim_t>(held.back() + 1);
-      if (!beyond)
-        ::setrlimit(RLIMIT_NOFILE, &none);
-      Fixture f(gpsd.port());
-      ::setrlimit(RLIMIT_NOFILE, &roomy);
-      EXPECT_EQ(gpsd.transcript(2), (std::vector<std::string>{"connect", "unwatch"})) << beyond;
-      f.arm();
-      EXPECT_EQ(f.recorder->fixes.wait(1).size(), 1u) << beyond;
-      f.manager->stopUpdatingLocation();
-      EXPECT_EQ(gpsd.transcript(4),
-                (std::vector<std::string>{"connect", "unwatch", "watch", "close"}))
-          << beyond;
-    }
-    for (int fd : held)
-      ::close(fd);
-  }
-  ::setrlimit(RLIMIT_NOFILE, &saved);
 }
 
 TEST(GpsdLocationManager, ReadsGpsdAddresses) {

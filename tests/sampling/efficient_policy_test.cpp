@@ -3,9 +3,9 @@
 // when a still device moves off, and takes far fewer fixes.
 #include <gtest/gtest.h>
 
-#include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 
 #include "sampling/efficient_policy.hpp"
 #include "support/recording_delegate.hpp"
@@ -20,22 +20,12 @@ using namespace std::chrono_literals;
 using nlohmann::json;
 
 // A square of about 222 m around (0, 0) on the equator, and a point fence of 60 m at (0, 0).
-const json kSquare = {{"id", 1},
-                      {"name", "Square"},
-                      {"type", "polygon"},
-                      {"radius", 0},
-                      {"location",
-                       "POLYGON ((-0.001 -0.001, 0.001 -0.001, 0.001 0.001, "
-                       "-0.001 0.001, -0.001 -0.001))"},
-                      {"_event_types", {"entry", "exit", "dwell"}},
-                      {"_dwell_windows", {20, 45, 100, 250, 700, 1900}}};
-const json kDisc = {{"id", 2},
-                    {"name", "Disc"},
-                    {"type", "point"},
-                    {"radius", 60},
-                    {"location", "POINT (0 0)"},
-                    {"_event_types", {"entry", "exit", "dwell"}},
-                    {"_dwell_windows", {30, 400}}};
+constexpr const char* kCatalogue = R"j([
+    {"id": 1, "name": "Square", "type": "polygon", "radius": 0,
+    "location": "POLYGON ((-0.001 -0.001, 0.001 -0.001, 0.001 0.001, -0.001 0.001, -0.001 -0.001))",
+     "_event_types": ["entry", "exit", "dwell"], "_dwell_windows": [20, 45, 100, 250, 700, 1900]},
+    {"id": 2, "name": "Disc", "type": "point", "radius": 60, "location": "POINT (0 0)",
+     "_event_types": ["entry", "exit", "dwell"], "_dwell_windows": [30, 400]}])j";
 
 using Stamped = std::vector<std::pair<double, std::string>>;
 
@@ -63,7 +53,7 @@ Day run(const std::string& csv, int seconds, std::optional<SamplingPolicy> polic
         platform::Duration fixDelay = 1s) {
   RecordingServer server;
   server.respond("POST", "/install/error", {200, ""});
-  server.respond("GET", "/install/location", {200, json::array({kSquare, kDisc}).dump()});
+  server.respond("GET", "/install/location", {200, kCatalogue});
   server.respond("POST", "/observation",
                  {200, R"({"id": 1, "events": [{"location_id": 1, "event_type": "dwell"},
                                                {"location_id": 2, "event_type": "dwell"}]})"});
@@ -92,16 +82,14 @@ Day run(const std::string& csv, int seconds, std::optional<SamplingPolicy> polic
   client->start();
 
   // A window of D seconds fires on the tick that brings the fence's count to D + 1.
-  std::map<std::pair<std::int64_t, std::int32_t>, bool> fired;
+  std::set<std::pair<std::int64_t, std::int32_t>> fired;
   for (int quarter = 0; quarter < seconds * 4; ++quarter) {
     simulation.runFor(250ms);
     for (const auto& fence : *client->mFences()) {
       for (const auto& window : *fence->dwell_events()) {
-        auto& done = fired[{fence->id(), window->dwell_time()}];
-        if (!done && fence->dwell_time() > window->dwell_time()) {
-          done = true;
+        if (fence->dwell_time() > window->dwell_time() &&
+            fired.emplace(fence->id(), window->dwell_time()).second)
           day.firings.push_back(simulation.elapsedSeconds());
-        }
       }
     }
   }
@@ -139,21 +127,20 @@ TEST(SamplingPolicy, DesignIsTheDefaultToTheByte) {
 TEST(DwellDeadlines, EveryFiredWindowIsReportedInTime) {
   struct Stay {
     const char* name;
-    std::string csv;  // where the device is
-    SamplingPolicy policy;
-    int fixDelay;   // seconds
-    double latest;  // seconds from a window firing to the pass that reports it
+    std::string csv = "0,0,0\n3000,0,0\n";  // where the device is: deep in both fences
+    SamplingPolicy policy = SamplingPolicy::Efficient;
+    int fixDelay = 1;      // seconds
+    double latest = 2.25;  // seconds from a window firing to the pass that reports it
   };
   const Stay stays[] = {
       // The design's rule caps the interval at the deadline but not below 15 s.
-      {"DesignDeep", "0,0,0\n3000,0,0\n", SamplingPolicy::Design, 1, 17.0},
-      {"EfficientDeep", "0,0,0\n3000,0,0\n", SamplingPolicy::Efficient, 1, 2.25},
-      {"EfficientSlowFix", "0,0,0\n3000,0,0\n", SamplingPolicy::Efficient, 5, 6.25},
+      {.name = "DesignDeep", .policy = SamplingPolicy::Design, .latest = 17.0},
+      {.name = "EfficientDeep"},
+      {.name = "EfficientSlowFix", .fixDelay = 5, .latest = 6.25},
       // 5 m inside the square's east edge, outside the disc.
-      {"EfficientNearEdge", "0,0,0.00095\n3000,0,0.00095\n", SamplingPolicy::Efficient, 1, 2.25},
+      {.name = "EfficientNearEdge", .csv = "0,0,0.00095\n3000,0,0.00095\n"},
       // Pacing up and down inside both fences.
-      {"EfficientPacing", "0,0,0\n30,0,0.0003\n60,0,0\n90,0,0.0003\n3000,0,0\n",
-       SamplingPolicy::Efficient, 1, 2.25}};
+      {.name = "EfficientPacing", .csv = "0,0,0\n30,0,0.0003\n60,0,0\n90,0,0.0003\n3000,0,0\n"}};
   for (const Stay& c : stays) {
     SCOPED_TRACE(c.name);
     const Day day = run(c.csv, 2100, c.policy, std::chrono::seconds(c.fixDelay));
@@ -186,40 +173,41 @@ TEST(EfficientPolicy, StopsTellNoiseFromMovement) {
   };
   struct Row {
     const char* name;
-    double scatter;            // metres east and north of each stop fix, alternating in sign
-    double east, accuracy;     // the last fix
-    bool unconfirmed;          // its observation got no confirmation
-    double clearance, centre;  // metres to the nearest boundary from the fix and the centre
-    std::int32_t least, most;  // the interval allowed after the last pass
-    bool stationary = false;   // the motion sensor reported the device at rest before the stop
-    int step = 60;             // seconds between the stop's fixes
-    int passes = 0;            // passes at the last fix after its own
+    double scatter = 10;         // metres east and north of each stop fix, alternating in sign
+    double east, accuracy = 65;  // the last fix
+    bool unconfirmed = false;    // its observation got no confirmation
+    double clearance, centre;    // metres to the nearest boundary from the fix and the centre
+    std::int32_t least, most;    // the interval allowed after the last pass
+    bool stationary = false;     // the motion sensor reported the device at rest before the stop
+    int step = 60;               // seconds between the stop's fixes
+    int passes = 0;              // passes at the last fix after its own
   };
   using sampling::kDoubtfulRest;
   using sampling::kDoubtfulRests;
   using sampling::kRestInterval;
+  // clang-format off
   const Row rows[] = {
       // 25 m from the centre, within the scatter: a noisy fix near a wall, no quick passes.
-      {"NoiseNearAWall", 10, 25, 18, true, 5, 8, 60, 70},
+      {.name = "NoiseNearAWall", .east = 25, .accuracy = 18, .unconfirmed = true, .clearance = 5, .centre = 8, .least = 60, .most = 70},
       // 25 m from an exact stop: a break outside, sampled again after 12 s.
-      {"BreakFromAnExactStop", 0, 25, 5, true, 30, 8, 0, sampling::kRetryAfter},
+      {.name = "BreakFromAnExactStop", .scatter = 0, .east = 25, .accuracy = 5, .unconfirmed = true, .clearance = 30, .centre = 8, .least = 0, .most = sampling::kRetryAfter},
       // A fix claiming a cached 65 m, within the scatter, 40 m from the boundary: measured from
       // the centre, a walker needs 23 s more than the minute.
-      {"CachedFixAtTheCentre", 10, 10, 65, false, 40, 40, 80, 90},
-      {"CachedFixBeyondTheScatter", 10, 60, 65, false, 40, 40, 0, 60},
+      {.name = "CachedFixAtTheCentre", .east = 10, .clearance = 40, .centre = 40, .least = 80, .most = 90},
+      {.name = "CachedFixBeyondTheScatter", .east = 60, .clearance = 40, .centre = 40, .least = 0, .most = 60},
       // At rest, the quick passes after an unconfirmed entry all fell just outside the wall: the
       // rest stays short for a few rests, then is whole again.
-      {"UndecidedAtRest", 10, 5, 65, true, 3, 8, kDoubtfulRest, kDoubtfulRest, true, 60, 4},
-      {"UndecidedAtRestTooLong", 10, 5, 65, true, 3, 8, kRestInterval, kRestInterval, true, 60,
-       4 + kDoubtfulRests},
-      {"ClearOfTheWallAtRest", 10, 5, 65, true, 80, 80, kRestInterval, kRestInterval, true, 60, 4},
+      {.name = "UndecidedAtRest", .east = 5, .unconfirmed = true, .clearance = 3, .centre = 8, .least = kDoubtfulRest, .most = kDoubtfulRest, .stationary = true, .passes = 4},
+      {.name = "UndecidedAtRestTooLong", .east = 5, .unconfirmed = true, .clearance = 3, .centre = 8, .least = kRestInterval, .most = kRestInterval, .stationary = true, .passes = 4 + kDoubtfulRests},
+      {.name = "ClearOfTheWallAtRest", .east = 5, .unconfirmed = true, .clearance = 80, .centre = 80, .least = kRestInterval, .most = kRestInterval, .stationary = true, .passes = 4},
       // A young stop at rest whose fixes fell just outside the wall and sent nothing.
-      {"YoungStopAtTheWallAtRest", 10, 5, 65, false, 5, 5, kDoubtfulRest, kDoubtfulRest, true, 5},
+      {.name = "YoungStopAtTheWallAtRest", .east = 5, .clearance = 5, .centre = 5, .least = kDoubtfulRest, .most = kDoubtfulRest, .stationary = true, .step = 5},
       // A stop of 100 s just outside a wall may be a visit that started across it: sampled as
       // soon as the distance says; 30 m from the wall, a walker's time to it and the minute apply.
-      {"YoungStopAtTheWall", 10, 5, 65, false, 5, 5, 0, 5, false, 5},
-      {"YoungStopNearTheWall", 10, 5, 65, false, 30, 30, 60, 100, false, 5},
+      {.name = "YoungStopAtTheWall", .east = 5, .clearance = 5, .centre = 5, .least = 0, .most = 5, .step = 5},
+      {.name = "YoungStopNearTheWall", .east = 5, .clearance = 30, .centre = 30, .least = 60, .most = 100, .step = 5},
   };
+  // clang-format on
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
     EfficientPolicy policy;

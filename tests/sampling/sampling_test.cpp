@@ -4,12 +4,12 @@
 
 #include <algorithm>
 #include <limits>
-#include <mutex>
 #include <optional>
 #include <thread>
 
 #include <GeographicLib/Geodesic.hpp>
 
+#include "fences/fence_fixture.hpp"
 #include "support/fake_location_manager.hpp"
 #include "support/recording_delegate.hpp"
 #include "support/recording_server.hpp"
@@ -27,43 +27,12 @@ using Lines = std::vector<std::string>;
 constexpr const char* kUuid = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";
 constexpr const char* kOtherUuid = "74278BDA-B644-4520-8F0C-720EAF059935";
 
-std::shared_ptr<const sim::Trace> northWalk() {
-  return std::make_shared<const sim::Trace>(
-      sim::Trace::load(ZONARIS_TEST_DATA_DIR "/north_walk.csv"));
-}
-
-class Sampling : public ::testing::Test {
+// Developer mode on, an empty catalogue, and no fix unless the test hands one over.
+class Sampling : public FenceFixture {
  protected:
-  /// Without a trace the location service delivers no fix by itself. The catalogue is empty.
-  explicit Sampling(std::shared_ptr<const sim::Trace> trace = nullptr,
-                    std::shared_ptr<const sim::BeaconSightings> beacons = nullptr) {
-    server.respond("POST", "/install/error", {200, ""});
+  Sampling() {
     server.respond("GET", "/install/location", {200, "[]"});
-    sim::SimulationOptions options;
-    options.baseUrl = server.baseUrl();
-    options.trace = std::move(trace);
-    options.beacons = std::move(beacons);
-    options.logSink = [this](std::string_view line) {
-      std::lock_guard lock(mutex);
-      stamped.emplace_back(simulation->elapsedSeconds(), std::string(line));
-    };
-    simulation = std::make_unique<sim::Simulation>(std::move(options));
-    simulation->store().setLong("installId", 7);
-    client = Zonaris::initWithAppKey("demo-key", simulation->platform());
     client->setDevMode(true);
-    client->setDelegate(delegate);
-    client->setUUID(kUuid);
-  }
-
-  /// Virtual seconds at which lines starting with `prefix` were logged.
-  std::vector<double> timesOf(const std::string& prefix) const {
-    std::lock_guard lock(mutex);
-    std::vector<double> out;
-    for (const auto& [t, line] : stamped) {
-      if (line.rfind(prefix, 0) == 0)
-        out.push_back(t);
-    }
-    return out;
   }
 
   static platform::Location fixAt(double lat, double lon, int secondsAfterStart = 0) {
@@ -85,31 +54,7 @@ class Sampling : public ::testing::Test {
   void range(std::vector<platform::Beacon> beacons) {
     client->didRangeBeacons(beacons, *client->mBeaconRegion());
   }
-
-  RecordingServer server;
-  mutable std::mutex mutex;
-  std::vector<std::pair<double, std::string>> stamped;
-  std::unique_ptr<sim::Simulation> simulation;
-  std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
-  std::shared_ptr<Zonaris> client;
 };
-
-class OnTheNorthWalk : public Sampling {
- protected:
-  OnTheNorthWalk() : Sampling(northWalk()) {}
-};
-
-TEST_F(OnTheNorthWalk, FirstFixBecomesTheInitLocationAndNothingElseUntilTheCatalogueArrives) {
-  server.respond("GET", "/install/location", {500, ""});  // the download keeps failing
-  client->start();
-  simulation->runFor(10s);
-  EXPECT_EQ(timesOf("New location: "), std::vector<double>{1.0});
-  EXPECT_EQ(delegate->names(), std::vector<std::string>{"updatedInitLocation"});
-  EXPECT_EQ(client->mInitLocation()->latitude, northWalk()->at(1.0).latitude);
-  // Back in the idle setting, and no further sample armed while the download fails.
-  EXPECT_EQ(simulation->simLocationManager()->distanceFilter(), 99999.0);
-  EXPECT_FALSE(client->mUpdatingLocation());
-}
 
 // Speeds divide by the seconds since the reference fix, but by 1 when none have passed.
 TEST_F(Sampling, OnlyTheFirstDeliveryAfterArmingIsTakenEvenWhenTwoChainsArm) {
@@ -143,40 +88,39 @@ TEST_F(Sampling, AverageHalvesFrom28TowardsTheFloorAndStaysThere) {
 constexpr const char* kTooBig = "Interval is too big. Set to MAX_INTERVAL = 600";
 constexpr const char* kTooSmall = "Interval is too small. Set to MIN_INTERVAL = 15";
 
-struct IntervalCase {
-  double minDist;
-  std::optional<std::int32_t> dwellIn;
-  std::int32_t interval;
-  const char* boundLine;  // or null
-};
-
-class IntervalBounds : public Sampling, public ::testing::WithParamInterface<IntervalCase> {};
-
 // Average speed 2.0 m/s after smoothing, so S = floor(minDist / 4).
-TEST_P(IntervalBounds, IntervalIsHalfTheTimeToTheFenceCutToTheDwellAndBounded) {
-  const auto& c = GetParam();
-  prepare(1.9999f, c.minDist, c.dwellIn);
-  client->calculateIntervalAndAccuracy();
-  EXPECT_EQ(delegate->calls("updatedInterval"), std::vector<json>{json::array({c.interval})});
-  EXPECT_EQ(timesOf("Update location after " + std::to_string(c.interval) + " second(s)").size(),
-            1u);
-  for (const char* bound : {kTooBig, kTooSmall})
-    EXPECT_EQ(timesOf(bound).size(), c.boundLine == bound) << bound;
-  // The next sample is armed exactly `interval` virtual seconds later.
-  simulation->runFor(std::chrono::seconds(c.interval) - 1ms);
-  EXPECT_FALSE(client->mUpdatingLocation());
-  simulation->runFor(1ms);
-  EXPECT_TRUE(client->mUpdatingLocation());
+TEST_F(Sampling, IntervalIsHalfTheTimeToTheFenceCutToTheDwellAndBounded) {
+  struct Row {
+    double minDist;
+    std::optional<std::int32_t> dwellIn = std::nullopt;
+    std::int32_t interval;
+    const char* boundLine = nullptr;
+  };
+  const Row rows[] = {{.minDist = 1000.0, .interval = 250},
+                      {.minDist = 20.0, .interval = 15, .boundLine = kTooSmall},   // 5
+                      {.minDist = 2404.0, .interval = 600, .boundLine = kTooBig},  // 601
+                      {.minDist = 2400.0, .interval = 600},                        // exactly 600
+                      {.minDist = 60.0, .interval = 15},                           // exactly 15
+                      {.minDist = 1000.0, .dwellIn = 100, .interval = 100}};  // cut to the dwell
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.minDist);
+    forgetLog();
+    delegate->clear();
+    prepare(1.9999f, r.minDist, r.dwellIn);
+    client->calculateIntervalAndAccuracy();
+    EXPECT_EQ(delegate->calls("updatedInterval"), std::vector<json>{json::array({r.interval})});
+    EXPECT_EQ(timesOf("Update location after " + std::to_string(r.interval) + " second(s)").size(),
+              1u);
+    for (const char* bound : {kTooBig, kTooSmall})
+      EXPECT_EQ(timesOf(bound).size(), r.boundLine == bound) << bound;
+    // The next sample is armed exactly `interval` virtual seconds later.
+    simulation->runFor(std::chrono::seconds(r.interval) - 1ms);
+    EXPECT_FALSE(client->mUpdatingLocation());
+    simulation->runFor(1ms);
+    EXPECT_TRUE(client->mUpdatingLocation());
+    client->stop();
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Sampling, IntervalBounds,
-    ::testing::Values(IntervalCase{1000.0, std::nullopt, 250, nullptr},
-                      IntervalCase{1000.0, 100, 100, nullptr},           // S = 250 cut to the dwell
-                      IntervalCase{20.0, std::nullopt, 15, kTooSmall},   // 5
-                      IntervalCase{2404.0, std::nullopt, 600, kTooBig},  // 601
-                      IntervalCase{2400.0, std::nullopt, 600, nullptr},  // exactly 600
-                      IntervalCase{60.0, std::nullopt, 15, nullptr}));   // exactly 15
 
 // Compared in single precision: 1000.00002 m reads as 1000 m and is kept.
 TEST_F(Sampling, InitLocationIsDroppedOnlyBeyondOneKilometre) {
@@ -253,75 +197,34 @@ constexpr const char* kAdded = "    Beacon added";
 constexpr const char* kReplaced = "    Replace old beacon";
 constexpr const char* kKept = "    Accuracy is worst or same then old one";
 
-struct Sightings {
-  std::vector<double> accuracies;  // one beacon, one ranging result each
-  double kept;
-  Lines outcomes;
-};
-
-class BeaconAccuracy : public Sampling, public ::testing::WithParamInterface<Sightings> {};
-
-TEST_P(BeaconAccuracy, KeepsTheBestUsableSightingOfAScan) {
+// One beacon ranged with these accuracies in turn: the log's outcome lines and the one kept.
+TEST_F(Sampling, BeaconsKeepTheBestUsableSightingOfAScan) {
+  struct Row {
+    std::vector<double> accuracies;
+    double kept;
+    Lines outcomes;
+  };
+  const Row rows[] = {
+      {.accuracies = {1.5, 1.5}, .kept = 1.5, .outcomes = {kAdded, kKept}},
+      {.accuracies = {-1.0, 4.0}, .kept = 4.0, .outcomes = {kAdded, kReplaced, kAdded}},
+      {.accuracies = {4.0, -1.0}, .kept = 4.0, .outcomes = {kAdded, kKept}},
+      {.accuracies = {4.0, 0.0}, .kept = 4.0, .outcomes = {kAdded, kKept}}};
   client->startUpdateBeacons();
-  for (double a : GetParam().accuracies)
-    range({beacon(a)});
-  Lines outcomes;
-  for (const auto& [t, line] : stamped) {
-    if (line.rfind("    ", 0) == 0 && line.find("Beacon - ") == std::string::npos)
-      outcomes.push_back(line);
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.accuracies.front());
+    forgetLog();
+    for (double a : r.accuracies)
+      range({beacon(a)});
+    Lines outcomes;
+    for (const auto& [t, line] : stamped) {
+      if (line.rfind("    ", 0) == 0 && line.find("Beacon - ") == std::string::npos)
+        outcomes.push_back(line);
+    }
+    EXPECT_EQ(outcomes, r.outcomes);
+    ASSERT_EQ(client->mCurrentBeacons().size(), 1u);
+    EXPECT_EQ(client->mCurrentBeacons()[0].accuracy, r.kept);
+    simulation->runFor(40s);  // the next scan starts afresh
   }
-  EXPECT_EQ(outcomes, GetParam().outcomes);
-  ASSERT_EQ(client->mCurrentBeacons().size(), 1u);
-  EXPECT_EQ(client->mCurrentBeacons()[0].accuracy, GetParam().kept);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Sequences, BeaconAccuracy,
-    ::testing::Values(Sightings{{3.2, 1.5, 2.0}, 1.5, {kAdded, kReplaced, kAdded, kKept}},
-                      Sightings{{1.5, 1.5}, 1.5, {kAdded, kKept}},
-                      Sightings{{-1.0, 4.0}, 4.0, {kAdded, kReplaced, kAdded}},
-                      Sightings{{4.0, -1.0}, 4.0, {kAdded, kKept}},
-                      Sightings{{4.0, 0.0}, 4.0, {kAdded, kKept}}));
-
-// A walk east along the equator at 1.5 m/s to 34 m from a shop door with a beacon fence, two
-// minutes there, and back: under 150 m from about t = 123 s to t = 397 s.
-class BeaconJourney : public Sampling {
- protected:
-  BeaconJourney()
-      : Sampling(std::make_shared<const sim::Trace>(sim::Trace::parseCsv(
-                     "0,0,0\n200,0,0.0027\n320,0,0.0027\n520,0,0\n", "walk.csv")),
-                 std::make_shared<const sim::BeaconSightings>(
-                     sim::BeaconSightings::load(ZONARIS_TEST_DATA_DIR "/shop_door_beacons.csv"))) {}
-};
-
-TEST_F(BeaconJourney, RangesNearTheDoorAndTheNextObservationCarriesItsBeacons) {
-  server.respond("GET", "/install/location",
-                 {200, R"x([{"id": 21, "name": "Shop door", "type": "beacon", "radius": 0,
-                   "location": "POINT (0.003 0)", "_event_types": ["entry", "exit"],
-                   "_dwell_windows": []}])x"});
-  // Each observation goes into the log as "observation <its beacons>".
-  server.on("POST", "/observation", [&](const RecordedRequest& request) {
-    const auto beacons = json::parse(request.body).value("beacons", json()).dump();
-    std::lock_guard lock(mutex);
-    stamped.emplace_back(simulation->elapsedSeconds(), "observation " + beacons);
-    return ScriptedResponse{200, R"({"id":1,"events":[]})"};
-  });
-  client->start();
-  simulation->runFor(700s);
-
-  const auto scans = timesOf("Started scan");
-  ASSERT_GT(scans.at(0), 120.0);   // .at: an empty list fails the test
-  EXPECT_LT(scans.back(), 400.0);  // none after walking away
-  const auto observed = timesOf("observation ");
-  EXPECT_EQ(timesOf("observation []").at(0), observed.at(0));  // the catalogue, far away
-  const auto withDoorBeacons =
-      timesOf("observation " +
-              json::array({record(kUuid, 10, 20, "near"), record(kUuid, 10, 21, "far")}).dump());
-  ASSERT_GE(withDoorBeacons.at(0), scans[0] + 10);  // carried only once a scan has finished
-  // and by the first observation after it
-  EXPECT_EQ(withDoorBeacons.front(),
-            *std::lower_bound(observed.begin(), observed.end(), scans[0] + 10));
-  EXPECT_TRUE(simulation->simLocationManager()->rangedRegions().empty());
 }
 
 // Switching on and off from several threads at once (evaluation passes overlapping with stop):

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <fmt/format.h>
+
 #include "zonaris/platform/location.hpp"
 
 namespace zonaris::test {
@@ -20,19 +22,18 @@ class FakeLocationManager final : public platform::LocationManager {
     calls_.push_back("setDelegate");
   }
   void setPausesLocationUpdatesAutomatically(bool v) override {
-    add(std::string("setPausesLocationUpdatesAutomatically(") + (v ? "true" : "false") + ")");
+    add(fmt::format("setPausesLocationUpdatesAutomatically({})", v));
   }
   void setDesiredAccuracy(platform::Accuracy a) override {
-    add(std::string("setDesiredAccuracy(") +
-        (a == platform::Accuracy::BestForNavigation ? "BestForNavigation" : "ThreeKilometers") +
-        ")");
+    const bool best = a == platform::Accuracy::BestForNavigation;
+    add(fmt::format("setDesiredAccuracy({})", best ? "BestForNavigation" : "ThreeKilometers"));
   }
   void setDistanceFilter(double m) override {
-    add("setDistanceFilter(" +
-        (m == platform::kDistanceFilterNone ? std::string("None") : std::to_string(int(m))) + ")");
+    const bool none = m == platform::kDistanceFilterNone;
+    add(none ? "setDistanceFilter(None)" : fmt::format("setDistanceFilter({})", int(m)));
   }
   void setAllowsBackgroundLocationUpdates(bool v) override {
-    add(std::string("setAllowsBackgroundLocationUpdates(") + (v ? "true" : "false") + ")");
+    add(fmt::format("setAllowsBackgroundLocationUpdates({})", v));
   }
   void requestAlwaysAuthorization() override { add("requestAlwaysAuthorization"); }
   void startUpdatingLocation() override { add("startUpdatingLocation"); }

@@ -44,7 +44,6 @@ class RecordingServer {
 
   /// "http://127.0.0.1:PORT"
   std::string baseUrl() const;
-  int port() const { return port_; }
 
   void on(const std::string& method, const std::string& path, Handler handler);
   /// Always the same answer.

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <vector>
 
 namespace zonaris::test {
@@ -12,13 +13,17 @@ namespace zonaris::test {
 /// A TCP socket on 127.0.0.1 that listens and never accepts. Plain, connections to it complete
 /// in the kernel and what is sent is never answered (a service that hangs). With `fillQueue`,
 /// its listen queue is full, so a further connection is neither accepted nor refused (a daemon
-/// that hangs).
+/// that hangs). A `port` of 0 takes any free one; a given one may be taken again at once after
+/// an earlier listener on it closed.
 class SilentListener {
  public:
-  explicit SilentListener(bool fillQueue) {
+  explicit SilentListener(bool fillQueue, int port = 0) {
     listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int one = 1;
+    ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in address{};
     address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
     if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
@@ -40,6 +45,8 @@ class SilentListener {
 
   /// 0 when it could not listen.
   int port() const { return port_; }
+  /// The listening socket, for a test that does accept.
+  int fd() const { return listener_; }
 
  private:
   int listener_ = -1;

@@ -22,18 +22,15 @@ struct Step {
 
 struct Transcript {
   const char* name;
-  bool beacon;
+  bool beacon = false;
   std::vector<Step> steps;
   std::vector<std::int32_t> dwellWindows = {};
 };
 
-// Entered at once: the accuracy disc lies inside.
-const std::vector<Step> kEntered = {{0, -40, 5, "entry"}};
-
+// Entered at once (the accuracy disc lies inside), then `then`.
 std::vector<Step> entered(std::vector<Step> then) {
-  auto steps = kEntered;
-  steps.insert(steps.end(), then.begin(), then.end());
-  return steps;
+  then.insert(then.begin(), {0, -40, 5, "entry"});
+  return then;
 }
 
 class RobustRules : public ::testing::TestWithParam<Transcript> {};
@@ -56,93 +53,54 @@ TEST_P(RobustRules, YieldTheEventsOfTheTranscript) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, RobustRules,
-    ::testing::Values(
-        // Sitting 3 m inside a wall with 10 m noise: single fixes outside, or pairs too close
-        // to the boundary to count, confirm nothing.
-        Transcript{"NoiseAtTheEdge", false,
-                   entered({{15, 12, 18, ""},
-                            {30, 17, 18, ""},
-                            {45, -3, 18, ""},
-                            {60, 25, 18, ""},
-                            {75, -1, 18, ""},
-                            {90, 8, 18, ""},
-                            {105, 19, 18, ""}})},
-        // Walking out: the first fix beyond the margin makes it pending, the next confirms.
-        Transcript{"ARealExit", false,
-                   entered({{15, 6, 18, ""}, {30, 24, 18, ""}, {45, 44, 18, "exit"}})},
-        // Stopping 25 to 35 m out with 40 m accuracy (the shop next door): short of the exit
-        // margin but past the near one, three in a row confirm.
-        Transcript{"AShopNextDoor", false,
-                   entered({{15, 25, 40, ""}, {30, 35, 40, ""}, {45, 35, 40, "exit"}})},
-        // A desk at the wall with 25 m noise (39 m accuracy): after two fixes outside were
-        // given up, three in a row beyond the disc are still noise; the fourth confirms.
-        Transcript{"AnUnsettledEdgeNeedsFour", false,
-                   entered({{32, 10, 39, ""},
-                            {64, 15, 39, ""},
-                            {96, 45, 39, ""},
-                            {128, 50, 39, ""},
-                            {160, 48, 39, ""},
-                            {192, 52, 39, "exit"}})},
-        // A fix 400 m off after 15 s is an outlier; so is one that would complete a pair.
-        Transcript{"AnOutlier", false,
-                   entered({{15, 400, 5, ""},
-                            {30, -38, 5, ""},
-                            {45, 25, 18, ""},
-                            {60, 420, 5, ""},
-                            {75, -30, 5, ""},
-                            {90, 21, 18, ""}})},
-        // A fix too coarse to tell confirms nothing and does not drop a pending crossing.
-        Transcript{
-            "ACoarseFix",
-            false,
-            {{0, -300, 1500, ""}, {15, -10, 18, ""}, {30, -200, 1500, ""}, {45, -22, 18, "entry"}}},
-        // Heard, missed once, heard again, then missed twice: one entry, one exit.
-        Transcript{"ABeaconThatFlickers",
-                   true,
-                   {{0, -1, 65, "entry"},
-                    {15, 1, 65, ""},
-                    {30, -1, 65, ""},
-                    {45, 1, 65, ""},
-                    {60, 1, 65, "exit"}}},
-        // Through a small fence in 75 s: both crossings are confirmed.
-        Transcript{"AShortRealVisit",
-                   false,
-                   {{0, 30, 5, ""},
-                    {15, -8, 5, "entry"},
-                    {30, -12, 5, ""},
-                    {45, -6, 5, ""},
-                    {60, 9, 5, ""},
-                    {75, 27, 5, "exit"}}},
-        // The stay counts from the first observation of its entry; an exit seen once and
-        // never confirmed does not restart it.
-        Transcript{"DwellFromTheConfirmedEntry",
-                   false,
-                   {{0, -10, 18, ""},
-                    {15, -12, 18, "entry"},
-                    {30, 25, 18, ""},
-                    {45, -5, 18, ""},
-                    {59, -5, 18, ""},
-                    {60, -5, 18, "dwell"}},
-                   {60}},
-        // A gap longer than the expiry lets the device have come back unseen: start again.
-        // Far past the boundary (driving away) the device could not have, so the pair holds.
-        Transcript{"APendingCrossingLapses", false,
-                   entered({{15, 25, 18, ""},
-                            {75, 26, 18, ""},
-                            {90, 30, 18, "exit"},
-                            {200, -20, 5, "entry"},
-                            {215, 150, 5, ""},
-                            {260, 760, 5, "exit"}})},
-        // After a fence query the client resets its flags from the next observation and will
-        // not report a disagreement about it again: that observation decides alone, unless it
-        // lies within the margin of the boundary.
-        Transcript{"AfterAFenceQueryOneObservationDecides", false,
-                   entered({{15, 3, 18, "", true},
-                            {30, 30, 18, "exit", true},
-                            {45, -2, 18, "entry", true}})}),
-    [](const auto& info) { return std::string(info.param.name); });
+// clang-format off
+const Transcript kTranscripts[] = {
+    // Sitting 3 m inside a wall with 10 m noise: single fixes outside, or pairs too close to the
+    // boundary to count, confirm nothing.
+    {.name = "NoiseAtTheEdge", .steps = entered({{15, 12, 18, ""}, {30, 17, 18, ""},
+        {45, -3, 18, ""}, {60, 25, 18, ""}, {75, -1, 18, ""}, {90, 8, 18, ""}, {105, 19, 18, ""}})},
+    // Walking out: the first fix beyond the margin makes it pending, the next confirms.
+    {.name = "ARealExit",
+     .steps = entered({{15, 6, 18, ""}, {30, 24, 18, ""}, {45, 44, 18, "exit"}})},
+    // Stopping 25 to 35 m out with 40 m accuracy (the shop next door): short of the exit margin
+    // but past the near one, three in a row confirm.
+    {.name = "AShopNextDoor",
+     .steps = entered({{15, 25, 40, ""}, {30, 35, 40, ""}, {45, 35, 40, "exit"}})},
+    // A desk at the wall with 25 m noise (39 m accuracy): after two fixes outside were given up,
+    // three in a row beyond the disc are still noise; the fourth confirms.
+    {.name = "AnUnsettledEdgeNeedsFour", .steps = entered({{32, 10, 39, ""}, {64, 15, 39, ""},
+        {96, 45, 39, ""}, {128, 50, 39, ""}, {160, 48, 39, ""}, {192, 52, 39, "exit"}})},
+    // A fix 400 m off after 15 s is an outlier; so is one that would complete a pair.
+    {.name = "AnOutlier", .steps = entered({{15, 400, 5, ""}, {30, -38, 5, ""}, {45, 25, 18, ""},
+        {60, 420, 5, ""}, {75, -30, 5, ""}, {90, 21, 18, ""}})},
+    // A fix too coarse to tell confirms nothing and does not drop a pending crossing.
+    {.name = "ACoarseFix", .steps = {{0, -300, 1500, ""}, {15, -10, 18, ""}, {30, -200, 1500, ""},
+        {45, -22, 18, "entry"}}},
+    // Heard, missed once, heard again, then missed twice: one entry, one exit.
+    {.name = "ABeaconThatFlickers", .beacon = true, .steps = {{0, -1, 65, "entry"},
+        {15, 1, 65, ""}, {30, -1, 65, ""}, {45, 1, 65, ""}, {60, 1, 65, "exit"}}},
+    // Through a small fence in 75 s: both crossings are confirmed.
+    {.name = "AShortRealVisit", .steps = {{0, 30, 5, ""}, {15, -8, 5, "entry"}, {30, -12, 5, ""},
+        {45, -6, 5, ""}, {60, 9, 5, ""}, {75, 27, 5, "exit"}}},
+    // The stay counts from the first observation of its entry; an exit seen once and never
+    // confirmed does not restart it.
+    {.name = "DwellFromTheConfirmedEntry", .steps = {{0, -10, 18, ""}, {15, -12, 18, "entry"},
+        {30, 25, 18, ""}, {45, -5, 18, ""}, {59, -5, 18, ""}, {60, -5, 18, "dwell"}},
+     .dwellWindows = {60}},
+    // A gap longer than the expiry lets the device have come back unseen: start again. Far past
+    // the boundary (driving away) the device could not have, so the pair holds.
+    {.name = "APendingCrossingLapses", .steps = entered({{15, 25, 18, ""}, {75, 26, 18, ""},
+        {90, 30, 18, "exit"}, {200, -20, 5, "entry"}, {215, 150, 5, ""}, {260, 760, 5, "exit"}})},
+    // After a fence query the client resets its flags from the next observation and will not
+    // report a disagreement about it again: that observation decides alone, unless it lies
+    // within the margin of the boundary.
+    {.name = "AfterAFenceQueryOneObservationDecides", .steps = entered({{15, 3, 18, "", true},
+        {30, 30, 18, "exit", true}, {45, -2, 18, "entry", true}})},
+};
+// clang-format on
+
+INSTANTIATE_TEST_SUITE_P(Table, RobustRules, ::testing::ValuesIn(kTranscripts),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace zonaris::service_tool::test

@@ -201,14 +201,6 @@ TEST(Report, BadInputGivesOneLineAndLeavesNothingHalfWritten) {
 
 // ---- The bundled day in a real browser -----------------------------------------------------
 
-std::string chromium() {
-  for (const char* candidate : {"/usr/bin/chromium", "/usr/bin/chromium-browser"}) {
-    if (::access(candidate, X_OK) == 0)
-      return candidate;
-  }
-  return "";
-}
-
 /// Headless Chromium on a file, offline: a private profile in `scratch`, no background
 /// networking, every host name unresolvable and every request sent to a closed local port (the
 /// browser's own update and account checks included).
@@ -237,7 +229,9 @@ std::string attribute(const std::string& element, const std::string& name) {
 }
 
 TEST(ReportInBrowser, BundledDayDrawsEveryFenceAndEventWithoutErrors) {
-  const std::string browser = chromium();
+  std::string browser;
+  for (const char* candidate : {"/usr/bin/chromium-browser", "/usr/bin/chromium"})
+    browser = ::access(candidate, X_OK) == 0 ? candidate : browser;
   if (browser.empty())
     GTEST_SKIP() << "Chromium is not installed (scripts/install-deps.sh installs it)";
   Scratch s("zonaris-report-test");
@@ -276,8 +270,6 @@ TEST(ReportInBrowser, BundledDayDrawsEveryFenceAndEventWithoutErrors) {
   const auto from = page.find("<div id=\"zr-status\"");
   ASSERT_NE(from, std::string::npos) << page.substr(0, 2000);
   const std::string status = page.substr(from, page.find('>', from) - from);
-  EXPECT_EQ(attribute(status, "data-ready"), "1") << status;
-  EXPECT_EQ(attribute(status, "data-errors"), "0") << attribute(status, "data-last-error");
   EXPECT_EQ(dom.err.find("Uncaught"), std::string::npos) << dom.err;
 
   // Counted in the DOM itself, scripts left out: distinct fence ids on shapes, event badges.
@@ -296,14 +288,16 @@ TEST(ReportInBrowser, BundledDayDrawsEveryFenceAndEventWithoutErrors) {
       fenceIds.insert(attribute(tag, "data-fence"));
     badges += (" " + attribute(tag, "class") + " ").find(" zr-event ") != std::string::npos;
   }
-  EXPECT_EQ(fenceIds.size(), fences.size());
-  EXPECT_EQ(badges, events);
-  EXPECT_EQ(attribute(status, "data-events"), std::to_string(events));
-  EXPECT_EQ(attribute(status, "data-fixes"), std::to_string(fixes));
-  EXPECT_EQ(attribute(status, "data-rings"), "4");  // two point radii, a beacon's two rings
-  EXPECT_EQ(attribute(status, "data-missed"), std::to_string(score["missed"].size()));
-  EXPECT_EQ(attribute(status, "data-false"), std::to_string(score["false"].size()));
-  EXPECT_EQ(attribute(status, "data-charts"), "4");
+  // What the page says it drew; rings: two point radii and a beacon's two rings.
+  std::string drawn = fmt::format("fences {} badges {}", fenceIds.size(), badges);
+  for (const char* key :
+       {"ready", "errors", "events", "fixes", "rings", "missed", "false", "charts"})
+    drawn += fmt::format(" {} {}", key, attribute(status, std::string("data-") + key));
+  EXPECT_EQ(drawn, fmt::format("fences {} badges {} ready 1 errors 0 events {} fixes {} rings 4 "
+                               "missed {} false {} charts 4",
+                               fences.size(), events, events, fixes, score["missed"].size(),
+                               score["false"].size()))
+      << attribute(status, "data-last-error");
   EXPECT_LE(std::stod(attribute(status, "data-selected-t")), 17000.0);
 
   const std::string shot = s.path("day.png");

@@ -34,12 +34,9 @@ double lon(double east) {
 }
 
 json pointFence(int id, const std::string& name, double east, double north, double radius) {
-  return {{"id", id},
-          {"name", name},
-          {"type", "point"},
-          {"radius", radius},
-          {"location", fmt::format("POINT ({:.8f} {:.8f})", lon(east), lat(north))},
-          {"_event_types", {"entry", "exit"}}};
+  return json::parse(fmt::format(R"j({{"id": {}, "name": "{}", "type": "point", "radius": {},
+      "location": "POINT ({:.8f} {:.8f})", "_event_types": ["entry", "exit"]}})j",
+                                 id, name, radius, lon(east), lat(north)));
 }
 
 // A trace of stops and walks at 1.4 m/s, each point with the given accuracy.
@@ -77,49 +74,38 @@ struct Case {
   double latest;  // seconds: the largest latency allowed
 };
 
-std::vector<std::string> words(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream split(text);
-  for (std::string word; split >> word;)
-    out.push_back(word);
-  return out;
-}
-
 TEST(ReviewTraces, NoPolicyLosesAVisitOrADeparture) {
+  // clang-format off
   const Case cases[] = {
       // Standing 20 m from the centre of a point fence of 8 m, then 4 minutes inside.
-      {"near a small fence", json::array({pointFence(1, "Kiosk", 0, 0, 8)}),
-       [](double stand) {
-         return Walk(0, 20, 5).stay(stand).to(0, 0).stay(240).to(0, 20).stay(600);
-       },
-       1500, 2, 120},
+      {.name = "near a small fence", .fences = json::array({pointFence(1, "Kiosk", 0, 0, 8)}),
+       .walk = [](double stand) {
+         return Walk(0, 20, 5).stay(stand).to(0, 0).stay(240).to(0, 20).stay(600); },
+       .stand = 1500, .events = 2, .latest = 120},
       // A desk 10 m inside an office's north wall, then 5 minutes 15 m outside it (the first
       // event is the entry at the start).
-      {"a break outside the office",
-       json::array({{{"id", 2},
-                     {"name", "Office"},
-                     {"type", "building"},
-                     {"radius", 0},
-                     {"location", fmt::format("POLYGON (({0:.8f} {2:.8f}, {1:.8f} {2:.8f}, {1:.8f} "
-                                              "{3:.8f}, {0:.8f} {3:.8f}, {0:.8f} {2:.8f}))",
-                                              lon(-30), lon(30), lat(-30), lat(30))},
-                     {"_event_types", {"entry", "exit"}}}}),
-       [](double stand) {
-         return Walk(0, 20, 5).stay(stand).to(0, 45).stay(300).to(0, 20).stay(600);
-       },
-       1500, 3, 120},
+      {.name = "a break outside the office", .fences = json::array({{{"id", 2}, {"name", "Office"},
+           {"type", "building"}, {"radius", 0}, {"_event_types", {"entry", "exit"}},
+           {"location", fmt::format("POLYGON (({0:.8f} {2:.8f}, {1:.8f} {2:.8f}, {1:.8f} {3:.8f}, "
+                                    "{0:.8f} {3:.8f}, {0:.8f} {2:.8f}))",
+                                    lon(-30), lon(30), lat(-30), lat(30))}}}),
+       .walk = [](double stand) {
+         return Walk(0, 20, 5).stay(stand).to(0, 45).stay(300).to(0, 20).stay(600); },
+       .stand = 1500, .events = 3, .latest = 120},
       // Fixes of 40 m, shops 55 m east and west of home, 4 minutes in each.
-      {"shops nearby with coarse fixes",
-       json::array({pointFence(3, "East shop", 55, 0, 15), pointFence(4, "West shop", -55, 0, 15)}),
-       [](double stand) {
-         return Walk(0, 0, 40).stay(stand).to(55, 0).stay(240).to(-55, 0).stay(240).to(0, 0).stay(
-             600);
-       },
-       1500, 4, 120},
+      {.name = "shops nearby with coarse fixes", .fences = json::array(
+           {pointFence(3, "East shop", 55, 0, 15), pointFence(4, "West shop", -55, 0, 15)}),
+       .walk = [](double stand) {
+         return Walk(0, 0, 40).stay(stand).to(55, 0).stay(240).to(-55, 0).stay(240).to(0, 0)
+             .stay(600); },
+       .stand = 1500, .events = 4, .latest = 120},
       // An hour at home, then away (entry at the start, exit).
-      {"leaving after a long stop", json::array({pointFence(5, "Home", 0, 0, 30)}),
-       [](double stand) { return Walk(0, 0, 5).stay(stand).to(0, 400).stay(300); }, 3600, 2, 90},
+      {.name = "leaving after a long stop",
+       .fences = json::array({pointFence(5, "Home", 0, 0, 30)}),
+       .walk = [](double stand) { return Walk(0, 0, 5).stay(stand).to(0, 400).stay(300); },
+       .stand = 3600, .events = 2, .latest = 90},
   };
+  // clang-format on
   const char* const settings[] = {
       "--sampling design --idle-fixes none",
       "--sampling design --idle-fixes network",
@@ -139,8 +125,9 @@ TEST(ReviewTraces, NoPolicyLosesAVisitOrADeparture) {
         std::vector<std::string> args = {
             ZONARIS_SIM_BIN,           "--trace", trace,    "--fences", fences, "--seed",
             std::to_string(phase + 1), "--score", scoreFile};
-        for (auto& word : words(setting))
-          args.push_back(std::move(word));
+        std::istringstream split(setting);
+        for (std::string word; split >> word;)
+          args.push_back(word);
         const Ran ran = run(args, scratch);
         ASSERT_EQ(ran.status, 0) << ran.err;
         const json score = json::parse(slurp(scoreFile));
