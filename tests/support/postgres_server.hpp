@@ -43,7 +43,8 @@ class PostgresServer {
   bool restart(std::chrono::milliseconds down = std::chrono::milliseconds(0));
 
   /// Runs `sql` through psql in the database; its output unaligned, tuples only (one row a
-  /// line, fields split by '|'), or nothing when psql fails (`error()` then says why).
+  /// line, fields split by '|'), or nothing when psql fails (`error()` then says why). From one
+  /// thread at a time, like `restart`.
   std::optional<std::string> query(const std::string& sql);
 
  private:

@@ -158,8 +158,9 @@ TEST(SimContract, JsonLinesArgumentShapesAndRequestsAgainstAScriptedService) {
       EXPECT_LE(t, 90.0) << raw;
       previous = t;
       logs += raw.find(R"("type":"log")") != std::string::npos;
-      if (raw.find(R"("name":"updatedInterval")") != std::string::npos)
+      if (raw.find(R"("name":"updatedInterval")") != std::string::npos) {
         EXPECT_TRUE(std::regex_search(raw, std::regex(R"("args":\[\d+\]\}$)"))) << raw;
+      }
     }
     EXPECT_EQ(logs > 0, devMode) << "step logs in developer mode only";
     EXPECT_NE(run.out.find(R"("name":"updatedInterval")"), std::string::npos);
