@@ -34,7 +34,7 @@ for kind in "${kinds[@]}"; do
   esac
   echo "==== $kind build ($dir)"
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${debug_flags[@]}" \
-    -DZONARIS_SANITIZE="$sanitize" -DZONARIS_BUILD_BENCH="$bench" \
+    -DZONARIS_SANITIZE="$sanitize" -DZONARIS_BUILD_BENCH="$bench" -DZONARIS_WERROR=ON \
     -DZONARIS_BUILD_FUZZ_REPLAY="$replay" >/dev/null
   cmake --build "$dir" -j "$jobs"
   # What a sanitizer cannot look into, or where it has nothing to find, runs in the normal

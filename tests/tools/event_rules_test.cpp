@@ -100,7 +100,7 @@ const Transcript kTranscripts[] = {
 // clang-format on
 
 INSTANTIATE_TEST_SUITE_P(Table, RobustRules, ::testing::ValuesIn(kTranscripts),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& test) { return std::string(test.param.name); });
 
 }  // namespace
 }  // namespace zonaris::service_tool::test

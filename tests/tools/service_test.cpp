@@ -209,7 +209,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Bad{"ErrorDataText", "/install/error", "/data", "boom"},
                       Bad{"ErrorStackNumbers", "/install/error", "/data/callstack/0", 1},
                       Bad{"ErrorNoVersion", "/install/error", "/version", kGone}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& test) { return std::string(test.param.name); });
 
 // A device whose store outlived the service's state keeps working under its old id.
 TEST_F(ServiceTest, AdoptsAnInstallIdItDidNotIssue) {
@@ -315,7 +315,7 @@ TEST(CappedFenceQuery, ADenseDriveConfirmsWhatTheUncappedAnswerConfirms) {
       "drive.csv"));
 
   struct Heard final : ZonarisDelegate {
-    explicit Heard(const sim::Scheduler& s) : s(s) {}
+    explicit Heard(const sim::Scheduler& clock) : s(clock) {}
     void record(const std::optional<std::string>& name, const char* type) {
       std::lock_guard lock(mutex);
       events += fmt::format("{:.0f} {} {}\n", std::chrono::duration<double>(s.elapsed()).count(),

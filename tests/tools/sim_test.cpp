@@ -466,7 +466,7 @@ TEST(SimSoak, ADayOfOutagesLosesOnlyVisitsTheServiceCouldNeverSee) {
   ASSERT_GT(service.start(0), 0) << service.error();
 
   struct Heard final : ZonarisDelegate {
-    explicit Heard(const sim::Scheduler& s) : s(s) {}
+    explicit Heard(const sim::Scheduler& clock) : s(clock) {}
     void record(const std::optional<std::string>& name, const char* type) {
       std::lock_guard lock(mutex);
       events.push_back(

@@ -53,10 +53,10 @@ class Reader {
       log_.lastT = now_;
 
     if (*type == "log") {
-      const auto text = object.find("line");
-      if (text == object.end() || !text->is_string())
+      const auto line = object.find("line");
+      if (line == object.end() || !line->is_string())
         fail("a log line needs a text \"line\"");
-      logLine(text->get_ref<const std::string&>());
+      logLine(line->get_ref<const std::string&>());
     } else if (*type == "callback") {
       const auto name = object.find("name");
       const auto args = object.find("args");

@@ -154,10 +154,10 @@ int main(int argc, char** argv) {
       continue;
     if (callback.rfind("event", 0) == 0) {
       ++events;
-      const char* type = callback == "eventEnterCallback"  ? "entry"
+      const char* kind = callback == "eventEnterCallback"  ? "entry"
                          : callback == "eventExitCallback" ? "exit"
                                                            : "dwell";
-      if (marks.given && takeFalse(marks, text(first), type, t->get<double>())) {
+      if (marks.given && takeFalse(marks, text(first), kind, t->get<double>())) {
         out += "   <- false";
         ++falseCount;
       }
