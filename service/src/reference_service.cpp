@@ -357,22 +357,24 @@ struct ReferenceService::Impl {
     if (!observation)
       return badRequest(error);
 
-    // A fence can hold the device only when it lies within its radius (0 but for "point"
-    // fences) of it; beacon fences go by the beacons seen. Measuring needs no lock: the fences
-    // never change.
     if (auto refused = refuseUnissued(observation->install))
       return *refused;
+    // One session and one transaction: the install is held first, then its candidate fences
+    // are picked and its state read, so an observation costs one connection and one commit.
     std::optional<ServiceResponse> failure;
-    std::vector<std::size_t> candidates;
-    {
-      auto s = session(failure);
-      if (!s)
-        return *failure;
-      auto near = s->fencesNear(observation->latitude, observation->longitude, maxPointRadius);
-      if (!near)
-        return storeFailure(*s);
-      candidates = std::move(*near);
-    }
+    auto s = session(failure);
+    if (!s)
+      return *failure;
+    if (!s->begin())
+      return storeFailure(*s);
+    if (!s->holdInstall(observation->install, nowMs()))
+      return abandon(*s);
+    // A fence can hold the device only when it lies within its radius (0 but for "point"
+    // fences) of it; beacon fences go by the beacons seen.
+    auto near = s->fencesNear(observation->latitude, observation->longitude, maxPointRadius);
+    if (!near)
+      return abandon(*s);
+    std::vector<std::size_t> candidates = std::move(*near);
     candidates.insert(candidates.end(), beaconFences.begin(), beaconFences.end());
     std::vector<bool> inside(fences.size(), false);
     std::vector<bool> measured(fences.size(), false);
@@ -395,13 +397,6 @@ struct ReferenceService::Impl {
       inside[i] = distance[i] <= 0.0;
     }
 
-    auto s = session(failure);
-    if (!s)
-      return *failure;
-    if (!s->begin())
-      return storeFailure(*s);
-    if (!s->holdInstall(observation->install, nowMs()))
-      return abandon(*s);
     const std::int64_t at = nowMs();
     auto states = s->fenceStates(observation->install);
     if (!states)
