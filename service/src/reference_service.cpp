@@ -13,6 +13,7 @@
 
 #include <fmt/format.h>
 #include <httplib.h>
+#include <sys/socket.h>
 
 #include "fences/geometry.hpp"
 #include "zonaris/service/event_rules.hpp"
@@ -41,6 +42,15 @@ ServiceResponse answer(int status, const json& body) {
 ServiceResponse problem(int status, std::string_view text) {
   return answer(status, json{{"error", text}});
 }
+
+// The HTTP server, with a listen queue as long as the system allows: the library listens with a
+// backlog of 5, and with tens of clients opening connections at once the kernel dropped the
+// rest, which the clients saw as transport errors.
+class Listener : public httplib::Server {
+ public:
+  // After a bind: listening again on a listening socket sets its backlog anew.
+  void lengthenQueue() const { ::listen(svr_sock_.load(), SOMAXCONN); }
+};
 
 ServiceResponse badRequest(std::string_view text) {
   return problem(400, text);
@@ -547,7 +557,7 @@ int ReferenceService::start(int port) {
     impl_->error = "the service was already started";
     return -1;
   }
-  auto server = std::make_unique<httplib::Server>();
+  auto server = std::make_unique<Listener>();
   auto serve = [this](const httplib::Request& req, httplib::Response& res) {
     std::map<std::string, std::string> query;
     for (const auto& [key, value] : req.params)
@@ -581,6 +591,7 @@ int ReferenceService::start(int port) {
     impl_->error = fmt::format("cannot listen on 127.0.0.1:{}", port);
     return -1;
   }
+  server->lengthenQueue();
   impl_->started = true;
   impl_->server = std::move(server);
   impl_->port = bound;
