@@ -318,8 +318,9 @@ def main():
                                        "datname = current_database()"))
                     transactions = (after - commits) / max(done, 1)
                     if args.statements:
-                        print("PostgreSQL, %d nodes: calls per observation, statement" % count)
+                        print("PostgreSQL, %d nodes: calls per observation, mean execution time, statement" % count)
                         print(pg.sql(name, "SELECT round(calls::numeric / %d, 2) || '  ' || "
+                                     "round(mean_exec_time::numeric * 1000) || ' us  ' || "
                                      "left(regexp_replace(query, '\\s+', ' ', 'g'), 110) FROM "
                                      "pg_stat_statements WHERE dbid = (SELECT oid FROM "
                                      "pg_database WHERE datname = current_database()) ORDER BY "

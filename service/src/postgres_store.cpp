@@ -197,24 +197,41 @@ class PostgresSession : public StoreSession {
   PGconn* connection() const { return connection_.get(); }
   const std::string& lastError() const override { return lastError_; }
 
-  // Runs one statement; null (and lastError says why) when it fails. Statements with
-  // parameters (the fixed texts of this file) are prepared once per connection: most requests
-  // are a handful of them, and planning would cost more than running.
-  Result run(const char* sql, std::initializer_list<std::string> params = {}) {
+  // Runs one statement and answers its result; null (and lastError says why) when it fails.
+  // Statements with parameters (the fixed texts of this file) are prepared once per
+  // connection: most requests are a handful of them, and planning would cost more than running.
+  // Statements queued before it (a transaction's BEGIN, changes that answer nothing) go in the
+  // same round trip.
+  Result run(const char* sql, std::vector<std::string> params = {}) {
+    if (!queued_.empty()) {
+      queued_.push_back({sql, std::move(params)});
+      return flush();
+    }
     std::vector<const char*> values;
     for (const auto& p : params)
       values.push_back(p.c_str());
     const int n = static_cast<int>(values.size());
     if (n == 0)
       return check(Result(PQexec(connection_.get(), sql)));
-    auto [it, fresh] = prepared_.try_emplace(sql, fmt::format("s{}", prepared_.size()));
-    if (fresh &&
-        !check(Result(PQprepare(connection_.get(), it->second.c_str(), sql, n, nullptr)))) {
-      prepared_.erase(it);
-      return nullptr;
+    auto [it, fresh] = prepared_.try_emplace(sql, fmt::format("s{}", nextName_));
+    if (fresh) {
+      ++nextName_;
+      if (!check(Result(PQprepare(connection_.get(), it->second.c_str(), sql, n, nullptr)))) {
+        prepared_.erase(it);
+        return nullptr;
+      }
     }
     return check(Result(PQexecPrepared(connection_.get(), it->second.c_str(), n, values.data(),
                                        nullptr, nullptr, 0)));
+  }
+
+  // A change whose only answer is success: inside a transaction it waits for the next statement
+  // (at the latest COMMIT), and a failure is reported there.
+  bool change(const char* sql, std::vector<std::string> params) {
+    if (!inTransaction_)
+      return run(sql, std::move(params)) != nullptr;
+    queued_.push_back({sql, std::move(params)});
+    return true;
   }
 
   Result check(Result r) {
@@ -225,10 +242,28 @@ class PostgresSession : public StoreSession {
     return nullptr;
   }
 
-  bool begin() override { return run("BEGIN") != nullptr; }
-  bool commit() override { return run("COMMIT") != nullptr; }
+  // Whether the connection can serve another request.
+  bool reusable() const {
+    PGconn* c = connection_.get();
+    return !broken_ && PQstatus(c) == CONNECTION_OK && PQtransactionStatus(c) == PQTRANS_IDLE &&
+           PQpipelineStatus(c) == PQ_PIPELINE_OFF;
+  }
+
+  // BEGIN goes with the transaction's first statement.
+  bool begin() override {
+    inTransaction_ = true;
+    queued_.push_back({"BEGIN", {}});
+    return true;
+  }
+  bool commit() override {
+    const bool done = run("COMMIT") != nullptr;
+    inTransaction_ = false;
+    return done;
+  }
   void rollback() override {
-    if (PQtransactionStatus(connection_.get()) != PQTRANS_IDLE)
+    queued_.clear();
+    inTransaction_ = false;
+    if (!broken_ && PQtransactionStatus(connection_.get()) != PQTRANS_IDLE)
       Result(PQexec(connection_.get(), "ROLLBACK"));
   }
 
@@ -304,17 +339,17 @@ class PostgresSession : public StoreSession {
     for (std::size_t index : state.dwellsSent)
       dwells += (dwells.size() > 1 ? "," : "") + std::to_string(index);
     dwells += "}";
-    return run("INSERT INTO fence_states (install_id, fence_id, inside, entered_ms, "
-               "pending_since_ms, pending_last_ms, pending_count, pending_past, unsettled_ms, "
-               "unsettled_count, dwells_sent) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, "
-               "$11) ON CONFLICT (install_id, fence_id) DO UPDATE SET inside = $3, entered_ms = "
-               "$4, pending_since_ms = $5, pending_last_ms = $6, pending_count = $7, "
-               "pending_past = $8, unsettled_ms = $9, unsettled_count = $10, dwells_sent = $11",
-               {param(installId), param(fenceId), param(state.inside), param(state.enteredAtMs),
-                param(state.pendingSinceMs), param(state.pendingLastMs),
-                param(std::int64_t{state.pendingCount}), param(state.pendingPast),
-                param(state.unsettledMs), param(std::int64_t{state.unsettledCount}), dwells}) !=
-           nullptr;
+    return change(
+        "INSERT INTO fence_states (install_id, fence_id, inside, entered_ms, "
+        "pending_since_ms, pending_last_ms, pending_count, pending_past, unsettled_ms, "
+        "unsettled_count, dwells_sent) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, "
+        "$11) ON CONFLICT (install_id, fence_id) DO UPDATE SET inside = $3, entered_ms = "
+        "$4, pending_since_ms = $5, pending_last_ms = $6, pending_count = $7, "
+        "pending_past = $8, unsettled_ms = $9, unsettled_count = $10, dwells_sent = $11",
+        {param(installId), param(fenceId), param(state.inside), param(state.enteredAtMs),
+         param(state.pendingSinceMs), param(state.pendingLastMs),
+         param(std::int64_t{state.pendingCount}), param(state.pendingPast),
+         param(state.unsettledMs), param(std::int64_t{state.unsettledCount}), dwells});
   }
 
   std::optional<InstallTrack> installTrack(std::int64_t installId) override {
@@ -337,13 +372,13 @@ class PostgresSession : public StoreSession {
   }
 
   bool saveInstallTrack(std::int64_t installId, const InstallTrack& track) override {
-    return run("INSERT INTO install_tracks (install_id, known, at_ms, latitude, longitude, "
-               "accuracy, fences_served) VALUES ($1, $2, $3, $4, $5, $6, $7) ON CONFLICT "
-               "(install_id) DO UPDATE SET known = $2, at_ms = $3, latitude = $4, longitude = $5, "
-               "accuracy = $6, fences_served = $7",
-               {param(installId), param(track.known), param(track.atMs), param(track.latitude),
-                param(track.longitude), param(track.accuracy), param(track.fencesServed)}) !=
-           nullptr;
+    return change(
+        "INSERT INTO install_tracks (install_id, known, at_ms, latitude, longitude, "
+        "accuracy, fences_served) VALUES ($1, $2, $3, $4, $5, $6, $7) ON CONFLICT "
+        "(install_id) DO UPDATE SET known = $2, at_ms = $3, latitude = $4, longitude = $5, "
+        "accuracy = $6, fences_served = $7",
+        {param(installId), param(track.known), param(track.atMs), param(track.latitude),
+         param(track.longitude), param(track.accuracy), param(track.fencesServed)});
   }
 
   std::optional<std::int64_t> addObservation(std::int64_t installId, std::int64_t atMs,
@@ -355,8 +390,8 @@ class PostgresSession : public StoreSession {
   }
 
   bool addEvent(std::int64_t observationId, std::int64_t fenceId, std::string_view type) override {
-    return run("INSERT INTO events (observation_id, fence_id, event_type) VALUES ($1, $2, $3)",
-               {param(observationId), param(fenceId), std::string(type)}) != nullptr;
+    return change("INSERT INTO events (observation_id, fence_id, event_type) VALUES ($1, $2, $3)",
+                  {param(observationId), param(fenceId), std::string(type)});
   }
 
   std::optional<std::int64_t> addErrorReport(std::int64_t installId, std::int64_t atMs,
@@ -432,6 +467,87 @@ class PostgresSession : public StoreSession {
   }
 
  private:
+  struct Queued {
+    const char* sql;
+    std::vector<std::string> params;
+  };
+
+  // Sends the queued statements in one pipeline and answers the last one's result; null when
+  // any of them failed (the first failure is in lastError; the server skips the rest).
+  Result flush() {
+    std::vector<Queued> steps = std::move(queued_);
+    queued_.clear();
+    PGconn* c = connection_.get();
+    if (PQenterPipelineMode(c) != 1) {
+      lastError_ = oneLine(PQerrorMessage(c));
+      return nullptr;
+    }
+    struct Expected {
+      std::size_t step;
+      bool prepare;  // the step's PQsendPrepare, not its execution
+    };
+    std::vector<Expected> expected;
+    bool sent = true;
+    for (std::size_t i = 0; i < steps.size() && sent; ++i) {
+      std::vector<const char*> values;
+      for (const auto& p : steps[i].params)
+        values.push_back(p.c_str());
+      const int n = static_cast<int>(values.size());
+      if (n == 0) {
+        sent = PQsendQueryParams(c, steps[i].sql, 0, nullptr, nullptr, nullptr, nullptr, 0) == 1;
+        expected.push_back({i, false});
+        continue;
+      }
+      auto [it, fresh] = prepared_.try_emplace(steps[i].sql, fmt::format("s{}", nextName_));
+      if (fresh) {
+        ++nextName_;
+        sent = PQsendPrepare(c, it->second.c_str(), steps[i].sql, n, nullptr) == 1;
+        expected.push_back({i, true});
+      }
+      sent = sent &&
+             PQsendQueryPrepared(c, it->second.c_str(), n, values.data(), nullptr, nullptr, 0) == 1;
+      expected.push_back({i, false});
+    }
+    if (!sent || PQpipelineSync(c) != 1) {
+      // What the server holds of this connection is unknown now: it is not used again.
+      lastError_ = oneLine(PQerrorMessage(c));
+      broken_ = true;
+      return nullptr;
+    }
+    Result last;
+    bool ok = true;
+    for (const Expected& e : expected) {
+      Result r(PQgetResult(c));
+      if (!r) {
+        lastError_ = oneLine(PQerrorMessage(c));
+        broken_ = true;
+        return nullptr;
+      }
+      while (PGresult* more = PQgetResult(c))  // a statement's results end with a null
+        PQclear(more);
+      const auto status = PQresultStatus(r.get());
+      if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+        if (ok) {
+          const char* why = PQresultErrorMessage(r.get());
+          lastError_ = oneLine(*why != '\0' ? why : PQerrorMessage(c));
+        }
+        ok = false;
+        if (e.prepare)
+          prepared_.erase(steps[e.step].sql);
+      } else if (!e.prepare && e.step + 1 == steps.size()) {
+        last = std::move(r);
+      }
+    }
+    Result sync(PQgetResult(c));
+    if (!sync || PQresultStatus(sync.get()) != PGRES_PIPELINE_SYNC || PQexitPipelineMode(c) != 1) {
+      if (ok)
+        lastError_ = oneLine(PQerrorMessage(c));
+      broken_ = true;
+      return nullptr;
+    }
+    return ok ? std::move(last) : nullptr;
+  }
+
   std::optional<std::int64_t> insertReturningId(const char* sql, std::int64_t installId,
                                                 std::int64_t atMs, std::string_view body) {
     auto r = run(sql, {param(installId), param(atMs), std::string(body)});
@@ -464,6 +580,10 @@ class PostgresSession : public StoreSession {
   Connection connection_;
   const std::vector<std::size_t>& unsearchable_;
   std::unordered_map<std::string, std::string> prepared_;  // statement text: its name
+  std::size_t nextName_ = 0;
+  std::vector<Queued> queued_;  // sent with the next statement whose answer is read
+  bool inTransaction_ = false;
+  bool broken_ = false;  // a pipeline failed midway
   std::string lastError_;
 };
 
@@ -539,8 +659,7 @@ class PostgresStore : public Store {
     return StoreSessionPtr(s.release(), [this](StoreSession* raw) {
       std::unique_ptr<PostgresSession> back(static_cast<PostgresSession*>(raw));
       back->rollback();
-      PGconn* c = back->connection();
-      if (PQstatus(c) != CONNECTION_OK || PQtransactionStatus(c) != PQTRANS_IDLE)
+      if (!back->reusable())
         back.reset();
       release(std::move(back));
     });

@@ -13,6 +13,7 @@
 
 #include <fmt/format.h>
 #include <httplib.h>
+#include <sys/socket.h>
 
 #include "fences/geometry.hpp"
 #include "zonaris/service/event_rules.hpp"
@@ -41,6 +42,15 @@ ServiceResponse answer(int status, const json& body) {
 ServiceResponse problem(int status, std::string_view text) {
   return answer(status, json{{"error", text}});
 }
+
+// The HTTP server, with a listen queue as long as the system allows: the library listens with a
+// backlog of 5, and with tens of clients opening connections at once the kernel dropped the
+// rest, which the clients saw as transport errors.
+class Listener : public httplib::Server {
+ public:
+  // After a bind: listening again on a listening socket sets its backlog anew.
+  void lengthenQueue() const { ::listen(svr_sock_.load(), SOMAXCONN); }
+};
 
 ServiceResponse badRequest(std::string_view text) {
   return problem(400, text);
@@ -357,22 +367,24 @@ struct ReferenceService::Impl {
     if (!observation)
       return badRequest(error);
 
-    // A fence can hold the device only when it lies within its radius (0 but for "point"
-    // fences) of it; beacon fences go by the beacons seen. Measuring needs no lock: the fences
-    // never change.
     if (auto refused = refuseUnissued(observation->install))
       return *refused;
+    // One session and one transaction: the install is held first, then its candidate fences
+    // are picked and its state read, so an observation costs one connection and one commit.
     std::optional<ServiceResponse> failure;
-    std::vector<std::size_t> candidates;
-    {
-      auto s = session(failure);
-      if (!s)
-        return *failure;
-      auto near = s->fencesNear(observation->latitude, observation->longitude, maxPointRadius);
-      if (!near)
-        return storeFailure(*s);
-      candidates = std::move(*near);
-    }
+    auto s = session(failure);
+    if (!s)
+      return *failure;
+    if (!s->begin())
+      return storeFailure(*s);
+    if (!s->holdInstall(observation->install, nowMs()))
+      return abandon(*s);
+    // A fence can hold the device only when it lies within its radius (0 but for "point"
+    // fences) of it; beacon fences go by the beacons seen.
+    auto near = s->fencesNear(observation->latitude, observation->longitude, maxPointRadius);
+    if (!near)
+      return abandon(*s);
+    std::vector<std::size_t> candidates = std::move(*near);
     candidates.insert(candidates.end(), beaconFences.begin(), beaconFences.end());
     std::vector<bool> inside(fences.size(), false);
     std::vector<bool> measured(fences.size(), false);
@@ -395,13 +407,6 @@ struct ReferenceService::Impl {
       inside[i] = distance[i] <= 0.0;
     }
 
-    auto s = session(failure);
-    if (!s)
-      return *failure;
-    if (!s->begin())
-      return storeFailure(*s);
-    if (!s->holdInstall(observation->install, nowMs()))
-      return abandon(*s);
     const std::int64_t at = nowMs();
     auto states = s->fenceStates(observation->install);
     if (!states)
@@ -552,7 +557,7 @@ int ReferenceService::start(int port) {
     impl_->error = "the service was already started";
     return -1;
   }
-  auto server = std::make_unique<httplib::Server>();
+  auto server = std::make_unique<Listener>();
   auto serve = [this](const httplib::Request& req, httplib::Response& res) {
     std::map<std::string, std::string> query;
     for (const auto& [key, value] : req.params)
@@ -586,6 +591,7 @@ int ReferenceService::start(int port) {
     impl_->error = fmt::format("cannot listen on 127.0.0.1:{}", port);
     return -1;
   }
+  server->lengthenQueue();
   impl_->started = true;
   impl_->server = std::move(server);
   impl_->port = bound;

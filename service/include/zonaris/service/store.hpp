@@ -18,7 +18,9 @@ namespace zonaris::service_tool {
 /// crossings the robust rules hold pending), the last usable observation of each install,
 /// observations with the events they yielded, error reports, and the index that picks the
 /// fences worth measuring. A session serves one request at a time on one thread. Every
-/// operation answers nothing (or false) when the database fails; `lastError()` says why.
+/// operation answers nothing (or false) when the database fails; `lastError()` says why. Inside
+/// a transaction a store may send a change that answers only success (and `begin` itself) with
+/// a later operation, which then reports its failure; `commit` reports any that remain.
 class StoreSession {
  public:
   virtual ~StoreSession() = default;
