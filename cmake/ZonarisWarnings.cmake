@@ -8,18 +8,9 @@ option(ZONARIS_WERROR "Treat the project's warnings as errors" ON)
 
 set(ZONARIS_WARNING_FLAGS -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Wold-style-cast)
 
-# Targets that still have findings of the three newer warnings: those stay warnings there (they
-# show in the build log) until the code is fixed, and every other warning is an error as
-# everywhere else. Remove a target once it builds clean.
-set(ZONARIS_WARNINGS_PENDING zonaris_service_core zonaris_tool_tests)
-
 function(zonaris_warnings target)
   target_compile_options(${target} PRIVATE ${ZONARIS_WARNING_FLAGS})
   if(ZONARIS_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
-    if(target IN_LIST ZONARIS_WARNINGS_PENDING)
-      target_compile_options(${target} PRIVATE -Wno-error=shadow -Wno-error=non-virtual-dtor
-                                               -Wno-error=old-style-cast)
-    endif()
   endif()
 endfunction()

@@ -267,10 +267,10 @@ struct ReferenceService::Impl {
   }
 
   ServiceResponse registerInstall(std::string_view body) const {
-    std::string error;
-    auto doc = parseObject(body, error);
+    std::string problem;
+    auto doc = parseObject(body, problem);
     if (!doc)
-      return badRequest(error);
+      return badRequest(problem);
     auto key = doc->find("appKey");
     if (key == doc->end() || !key->is_string() || key->get_ref<const std::string&>().empty() ||
         key->get_ref<const std::string&>().size() > kMaxAppKeyLength)
@@ -359,13 +359,13 @@ struct ReferenceService::Impl {
   }
 
   ServiceResponse observe(std::string_view body) const {
-    std::string error;
-    auto doc = parseObject(body, error);
+    std::string problem;
+    auto doc = parseObject(body, problem);
     if (!doc)
-      return badRequest(error);
-    auto observation = readObservation(*doc, error);
+      return badRequest(problem);
+    auto observation = readObservation(*doc, problem);
     if (!observation)
-      return badRequest(error);
+      return badRequest(problem);
 
     if (auto refused = refuseUnissued(observation->install))
       return *refused;
@@ -464,10 +464,10 @@ struct ReferenceService::Impl {
   }
 
   ServiceResponse errorReport(std::string_view body) const {
-    std::string error;
-    auto doc = parseObject(body, error);
+    std::string problem;
+    auto doc = parseObject(body, problem);
     if (!doc)
-      return badRequest(error);
+      return badRequest(problem);
     std::int64_t installId = 0;
     if (auto wrong = checkErrorReport(*doc, installId))
       return badRequest(*wrong);

@@ -262,7 +262,7 @@ TEST_P(FleetTest, ConfirmsEachCrossingOnceAndStoresEveryAcceptedObservation) {
 INSTANTIATE_TEST_SUITE_P(Backends, FleetTest,
                          ::testing::Values(Backend{"SQLiteOneNode", false, 1},
                                            Backend{"PostgreSQLFourNodes", true, 4}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& test) { return std::string(test.param.name); });
 
 // Four nodes on PostgreSQL, each client on its own install, sending until told to stop. One node
 // is killed (kill -9) in the middle of the load, later PostgreSQL restarts. The killed node's
