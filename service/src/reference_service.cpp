@@ -266,6 +266,23 @@ struct ReferenceService::Impl {
     return s;
   }
 
+  // A session in a transaction that holds the install's row, so that requests of one install
+  // are taken one after the other; or the 500 that answers the request when that fails.
+  StoreSessionPtr heldSession(std::int64_t install, std::optional<ServiceResponse>& failure) const {
+    auto s = session(failure);
+    if (!s)
+      return s;
+    if (!s->begin()) {
+      failure = storeFailure(*s);
+      return nullptr;
+    }
+    if (!s->holdInstall(install, nowMs())) {
+      failure = abandon(*s);
+      return nullptr;
+    }
+    return s;
+  }
+
   ServiceResponse registerInstall(std::string_view body) const {
     std::string problem;
     auto doc = parseObject(body, problem);
@@ -312,13 +329,9 @@ struct ReferenceService::Impl {
     if (auto refused = refuseUnissued(*install))
       return *refused;
     std::optional<ServiceResponse> failure;
-    auto s = session(failure);
+    auto s = heldSession(*install, failure);
     if (!s)
       return *failure;
-    if (!s->begin())
-      return storeFailure(*s);
-    if (!s->holdInstall(*install, nowMs()))
-      return abandon(*s);
     // The client resets its fence flags from this answer; the robust rules let its next
     // observation decide alone.
     if (confirm == ConfirmRule::Robust) {
@@ -372,13 +385,9 @@ struct ReferenceService::Impl {
     // One session and one transaction: the install is held first, then its candidate fences
     // are picked and its state read, so an observation costs one connection and one commit.
     std::optional<ServiceResponse> failure;
-    auto s = session(failure);
+    auto s = heldSession(observation->install, failure);
     if (!s)
       return *failure;
-    if (!s->begin())
-      return storeFailure(*s);
-    if (!s->holdInstall(observation->install, nowMs()))
-      return abandon(*s);
     // A fence can hold the device only when it lies within its radius (0 but for "point"
     // fences) of it; beacon fences go by the beacons seen.
     auto near = s->fencesNear(observation->latitude, observation->longitude, maxPointRadius);
